@@ -1,0 +1,26 @@
+# Compiler options that every target of this project takes, as one interface target.
+add_library(es_acl_options INTERFACE)
+target_compile_options(es_acl_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wundef -Wvla -Wpointer-arith -Wcast-qual -Wformat -Wformat-security
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi>
+  $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>
+  -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
+  -fstack-protector-strong -fno-omit-frame-pointer)
+target_link_options(es_acl_options INTERFACE -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
+if(ES_ACL_WERROR)
+  target_compile_options(es_acl_options INTERFACE -Werror)
+endif()
+if(ES_ACL_SANITIZE)
+  target_compile_options(es_acl_options INTERFACE -fsanitize=${ES_ACL_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(es_acl_options INTERFACE -fsanitize=${ES_ACL_SANITIZE})
+else()
+  target_link_options(es_acl_options INTERFACE -Wl,--no-undefined)
+endif()
+
+# es_acl_add_test(NAME name SOURCES ... [LIBRARIES ...]): one GoogleTest program, each of its cases one CTest test.
+function(es_acl_add_test)
+  cmake_parse_arguments(arg "" "NAME" "SOURCES;LIBRARIES" ${ARGN})
+  add_executable(${arg_NAME} ${arg_SOURCES})
+  target_link_libraries(${arg_NAME} PRIVATE es_acl_options ${arg_LIBRARIES} GTest::gtest_main Threads::Threads)
+  gtest_discover_tests(${arg_NAME} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+endfunction()

@@ -1,0 +1,173 @@
+/* es-acl: local, current copies of Layer-2 access control lists. Start here.
+ *
+ *     evm* events;
+ *     evm_create(&events);                                   // es_platform/evm.h
+ *     if (es_acl_clib_init(events) != 0) ...
+ *
+ *     void* names_[] = {(void*)"edge-in"};
+ *     void* acls_[1];
+ *     uint32_t results[1];
+ *     es_acl_handle_list names = {1, names_}, acls = {1, acls_};
+ *     es_acl_get_acl(&names, &acls, results);
+ *     if (acls_[0] != NULL) {
+ *       es_acl_head* acl = acls_[0];
+ *       for (es_acl_ace_node* n = es_get_first_ace(acl); n != NULL; n = es_get_next_ace(acl, n)) {
+ *         const es_acl_ace* ace = es_get_ace_data(acl, n);
+ *         if (ace == NULL) break;
+ *         ...
+ *       }
+ *       es_acl_release(&acls);
+ *     }
+ *
+ * Conventions
+ *
+ *  1. Status: 32 bits unsigned, 0 for success (es_acl_status.h).
+ *  2. An ACL handle is got, shared and counted: every get that yields it takes one reference, es_acl_release() gives
+ *     one back, and the last one removes the local copy. A handle may not be used after its release.
+ *  3. Names are zero-terminated, at most 64 characters of [-_.:a-z0-9A-Z], the first a letter or digit.
+ *  4. Sequence numbers are unsigned 32-bit and unique within an ACL; lists are in ascending order of them.
+ *  5. Threads: initialise once, before anything else, on one thread. Afterwards any thread may call any operation.
+ *     Operations on one ACL's list are serialised by its lock, one store call at a time; different ACLs do not wait
+ *     for each other. Getting and releasing the same ACL is to be serialised by the client.
+ *  6. The producer's changes arrive on the bus's delivery thread and are applied there: two calls may see two states.
+ *  7. No exception leaves the library; where memory runs out the status is 12.
+ *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
+ *  9. Nothing is ever torn down: there is no shutdown operation.
+ * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline, and what fails
+ *     for a passing reason is tried four times, a second apart. Nothing else here blocks but for an ACL's lock.
+ * 11. What an operation prints and traces is described in docs/diagnostics.md. */
+#ifndef ES_ACL_H_
+#define ES_ACL_H_
+
+#include <stdarg.h>
+#include <stdint.h>
+
+#include "es_acl/es_acl_export.h"
+#include "es_acl/es_acl_status.h"
+#include "es_acl/es_acl_types.h"
+
+struct acl_client_relay_entry; /* es_platform/process.h */
+struct debug_category;         /* es_platform/diag.h */
+struct rlog_ctx;               /* es_platform/diag.h */
+
+/* A visitor of es_acl_traverse_list(), of the type that the store defines (es_acl_visitor in es_acl_store.h). */
+typedef uint32_t (*es_acl_traverse_fn)(es_acl_head* acl, const es_acl_ace* ace, va_list* args);
+
+ES_ACL_BEGIN_DECLS
+
+/* --- Initialisation --- */
+
+/* Makes this process a client: store, reporting channel, bus. `ctx` is the process's event manager (an `evm*`), which
+ * must outlive the process's use of the library. After a success, further calls return 0 and do nothing; after a
+ * failure the next call starts again. 22: null. Otherwise the failing step's status. */
+ES_ACL_API es_acl_status es_acl_clib_init(void* ctx);
+
+/* Only the store side of it, for a process that owns the store and is no bus consumer. Each call sets up es_acl_hmutex
+ * and the trace buffers anew. */
+ES_ACL_API es_acl_status es_acl_db_owner_clib_init(void* ctx);
+
+/* --- Names. Any thread, once initialised. --- */
+
+/* 0 when `name` can be an ACL's name, else ES_ACL_E_NAME (also for null). */
+ES_ACL_API es_acl_status es_acl_check_acl_name(const char* name);
+/* 1 when `name` is one of the words that cannot name an ACL: standby, maximum, summary, trace, usage. */
+ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
+
+/* --- Getting ACLs. Blocks; any client thread. --- */
+
+/* For each name a handle, in the same order: shared when this process already holds the ACL, else fetched from the
+ * producer.
+ *
+ *   names    names->entries[i] is a `const char*`
+ *   handles  entries is the caller's array of at least names->count slots; count is set, every slot is written: the
+ *            handle, or null
+ *   results  results[i] is name i's status
+ *
+ * Without a producer a valid name yields a handle to an empty ACL, which is filled by nothing but later pushes.
+ * Returns the status of the last name processed: look at `results` and the handles. es_acl_get_acl() refuses a null
+ * list with 22; es_acl_getlist_acl() does not check its pointers.
+ *
+ * check_count non-zero: the producer is asked for the ACL's size first, and a name without ACEs yields a null handle
+ * and leaves its results entry unwritten. */
+ES_ACL_API es_acl_status es_acl_get_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
+                                        uint32_t* results);
+ES_ACL_API es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
+                                            uint32_t* results, uint32_t check_count);
+
+/* The number of ACEs of an ACL, remarks included, and of its remarks. An ACL held locally with ACEs is answered
+ * without the producer, and then *num_remark_aces is not written. A name that nobody registered has 0 ACEs (status 0;
+ * *num_remark_aces is not written). On failure *num_aces is 0, or unwritten for a null name (22). */
+ES_ACL_API es_acl_status es_acl_get_ace_count(const char* name, uint32_t* num_aces, uint32_t* num_remark_aces);
+
+/* Gives back one reference for each non-null handle in the list. The entries are left as they are. */
+ES_ACL_API void es_acl_release(const es_acl_handle_list* handles);
+
+/* --- Walking. No lock, no call into the store; any thread that holds the handle. ---
+ *
+ * A walk may run while the producer's changes are applied: each step sees the list as it then is. A node removed
+ * meanwhile keeps its links and its ACE for a grace time (see the store); memory stays valid as long as the handle. */
+
+/* First node, or null for an empty list. */
+ES_ACL_API es_acl_ace_node* es_get_first_ace(es_acl_head* acl);
+/* The node after `node`; after the last, a node that es_get_ace_data() and this operation answer with null. */
+ES_ACL_API es_acl_ace_node* es_get_next_ace(es_acl_head* acl, es_acl_ace_node* node);
+/* The node's ACE, or null past the end. */
+ES_ACL_API es_acl_ace* es_get_ace_data(es_acl_head* acl, es_acl_ace_node* node);
+/* The ACL's name; it belongs to the ACL. */
+ES_ACL_API const char* es_acl_get_acl_name(es_acl_head* acl);
+
+/* --- Looking up and searching. Any thread. --- */
+
+/* The ACL of that name if this process holds it, else null. Takes no reference. */
+ES_ACL_API es_acl_head* es_acl_lookup(const char* name);
+
+/* A copy of the head record (include es_acl_store.h for its fields), without its list, registries and timer. Taken
+ * without a lock. 2: not held. */
+ES_ACL_API es_acl_status es_acl_lookup_read(const char* name, es_acl_head* out);
+
+/* Calls the visitor for each ACE in order, under the ACL's lock, with the further arguments. `flags` must be 0.
+ * ES_ACL_E_INVALID, ES_ACL_E_NOT_FOUND. */
+ES_ACL_API es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_traverse_fn visitor, ...);
+
+/* The ACE with that sequence number, or null. With a position, a run of nearby searches is quick. */
+ES_ACL_API es_acl_ace* es_acl_search_item(es_acl_head* acl, uint32_t seq);
+ES_ACL_API es_acl_ace* es_acl_search_item_fiter(es_acl_head* acl, uint32_t seq, es_acl_iter* iter);
+ES_ACL_API es_acl_ace* es_acl_search_item_biter(es_acl_head* acl, uint32_t seq, es_acl_iter* iter);
+
+/* First match of a frame, in sequence order. With the store that comes with the library:
+ *   key      an es_acl_match_key
+ *   value64  0, or the address of an es_acl_match_hit that is written when the result is not ES_ACL_MATCH_NONE
+ *   result   ES_ACL_MATCH_*; 0 also for null arguments */
+ES_ACL_API uint32_t es_acl_match_complex(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);
+
+/* The same for `value32` keys in an array. value64 is 0 or the address of as many hit records; hit i is written when
+ * key i matches, and its seq is set to 0 when it does not. The result is the number of keys that matched. */
+ES_ACL_API uint32_t es_acl_match_complex_2(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);
+
+/* How replaced ACEs are reported, ES_ACL_MODIFY_*. Set it during configuration. */
+ES_ACL_API void es_acl_set_modify_mode(uint32_t mode);
+ES_ACL_API uint32_t es_acl_get_modify_mode(void);
+
+/* --- Diagnostics --- */
+
+ES_ACL_API struct rlog_ctx* es_acl_rlog_w_ctx_get(void);
+ES_ACL_API struct rlog_ctx* es_acl_rlog_u_ctx_get(void);
+/* The library's debug categories, or null before the initialisation. */
+ES_ACL_API struct debug_category* es_acl_debug_get_event_handle(void);
+
+/* --- Process-wide state. Read only for clients. --- */
+
+ES_ACL_API extern struct rlog_ctx* es_acl_rlog_u_ctx; /* trace buffer of rare events */
+ES_ACL_API extern struct rlog_ctx* es_acl_rlog_w_ctx; /* trace buffer of most events, wrapping */
+ES_ACL_API extern struct debug_category* es_acl_dll_event_type;
+ES_ACL_API extern uint32_t es_acl_classhandle; /* name-service class of ACL names */
+ES_ACL_API extern void* es_acl_global_handle;  /* bus address that the last count query found */
+ES_ACL_API extern struct acl_client_relay_entry* acl_client_relay_hdl;
+ES_ACL_API extern struct acl_client_relay_entry* acl_client_err_relay_hdl;
+ES_ACL_API extern void* acl_client_relay_hist_hdl;
+ES_ACL_API extern void* es_acl_cb_timer_tree;     /* timers of the deferred notifications */
+ES_ACL_API extern uint32_t es_acl_lib_timer_type; /* belongs to the timer interface; the library does not use it */
+
+ES_ACL_END_DECLS
+
+#endif /* ES_ACL_H_ */

@@ -1,0 +1,35 @@
+/* Status codes.
+ *
+ * Every operation that can fail returns an unsigned 32-bit status, 0 for success. A status is one of
+ *   - a plain POSIX errno value (2, 12, 22, ...), its Linux number;
+ *   - one of the library's own codes below;
+ *   - a code of the platform services (bus, name service), passed through unchanged.
+ * A code whose top three bits are binary 100 is transient: the library itself has already retried it.
+ * errcode_string() of the platform (es_platform/diag.h) gives the text of all three.
+ *
+ * This list is the only place where a code's name, value and text stand. */
+#ifndef ES_ACL_STATUS_H_
+#define ES_ACL_STATUS_H_
+
+#include <stdint.h>
+
+typedef uint32_t es_acl_status;
+
+/* X(name, value, text) */
+#define ES_ACL_STATUS_LIST(X)                                                                        \
+  X(ES_ACL_E_DB_OPEN, 0xa6b18600u, "the store plug-in could not be opened")                          \
+  X(ES_ACL_E_DB_SYMBOL, 0xa6b18800u, "the store plug-in does not export es_acl_api_init_funcs")      \
+  X(ES_ACL_E_NAME, 0xc6b18a00u, "invalid ACL name")                                                  \
+  X(ES_ACL_E_INVALID, 0x46b18400u, "invalid argument")                                               \
+  X(ES_ACL_E_NO_MEMORY, 0x46b18200u, "out of memory for a notify entry")                             \
+  X(ES_ACL_E_NOT_FOUND, 0x46b19a00u, "no such ACL")                                                  \
+  X(ES_ACL_E_NO_RULES, 0x26b19e00u, "the producer reports no ACEs other than remarks")               \
+  X(ES_ACL_E_ANSWER_VERSION, 0x113u, "the producer's answer has a version this library does not know")
+
+enum {
+#define ES_ACL_STATUS_AS_ENUM(name, value, text) name = (int)(value),
+  ES_ACL_STATUS_LIST(ES_ACL_STATUS_AS_ENUM)
+#undef ES_ACL_STATUS_AS_ENUM
+};
+
+#endif /* ES_ACL_STATUS_H_ */

@@ -1,0 +1,65 @@
+/* Producer/consumer notification bus (PCX), the consumer's side.
+ *
+ * Requests travel on the calling thread and their answers land directly in the caller's buffer; any number of threads
+ * may have one under way, and a handler may itself issue one. What a producer pushes arrives on one delivery thread per
+ * process, which calls the handlers for one message at a time, in the order of sending.
+ *
+ * Registrations survive a lost connection: they are made again by themselves when the producer is back. A process
+ * without a producer can register all the same.
+ *
+ * Handles are checked: one that was never given out, or was withdrawn, yields 22 and nothing else. */
+#ifndef ES_PLATFORM_PCX_H_
+#define ES_PLATFORM_PCX_H_
+
+#include "es_platform/platform.h"
+
+/* Handler of what a producer sends. The payload belongs to the bus, is aligned to 8 bytes, may be written to, and is
+ * gone when the handler returns; it is null when the message has no bytes. For a synchronous request the handler sets
+ * *response to memory from malloc(), which is the bus's from then on, and *response_length to its size; both are null
+ * and 0 on entry. Other message types have no response. */
+typedef void (*pcx_handler)(uint64_t context, uint32_t mtype, void* payload, uint32_t length, void** response,
+                            uint32_t* response_length);
+
+/* Context record of pcx_set_context(), 32 bytes. */
+typedef struct pcx_context_record {
+  uint64_t reserved0;
+  void* evm_ctx;
+  uint32_t class_handle;
+  uint32_t reserved20;
+  uint32_t one; /* 1 */
+  uint32_t reserved28;
+} pcx_context_record;
+
+PLATFORM_BEGIN_DECLS
+
+/* Starts the consumer's side for the process. 0, 17 when it is started already, or an errno value. */
+PLATFORM_API uint32_t pcx_lr_init(void* ctx);
+/* Binds a class to the process. 0, or 22 for an unknown class or a record that is not as described. */
+PLATFORM_API uint32_t pcx_set_context(const pcx_context_record* record);
+
+/* Makes the registration a consumer: from now on what is pushed for its name goes to the handler, with `context`. The
+ * second argument is 0. Does not block and needs no producer. 0, 12, 17 (it is one already), 22. */
+PLATFORM_API uint32_t pcx_register(void* reg_handle, uint32_t flags, uint64_t context, pcx_handler handler);
+/* Withdraws the registration from the bus and from the name service. When it returns, the handler is not running for
+ * this registration on another thread and is not called for it again; called from inside the handler it does not wait
+ * for that call. 0, or 22. */
+PLATFORM_API uint32_t pcx_unregister(void* reg_handle);
+
+/* 0 when the registration's producer is there, 2 when it is not, 22. Blocks, at most for the deadline. */
+PLATFORM_API uint32_t pcx_query_producer(void* reg_handle);
+
+/* Sends a request to the producer behind a registration or a bus address and waits for the answer.
+ * *answer_length: the buffer's size in, the answer's length out (unchanged on failure). An answer that does not fit is an
+ * error (90), never cut. Blocks, at most for the deadline (environment ES_PCX_DEADLINE_MS, else 5000). 0; 3: no producer,
+ * or it went away half-way; 11: it is busy; 62: no answer within the deadline; 12; 22; or the status with which the
+ * producer refused the request. */
+PLATFORM_API uint32_t pcx_read(void* handle, const void* request, uint32_t request_length, void* answer,
+                               uint32_t* answer_length);
+
+/* The size, in bytes, at which messages of the class travel best. 0 for an unknown class. Environment
+ * ES_PCX_OPTIMUM_SIZE overrides it (160 to 16777216). */
+PLATFORM_API uint32_t pcx_get_optimum_msg_size(uint32_t class_handle);
+
+PLATFORM_END_DECLS
+
+#endif /* ES_PLATFORM_PCX_H_ */
