@@ -49,10 +49,11 @@ PLATFORM_API uint32_t acl_rlog_init(const char* path, const char* suffix, uint32
 /* Closes the buffer; the context is gone when it was opened once. Null is allowed. */
 PLATFORM_API void acl_rlog_close(rlog_ctx* ctx);
 
-/* Write one record: the operation's name, an event (both are copied, 39 and 31 characters at most) and a string (63
- * characters at most) or up to four values. A null context writes nothing; null strings write "(null)". Lock-free, tens
+/* Write one record: the operation's name, an event (both are copied, 39 and 31 characters at most) and up to four values,
+ * or a string (64 characters at most, so that an ACL's name fits) and two values. A null context writes nothing; null strings write "(null)". Lock-free, tens
  * of nanoseconds, no allocation, any thread. */
-PLATFORM_API void _rlog_str(rlog_ctx* ctx, const char* operation, const char* event, const char* text);
+PLATFORM_API void _rlog_str(rlog_ctx* ctx, const char* operation, const char* event, const char* text, uint64_t a,
+                            uint64_t b);
 PLATFORM_API void _rlog_1(rlog_ctx* ctx, const char* operation, const char* event, uint64_t a);
 PLATFORM_API void _rlog_2(rlog_ctx* ctx, const char* operation, const char* event, uint64_t a, uint64_t b);
 PLATFORM_API void _rlog_3(rlog_ctx* ctx, const char* operation, const char* event, uint64_t a, uint64_t b, uint64_t c);
