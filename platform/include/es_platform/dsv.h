@@ -21,8 +21,14 @@ PLATFORM_API uint32_t dsv_create_class(const char* name, uint32_t flags, uint32_
 
 /* Registers a name and writes the registration's handle (8 bytes, never null, unique in the process's life). Needs no
  * producer and does not block. 0, 12, 22. The handle is the bus's to register (pcx.h) and to withdraw with
- * pcx_unregister(). */
+ * pcx_unregister(). Names have 1 to 255 bytes. */
 PLATFORM_API uint32_t dsv_register(uint32_t class_handle, const char* name, void** reg_handle);
+
+/* The same for `count` names in one call. Writes two arrays of `count` elements from malloc(), the caller's to free:
+ * the handles, and a status for each name (0, or why it was not registered; its handle is then null). 0; or 12 or 22,
+ * and then nothing is registered and both outputs are null. A count of 0 is fine. */
+PLATFORM_API uint32_t dsv_register_bulk(uint32_t class_handle, const char* const* names, uint32_t count,
+                                        void*** reg_handles, uint32_t** codes);
 
 /* The bus address registered under a name, for pcx_read(). Asks the producer: blocks, at most for the bus's deadline.
  * 0; DSV_NO_DATA when there is no producer or it does not publish the name; 11, 12, 22, 62 as pcx_read(). The address

@@ -4,6 +4,9 @@
  * may have one under way, and a handler may itself issue one. What a producer pushes arrives on one delivery thread per
  * process, which calls the handlers for one message at a time, in the order of sending.
  *
+ * A read is answered when the registrations that the process made before it have reached the producer, so that no push
+ * can fall between a registration and the read behind it.
+ *
  * Registrations survive a lost connection: they are made again by themselves when the producer is back. A process
  * without a producer can register all the same.
  *
@@ -40,12 +43,20 @@ PLATFORM_API uint32_t pcx_set_context(const pcx_context_record* record);
 /* Makes the registration a consumer: from now on what is pushed for its name goes to the handler, with `context`. The
  * second argument is 0. Does not block and needs no producer. 0, 12, 17 (it is one already), 22. */
 PLATFORM_API uint32_t pcx_register(void* reg_handle, uint32_t flags, uint64_t context, pcx_handler handler);
+/* The most handles that one pcx_bulk_register() takes; 0 for an unknown class. */
+PLATFORM_API uint32_t pcx_get_num_bulk_handles(uint32_t class_handle);
+/* pcx_register() for `count` handles, as dsv_register_bulk() wrote them. An item whose code is not 0 is passed over and
+ * keeps it; the others get the status that pcx_register() would have given. The three zeros are 0. 0; or 22 (null
+ * arguments, too many handles), and then nothing is registered. */
+PLATFORM_API uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t count, uint32_t zero1,
+                                        uint32_t zero2, uint64_t zero3, pcx_handler handler);
 /* Withdraws the registration from the bus and from the name service. When it returns, the handler is not running for
  * this registration on another thread and is not called for it again; called from inside the handler it does not wait
  * for that call. 0, or 22. */
 PLATFORM_API uint32_t pcx_unregister(void* reg_handle);
 
-/* 0 when the registration's producer is there, 2 when it is not, 22. Blocks, at most for the deadline. */
+/* 0 when the registration's producer is there, 2 when it is not, 22; 11 or 62 when it is there but does not answer.
+ * Blocks, at most for the deadline. */
 PLATFORM_API uint32_t pcx_query_producer(void* reg_handle);
 
 /* Sends a request to the producer behind a registration or a bus address and waits for the answer.
