@@ -22,19 +22,23 @@
  * Conventions
  *
  *  1. Status: 32 bits unsigned, 0 for success (es_acl_status.h).
- *  2. An ACL handle is got, shared and counted: every get that yields it takes one reference, es_acl_release() gives
- *     one back, and the last one removes the local copy. A handle may not be used after its release.
+ *  2. An ACL handle is got, shared and counted: every get that yields it takes one reference,
+ * es_acl_release() gives one back, and the last one removes the local copy. A handle may not be used after
+ * its release.
  *  3. Names are zero-terminated, at most 64 characters of [-_.:a-z0-9A-Z], the first a letter or digit.
  *  4. Sequence numbers are unsigned 32-bit and unique within an ACL; lists are in ascending order of them.
- *  5. Threads: initialise once, before anything else, on one thread. Afterwards any thread may call any operation.
- *     Operations on one ACL's list are serialised by its lock, one store call at a time; different ACLs do not wait
- *     for each other. Getting and releasing the same ACL is to be serialised by the client.
- *  6. The producer's changes arrive on the bus's delivery thread and are applied there: two calls may see two states.
+ *  5. Threads: initialise once, before anything else, on one thread. Afterwards any thread may call any
+ * operation. Operations on one ACL's list are serialised by its lock, one store call at a time; different
+ * ACLs do not wait for each other. Getting and releasing the same ACL is to be serialised by the client.
+ *  6. The producer's changes arrive on the bus's delivery thread and are applied there: two calls may see two
+ * states.
  *  7. No exception leaves the library; where memory runs out the status is 12.
- *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
+ *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says
+ * otherwise.
  *  9. Nothing is ever torn down: there is no shutdown operation.
- * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline, and what fails
- *     for a passing reason is tried four times, a second apart. Nothing else here blocks but for an ACL's lock.
+ * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline, and
+ * what fails for a passing reason is tried four times, a second apart. Nothing else here blocks but for an
+ * ACL's lock.
  * 11. What an operation prints and traces is described in docs/diagnostics.md. */
 #ifndef ES_ACL_H_
 #define ES_ACL_H_
@@ -50,20 +54,21 @@ struct acl_client_relay_entry; /* es_platform/process.h */
 struct debug_category;         /* es_platform/diag.h */
 struct rlog_ctx;               /* es_platform/diag.h */
 
-/* A visitor of es_acl_traverse_list(), of the type that the store defines (es_acl_visitor in es_acl_store.h). */
+/* A visitor of es_acl_traverse_list(), of the type that the store defines (es_acl_visitor in es_acl_store.h).
+ */
 typedef uint32_t (*es_acl_traverse_fn)(es_acl_head* acl, const es_acl_ace* ace, va_list* args);
 
 ES_ACL_BEGIN_DECLS
 
 /* --- Initialisation --- */
 
-/* Makes this process a client: store, reporting channel, bus. `ctx` is the process's event manager (an `evm*`), which
- * must outlive the process's use of the library. After a success, further calls return 0 and do nothing; after a
- * failure the next call starts again. 22: null. Otherwise the failing step's status. */
+/* Makes this process a client: store, reporting channel, bus. `ctx` is the process's event manager (an
+ * `evm*`), which must outlive the process's use of the library. After a success, further calls return 0 and
+ * do nothing; after a failure the next call starts again. 22: null. Otherwise the failing step's status. */
 ES_ACL_API es_acl_status es_acl_clib_init(void* ctx);
 
-/* Only the store side of it, for a process that owns the store and is no bus consumer. Each call sets up es_acl_hmutex
- * and the trace buffers anew. */
+/* Only the store side of it, for a process that owns the store and is no bus consumer. Each call sets up
+ * es_acl_hmutex and the trace buffers anew. */
 ES_ACL_API es_acl_status es_acl_db_owner_clib_init(void* ctx);
 
 /* --- Names. Any thread, once initialised. --- */
@@ -75,41 +80,44 @@ ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
 
 /* --- Getting ACLs. Blocks; any client thread. --- */
 
-/* For each name a handle, in the same order: shared when this process already holds the ACL, else fetched from the
- * producer.
+/* For each name a handle, in the same order: shared when this process already holds the ACL, else fetched
+ * from the producer.
  *
  *   names    names->entries[i] is a `const char*`
- *   handles  entries is the caller's array of at least names->count slots; count is set, every slot is written: the
- *            handle, or null
- *   results  results[i] is name i's status
+ *   handles  entries is the caller's array of at least names->count slots; count is set, every slot is
+ * written: the handle, or null results  results[i] is name i's status
  *
- * Without a producer a valid name yields a handle to an empty ACL, which is filled by nothing but later pushes.
- * Returns the status of the last name processed: look at `results` and the handles. es_acl_get_acl() refuses a null
- * list with 22; es_acl_getlist_acl() does not check its pointers.
+ * Without a producer a valid name yields a handle to an empty ACL, which is filled by nothing but later
+ * pushes. Returns the status of the last name processed: look at `results` and the handles. es_acl_get_acl()
+ * refuses a null list with 22; es_acl_getlist_acl() does not check its pointers.
  *
- * check_count non-zero: the producer is asked for the ACL's size first, and a name without ACEs yields a null handle
- * and leaves its results entry unwritten. */
+ * check_count non-zero: the producer is asked for the ACL's size first, and a name without ACEs yields a null
+ * handle and leaves its results entry unwritten. */
 ES_ACL_API es_acl_status es_acl_get_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
                                         uint32_t* results);
 ES_ACL_API es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
                                             uint32_t* results, uint32_t check_count);
 
-/* The number of ACEs of an ACL, remarks included, and of its remarks. An ACL held locally with ACEs is answered
- * without the producer, and then *num_remark_aces is not written. A name that nobody registered has 0 ACEs (status 0;
- * *num_remark_aces is not written). On failure *num_aces is 0, or unwritten for a null name (22). */
-ES_ACL_API es_acl_status es_acl_get_ace_count(const char* name, uint32_t* num_aces, uint32_t* num_remark_aces);
+/* The number of ACEs of an ACL, remarks included, and of its remarks. An ACL held locally with ACEs is
+ * answered without the producer, and then *num_remark_aces is not written. A name that nobody registered has
+ * 0 ACEs (status 0; *num_remark_aces is not written). On failure *num_aces is 0, or unwritten for a null name
+ * (22). */
+ES_ACL_API es_acl_status es_acl_get_ace_count(const char* name, uint32_t* num_aces,
+                                              uint32_t* num_remark_aces);
 
 /* Gives back one reference for each non-null handle in the list. The entries are left as they are. */
 ES_ACL_API void es_acl_release(const es_acl_handle_list* handles);
 
 /* --- Walking. No lock, no call into the store; any thread that holds the handle. ---
  *
- * A walk may run while the producer's changes are applied: each step sees the list as it then is. A node removed
- * meanwhile keeps its links and its ACE for a grace time (see the store); memory stays valid as long as the handle. */
+ * A walk may run while the producer's changes are applied: each step sees the list as it then is. A node
+ * removed meanwhile keeps its links and its ACE for a grace time (see the store); memory stays valid as long
+ * as the handle. */
 
 /* First node, or null for an empty list. */
 ES_ACL_API es_acl_ace_node* es_get_first_ace(es_acl_head* acl);
-/* The node after `node`; after the last, a node that es_get_ace_data() and this operation answer with null. */
+/* The node after `node`; after the last, a node that es_get_ace_data() and this operation answer with null.
+ */
 ES_ACL_API es_acl_ace_node* es_get_next_ace(es_acl_head* acl, es_acl_ace_node* node);
 /* The node's ACE, or null past the end. */
 ES_ACL_API es_acl_ace* es_get_ace_data(es_acl_head* acl, es_acl_ace_node* node);
@@ -121,13 +129,14 @@ ES_ACL_API const char* es_acl_get_acl_name(es_acl_head* acl);
 /* The ACL of that name if this process holds it, else null. Takes no reference. */
 ES_ACL_API es_acl_head* es_acl_lookup(const char* name);
 
-/* A copy of the head record (include es_acl_store.h for its fields), without its list, registries and timer. Taken
- * without a lock. 2: not held. */
+/* A copy of the head record (include es_acl_store.h for its fields), without its list, registries and timer.
+ * Taken without a lock. 2: not held. */
 ES_ACL_API es_acl_status es_acl_lookup_read(const char* name, es_acl_head* out);
 
-/* Calls the visitor for each ACE in order, under the ACL's lock, with the further arguments. `flags` must be 0.
- * ES_ACL_E_INVALID, ES_ACL_E_NOT_FOUND. */
-ES_ACL_API es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_traverse_fn visitor, ...);
+/* Calls the visitor for each ACE in order, under the ACL's lock, with the further arguments. `flags` must be
+ * 0. ES_ACL_E_INVALID, ES_ACL_E_NOT_FOUND. */
+ES_ACL_API es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_traverse_fn visitor,
+                                              ...);
 
 /* The ACE with that sequence number, or null. With a position, a run of nearby searches is quick. */
 ES_ACL_API es_acl_ace* es_acl_search_item(es_acl_head* acl, uint32_t seq);
@@ -136,13 +145,16 @@ ES_ACL_API es_acl_ace* es_acl_search_item_biter(es_acl_head* acl, uint32_t seq, 
 
 /* First match of a frame, in sequence order. With the store that comes with the library:
  *   key      an es_acl_match_key
- *   value64  0, or the address of an es_acl_match_hit that is written when the result is not ES_ACL_MATCH_NONE
- *   result   ES_ACL_MATCH_*; 0 also for null arguments */
-ES_ACL_API uint32_t es_acl_match_complex(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);
+ *   value64  0, or the address of an es_acl_match_hit that is written when the result is not
+ * ES_ACL_MATCH_NONE result   ES_ACL_MATCH_*; 0 also for null arguments */
+ES_ACL_API uint32_t es_acl_match_complex(es_acl_head* acl, const void* key, uint32_t value32,
+                                         uint64_t value64);
 
-/* The same for `value32` keys in an array. value64 is 0 or the address of as many hit records; hit i is written when
- * key i matches, and its seq is set to 0 when it does not. The result is the number of keys that matched. */
-ES_ACL_API uint32_t es_acl_match_complex_2(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);
+/* The same for `value32` keys in an array. value64 is 0 or the address of as many hit records; hit i is
+ * written when key i matches, and its seq is set to 0 when it does not. The result is the number of keys that
+ * matched. */
+ES_ACL_API uint32_t es_acl_match_complex_2(es_acl_head* acl, const void* key, uint32_t value32,
+                                           uint64_t value64);
 
 /* How replaced ACEs are reported, ES_ACL_MODIFY_*. Set it during configuration. */
 ES_ACL_API void es_acl_set_modify_mode(uint32_t mode);
@@ -165,8 +177,9 @@ ES_ACL_API extern void* es_acl_global_handle;  /* bus address that the last coun
 ES_ACL_API extern struct acl_client_relay_entry* acl_client_relay_hdl;
 ES_ACL_API extern struct acl_client_relay_entry* acl_client_err_relay_hdl;
 ES_ACL_API extern void* acl_client_relay_hist_hdl;
-ES_ACL_API extern void* es_acl_cb_timer_tree;     /* timers of the deferred notifications */
-ES_ACL_API extern uint32_t es_acl_lib_timer_type; /* belongs to the timer interface; the library does not use it */
+ES_ACL_API extern void* es_acl_cb_timer_tree; /* timers of the deferred notifications */
+ES_ACL_API extern uint32_t
+    es_acl_lib_timer_type; /* belongs to the timer interface; the library does not use it */
 
 ES_ACL_END_DECLS
 

@@ -16,20 +16,23 @@
 typedef uint32_t es_acl_status;
 
 /* X(name, value, text) */
-#define ES_ACL_STATUS_LIST(X)                                                                        \
-  X(ES_ACL_E_DB_OPEN, 0xa6b18600u, "the store plug-in could not be opened")                          \
-  X(ES_ACL_E_DB_SYMBOL, 0xa6b18800u, "the store plug-in does not export es_acl_api_init_funcs")      \
-  X(ES_ACL_E_NAME, 0xc6b18a00u, "invalid ACL name")                                                  \
-  X(ES_ACL_E_INVALID, 0x46b18400u, "invalid argument")                                               \
-  X(ES_ACL_E_NO_MEMORY, 0x46b18200u, "out of memory for a notify entry")                             \
-  X(ES_ACL_E_NOT_FOUND, 0x46b19a00u, "no such ACL")                                                  \
-  X(ES_ACL_E_NO_RULES, 0x26b19e00u, "the producer reports no ACEs other than remarks")               \
+#define ES_ACL_STATUS_LIST(X)                                                                   \
+  X(ES_ACL_E_DB_OPEN, 0xa6b18600u, "the store plug-in could not be opened")                     \
+  X(ES_ACL_E_DB_SYMBOL, 0xa6b18800u, "the store plug-in does not export es_acl_api_init_funcs") \
+  X(ES_ACL_E_NAME, 0xc6b18a00u, "invalid ACL name")                                             \
+  X(ES_ACL_E_INVALID, 0x46b18400u, "invalid argument")                                          \
+  X(ES_ACL_E_NO_MEMORY, 0x46b18200u, "out of memory for a notify entry")                        \
+  X(ES_ACL_E_NOT_FOUND, 0x46b19a00u, "no such ACL")                                             \
+  X(ES_ACL_E_NO_RULES, 0x26b19e00u, "the producer reports no ACEs other than remarks")          \
   X(ES_ACL_E_ANSWER_VERSION, 0x113u, "the producer's answer has a version this library does not know")
 
-enum {
-#define ES_ACL_STATUS_AS_ENUM(name, value, text) name = (int)(value),
-  ES_ACL_STATUS_LIST(ES_ACL_STATUS_AS_ENUM)
-#undef ES_ACL_STATUS_AS_ENUM
-};
+/* Typed constants rather than an enumeration: the values need all 32 bits. */
+#ifdef __cplusplus
+#define ES_ACL_STATUS_AS_CONSTANT(name, value, text) inline constexpr es_acl_status name = value;
+#else
+#define ES_ACL_STATUS_AS_CONSTANT(name, value, text) static const es_acl_status name = value;
+#endif
+ES_ACL_STATUS_LIST(ES_ACL_STATUS_AS_CONSTANT)
+#undef ES_ACL_STATUS_AS_CONSTANT
 
 #endif /* ES_ACL_STATUS_H_ */

@@ -4,14 +4,14 @@
  *
  *     void es_acl_api_init_funcs(es_acl_api_table* apis);
  *
- * and writes its operations into the table's slots there. A slot that it leaves alone keeps the library's inert
- * default. A minimal store fills get_header, acl_lookup, acl_release, freelist, add_acl_item_iter,
+ * and writes its operations into the table's slots there. A slot that it leaves alone keeps the library's
+ * inert default. A minimal store fills get_header, acl_lookup, acl_release, freelist, add_acl_item_iter,
  * search_entry_iter and delete_entry_iter.
  *
- * Locks: the library holds the ACL's lock (es_acl_head.lock) around the slots marked [locked] and none around the
- * others; a store guards its own name index, for which the library offers es_acl_hmutex. The store creates and
- * destroys the lock, the library never does. No slot may call back into the library's locked operations on the same
- * ACL. Every slot may be called from any thread once init has returned. */
+ * Locks: the library holds the ACL's lock (es_acl_head.lock) around the slots marked [locked] and none around
+ * the others; a store guards its own name index, for which the library offers es_acl_hmutex. The store
+ * creates and destroys the lock, the library never does. No slot may call back into the library's locked
+ * operations on the same ACL. Every slot may be called from any thread once init has returned. */
 #ifndef ES_ACL_STORE_H_
 #define ES_ACL_STORE_H_
 
@@ -21,8 +21,9 @@
 #include "es_acl/es_acl_status.h"
 #include "es_acl/es_acl_types.h"
 
-/* A node of an ACL's list. The walk accessors read these three words without the ACL's lock: a store publishes
- * `next` with release semantics and keeps a removed node readable (see es_get_first_ace() in es_acl.h). */
+/* A node of an ACL's list. The walk accessors read these three words without the ACL's lock: a store
+ * publishes `next` with release semantics and keeps a removed node readable (see es_get_first_ace() in
+ * es_acl.h). */
 struct es_acl_ace_node {
   es_acl_ace_node* next;
   es_acl_ace_node* aux; /* the store's own link */
@@ -32,14 +33,15 @@ struct es_acl_ace_node {
 /* The word of an element that points to its ACE record, counted from 0: the 21st. */
 #define ES_ACL_ELEMENT_ACE_WORD 20
 
-/* An embedded list: `first` points to the first entry, whose own first word is its link. All zero when empty. */
+/* An embedded list: `first` points to the first entry, whose own first word is its link. All zero when empty.
+ */
 typedef struct es_acl_entry_queue {
   void* first;
   void* last;
 } es_acl_entry_queue;
 
-/* ACL head record. The store allocates it zero-filled (get_header); the fields named store_* are the store's, the
- * others the library's unless the comment says otherwise. */
+/* ACL head record. The store allocates it zero-filled (get_header); the fields named store_* are the store's,
+ * the others the library's unless the comment says otherwise. */
 struct es_acl_head {
   void* store_word[2];        /* the second is cleared in snapshots */
   es_acl_entry_queue cb_list; /* deferred notification entries; under `lock` */
@@ -81,27 +83,28 @@ enum { ES_ACL_BACKWARD = 0, ES_ACL_FORWARD = 1 };
 
 /* Flags of the additions. */
 enum {
-  ES_ACL_ADD_KEEP = 0,   /* an ACE already stored under the number stays; the offered one goes back to the pool */
+  ES_ACL_ADD_KEEP =
+      0, /* an ACE already stored under the number stays; the offered one goes back to the pool */
   ES_ACL_ADD_REPLACE = 1 /* an ACE already stored under the number gives way to the offered one */
 };
 
 /* The store API table, 17 slots. */
 typedef struct es_acl_api_table {
-  /*  0 Prepares the store. `ctx` is the context the library is initialised with. Called once per initialisation,
-   *    so possibly again. A non-zero status fails the initialisation. */
+  /*  0 Prepares the store. `ctx` is the context the library is initialised with. Called once per
+   * initialisation, so possibly again. A non-zero status fails the initialisation. */
   es_acl_status (*init)(void* ctx);
   /*  1 The head of an ACL in the store, or null. Not counted. */
   es_acl_head* (*acl_lookup)(const char* name);
-  /*  2 A new head for the name, refcount 1, empty list, lock initialised, findable by acl_lookup; null when it
-   *    cannot be made (no memory, or the name is present already). */
+  /*  2 A new head for the name, refcount 1, empty list, lock initialised, findable by acl_lookup; null when
+   * it cannot be made (no memory, or the name is present already). */
   es_acl_head* (*get_header)(const char* name);
   /*  3 Removes the ACL of that name and frees its head, list and records. */
   void (*acl_release)(const char* name);
   /*  4 Like slot 5 without a position. The library does not call it. */
   es_acl_status (*add_acl_item)(es_acl_head* acl, es_acl_ace* ace, uint32_t seq, uint32_t flag);
-  /*  5 [locked] Inserts the ACE under `seq`, in order. On 0 the record is the store's (which may give it back to the
-   *    pool with es_acl_free_rules() at once and keep a copy); on another status it stays the caller's. `iter` may
-   *    be null. */
+  /*  5 [locked] Inserts the ACE under `seq`, in order. On 0 the record is the store's (which may give it back
+   * to the pool with es_acl_free_rules() at once and keep a copy); on another status it stays the caller's.
+   * `iter` may be null. */
   es_acl_status (*add_acl_item_iter)(es_acl_head* acl, es_acl_ace* ace, uint32_t seq, uint32_t flag,
                                      es_acl_iter* iter);
   /*  6 Like slot 7 without a position. The library does not call it. */
@@ -112,8 +115,8 @@ typedef struct es_acl_api_table {
   es_acl_ace* (*search_entry)(es_acl_head* acl, uint32_t seq);
   /*  9 [locked] The same, from the position and updating it. `iter` may be null. */
   es_acl_ace* (*search_entry_iter)(es_acl_head* acl, uint32_t seq, uint32_t direction, es_acl_iter* iter);
-  /* 10 Discards a head that was never handed out, with its list. *out, when non-null, receives a value that the
-   *    library does not read. */
+  /* 10 Discards a head that was never handed out, with its list. *out, when non-null, receives a value that
+   * the library does not read. */
   void (*freelist)(es_acl_head* acl, uint32_t* out);
   /* 11 [locked] Evaluates a key. The library passes the arguments on as they are. */
   uint32_t (*match_complex)(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);
@@ -121,8 +124,8 @@ typedef struct es_acl_api_table {
   uint32_t (*match_complex_2)(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);
   /* 13 Not called. */
   uint32_t (*reserved_13)(void);
-  /* 14 [locked] Renumbers the ACEs in list order: start_seq, start_seq + step, ..., passing over the numbers in the
-   *    skip list. On a non-zero status nothing is changed. */
+  /* 14 [locked] Renumbers the ACEs in list order: start_seq, start_seq + step, ..., passing over the numbers
+   * in the skip list. On a non-zero status nothing is changed. */
   es_acl_status (*resequence)(es_acl_head* acl, uint32_t start_seq, uint32_t step, uint32_t num_skip_seqs,
                               const uint32_t* skip_seqs);
   /* 15 The store's root object; the six arguments are passed through unchanged. */
@@ -140,19 +143,21 @@ ES_ACL_BEGIN_DECLS
 /* The table in force. Filled once, at the first successful load; read without a lock afterwards. */
 ES_ACL_API extern es_acl_api_table* es_acl_apis;
 
-/* Store-wide recursive mutex, offered to the store and to the owner process; the library never locks it. Valid
- * from the owner initialisation on. */
+/* Store-wide recursive mutex, offered to the store and to the owner process; the library never locks it.
+ * Valid from the owner initialisation on. */
 ES_ACL_API extern pthread_mutex_t es_acl_hmutex;
 
-/* Loads the store plug-in `name` (a file name, looked for beside the library, then as dlopen() does; at most 255
- * characters, a longer one is cut). Call it before the initialisation to choose another store; the initialisation
- * itself loads the default, libes_acl_tree.dll. Once a plug-in is loaded, further calls load nothing and return 0.
- * 22: null name. ES_ACL_E_DB_OPEN, ES_ACL_E_DB_SYMBOL: see their texts; a later call tries again. Not thread-safe. */
+/* Loads the store plug-in `name` (a file name, looked for beside the library, then as dlopen() does; at most
+ * 255 characters, a longer one is cut). Call it before the initialisation to choose another store; the
+ * initialisation itself loads the default, libes_acl_tree.dll. Once a plug-in is loaded, further calls load
+ * nothing and return 0. 22: null name. ES_ACL_E_DB_OPEN, ES_ACL_E_DB_SYMBOL: see their texts; a later call
+ * tries again. Not thread-safe. */
 ES_ACL_API es_acl_status es_acl_use_db_dll(const char* name);
 
 /* --- ACE records: the rules pool. Any thread. --- */
 
-/* A record of unspecified content, or null. Give it back with es_acl_free_rules() unless a store accepted it. */
+/* A record of unspecified content, or null. Give it back with es_acl_free_rules() unless a store accepted it.
+ */
 ES_ACL_API es_acl_ace* es_acl_alloc_rules(void);
 ES_ACL_API void es_acl_free_rules(es_acl_ace* rules);
 
@@ -160,16 +165,17 @@ ES_ACL_API void es_acl_free_rules(es_acl_ace* rules);
 
 /* Adds an ACE: see slot 5. 22 for a null ACL or ACE; the record then stays the caller's. */
 ES_ACL_API es_acl_status es_acl_add_acl_item(es_acl_head* acl, es_acl_ace* ace, uint32_t seq, uint32_t flag);
-ES_ACL_API es_acl_status es_acl_add_acl_item_common(es_acl_head* acl, es_acl_ace* ace, uint32_t seq, uint32_t flag,
-                                                    es_acl_iter* iter);
+ES_ACL_API es_acl_status es_acl_add_acl_item_common(es_acl_head* acl, es_acl_ace* ace, uint32_t seq,
+                                                    uint32_t flag, es_acl_iter* iter);
 
 /* Removes the ACE with that number. es_acl_delete_item() refuses number 0; the other one a null iterator. */
 ES_ACL_API void es_acl_delete_item(es_acl_head* acl, uint32_t seq);
-ES_ACL_API void es_acl_delete_item_common(es_acl_head* acl, uint32_t seq, uint32_t direction, es_acl_iter* iter);
+ES_ACL_API void es_acl_delete_item_common(es_acl_head* acl, uint32_t seq, uint32_t direction,
+                                          es_acl_iter* iter);
 
 /* Renumbers the list: see slot 14. 22 for a null ACL. */
-ES_ACL_API es_acl_status es_acl_resequence(es_acl_head* acl, uint32_t start_seq, uint32_t step, uint32_t num_skip_seqs,
-                                           const uint32_t* skip_seqs);
+ES_ACL_API es_acl_status es_acl_resequence(es_acl_head* acl, uint32_t start_seq, uint32_t step,
+                                           uint32_t num_skip_seqs, const uint32_t* skip_seqs);
 
 /* 1 when all 80 bytes of both are equal, else 0 (also for a null pointer). No lock. */
 ES_ACL_API uint32_t es_acl_compare_ace(const es_acl_ace* ace, const es_acl_ace* rules);

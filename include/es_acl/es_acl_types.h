@@ -40,7 +40,8 @@ enum {
 /* es_acl_ace.grant */
 enum { ES_ACL_DENY = 0, ES_ACL_PERMIT = 1 };
 
-/* One access control entry, 80 bytes: an element of the rules pool before it is added, the store's afterwards.
+/* One access control entry, 80 bytes: an element of the rules pool before it is added, the store's
+ * afterwards.
  *
  * Addresses and wildcard masks are three 16-bit words each, most significant word first: 00:11:22:33:44:55 is
  * {0x0011, 0x2233, 0x4455}. A set bit of a wildcard mask means "any value" for that bit of the address.
@@ -130,8 +131,8 @@ typedef struct es_acl_match_hit {
   uint32_t log_option;
 } es_acl_match_hit;
 
-/* A list of names (input: `const char*` entries) or of ACL handles (output: `es_acl_head*` entries). `entries` is
- * an array of `count` pointers that belongs to the caller. */
+/* A list of names (input: `const char*` entries) or of ACL handles (output: `es_acl_head*` entries).
+ * `entries` is an array of `count` pointers that belongs to the caller. */
 typedef struct es_acl_handle_list {
   uint32_t count;
   void** entries;
@@ -139,7 +140,8 @@ typedef struct es_acl_handle_list {
 ES_ACL_STATIC_ASSERT(offsetof(es_acl_handle_list, entries) == 8, "layout");
 
 /* A position in an ACL's list, owned by the caller, read and updated by the store. Null is "no position yet".
- * A position belongs to one ACL; it stays safe to use, if no longer quick, when the list changes in between. */
+ * A position belongs to one ACL; it stays safe to use, if no longer quick, when the list changes in between.
+ */
 typedef void* es_acl_iter;
 
 /* A node of an ACL's list as the walk accessors hand it out (its first three words are described in
@@ -152,8 +154,8 @@ enum {
   ES_ACL_MODIFY_ADD_ONLY = 1        /* as one addition that carries the ACE stored so far */
 };
 
-/* The configuration form of one ACE's match rules, 72 bytes, as described to the schema facility. Address words
- * as in es_acl_ace. */
+/* The configuration form of one ACE's match rules, 72 bytes, as described to the schema facility. Address
+ * words as in es_acl_ace. */
 typedef struct es_acl_config_ace {
   uint64_t config_mask;
   uint16_t SAddr[3];

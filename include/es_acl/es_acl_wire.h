@@ -1,12 +1,13 @@
 /* The records that cross the bus, for whoever writes a producer.
  *
- * Every 16- and 32-bit integer is big-endian on the wire, in both directions; one-byte and character fields are as they
- * stand. A sender builds a record in host order and converts it just before sending; a receiver converts in place
- * before use. The es_acl_wire_*_order() functions below do both: conversion is its own inverse. A name field is 65
- * bytes, at most 64 characters and a NUL; what follows the NUL, and all padding, means nothing.
+ * Every 16- and 32-bit integer is big-endian on the wire, in both directions; one-byte and character fields
+ * are as they stand. A sender builds a record in host order and converts it just before sending; a receiver
+ * converts in place before use. The es_acl_wire_*_order() functions below do both: conversion is its own
+ * inverse. A name field is 65 bytes, at most 64 characters and a NUL; what follows the NUL, and all padding,
+ * means nothing.
  *
- * Requests of the library and pushes of the producer begin with the words `cmd` and `ver`. docs/wire_format.md has the
- * exchange and a worked example. */
+ * Requests of the library and pushes of the producer begin with the words `cmd` and `ver`.
+ * docs/wire_format.md has the exchange and a worked example. */
 #ifndef ES_ACL_WIRE_H_
 #define ES_ACL_WIRE_H_
 
@@ -39,9 +40,9 @@ enum {
 };
 
 enum {
-  ES_ACL_PCX_VERSION = 1,          /* of every record but the response */
-  ACL_PCX_CONS_RESP_VERSION = 2,   /* of acl_pcx_cons_resp */
-  ACL_PCX_CONS_REQ_MIN_SIZE = 73,  /* acl_pcx_cons_req up to its name's end */
+  ES_ACL_PCX_VERSION = 1,         /* of every record but the response */
+  ACL_PCX_CONS_RESP_VERSION = 2,  /* of acl_pcx_cons_resp */
+  ACL_PCX_CONS_REQ_MIN_SIZE = 73, /* acl_pcx_cons_req up to its name's end */
   ACL_PCX_RESP_PROC_NAME_SIZE = 128,
   ACL_PCX_RESP_NODE_NAME_SIZE = 32,
 };
@@ -66,7 +67,8 @@ typedef struct acl_pcx_query_resp {
 ES_ACL_STATIC_ASSERT(sizeof(acl_pcx_query_resp) == 16, "wire size");
 
 /* A batch of an ACL's ACEs (sub-command 5), 84 bytes. The answer is an array of es_acl_pcx_acl_ace, at most
- * max_entries of them, in ascending order, each numbered above start_seq; fewer than max_entries end the ACL. */
+ * max_entries of them, in ascending order, each numbered above start_seq; fewer than max_entries end the ACL.
+ */
 typedef struct acl_pcx_read_req {
   uint32_t cmd;
   uint32_t ver;
@@ -78,7 +80,8 @@ typedef struct acl_pcx_read_req {
 ES_ACL_STATIC_ASSERT(sizeof(acl_pcx_read_req) == 84, "wire size");
 ES_ACL_STATIC_ASSERT(offsetof(acl_pcx_read_req, start_seq) == 76, "wire layout");
 
-/* Header of the bulk requests (sub-commands 16 and 17), 16 bytes; num_entries name fields follow back to back. */
+/* Header of the bulk requests (sub-commands 16 and 17), 16 bytes; num_entries name fields follow back to
+ * back. */
 typedef struct acl_pcx_bulk_req {
   uint32_t cmd;
   uint32_t ver;
@@ -118,11 +121,13 @@ typedef struct acl_pcx_cons_req {
   char acl_name[ES_ACL_NAME_FIELD_SIZE];
   uint8_t padding[3];
 } acl_pcx_cons_req;
-ES_ACL_STATIC_ASSERT(offsetof(acl_pcx_cons_req, acl_name) + ES_ACL_NAME_FIELD_SIZE == ACL_PCX_CONS_REQ_MIN_SIZE,
+ES_ACL_STATIC_ASSERT(offsetof(acl_pcx_cons_req, acl_name) + ES_ACL_NAME_FIELD_SIZE ==
+                         ACL_PCX_CONS_REQ_MIN_SIZE,
                      "wire layout");
 
-/* Header of the resource queries (sub-commands 14 and 15), 88 bytes. As a write num_aces es_acl_pcx_acl_ace records
- * follow, the candidates; the synchronous forms are the header alone and mean the held write with the same key. */
+/* Header of the resource queries (sub-commands 14 and 15), 88 bytes. As a write num_aces es_acl_pcx_acl_ace
+ * records follow, the candidates; the synchronous forms are the header alone and mean the held write with the
+ * same key. */
 typedef struct es_acl_pcx_res_query_req {
   uint32_t cmd;
   uint32_t ver;
@@ -254,8 +259,8 @@ static inline void es_acl_wire_cons_resp_order(acl_pcx_cons_resp* record) {
   record->in_use = (int32_t)es_acl_wire_32((uint32_t)record->in_use);
 }
 
-/* Bounded copy into a name field: at most 64 characters, always terminated, zero-filled behind. `name` is read up to
- * its NUL or its 64th character. */
+/* Bounded copy into a name field: at most 64 characters, always terminated, zero-filled behind. `name` is
+ * read up to its NUL or its 64th character. */
 static inline void es_acl_wire_set_name(char field[ES_ACL_NAME_FIELD_SIZE], const char* name) {
   const char* end = (const char*)memchr(name, 0, ES_ACL_NAME_MAX);
   const size_t length = end != NULL ? (size_t)(end - name) : ES_ACL_NAME_MAX;

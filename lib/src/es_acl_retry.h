@@ -1,0 +1,37 @@
+// The one way in which the library retries a platform call: four attempts, a second's sleep after each
+// retryable failure, the fourth included. A result of -1 is replaced by errno first.
+#ifndef ES_ACL_SRC_RETRY_H_
+#define ES_ACL_SRC_RETRY_H_
+
+#include <time.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "es_platform/platform.h"
+
+namespace es_acl {
+
+// Status class "transient" of the platform: top three bits binary 100.
+inline bool is_transient(uint32_t status) { return (status & 0xe0000000u) == 0x80000000u; }
+
+// Passing failures of a count query or a bulk read.
+inline bool is_bus_passing(uint32_t status) { return status == ESRCH || status == EAGAIN || status == ETIME; }
+
+template <typename Attempt>
+uint32_t with_retries(bool (*retryable)(uint32_t), Attempt attempt) {
+  constexpr int kAttempts = 4;
+  uint32_t status = 0;
+  for (int i = 0; i < kAttempts; ++i) {
+    status = attempt();
+    if (status == PLATFORM_FAILED) status = static_cast<uint32_t>(errno);
+    if (!retryable(status)) break;
+    const timespec second = {1, 0};
+    nanosleep(&second, nullptr);
+  }
+  return status;
+}
+
+}  // namespace es_acl
+
+#endif  // ES_ACL_SRC_RETRY_H_

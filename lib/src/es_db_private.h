@@ -1,0 +1,64 @@
+// The per-ACL lock pair and the counted reference, shared by the sources that reach into a head record.
+//
+// The lock is held around exactly one store call or one short change of the head. It belongs to the store,
+// which creates and destroys it; whether it is recursive is the store's choice. No callback, debug line or
+// trace record runs under it.
+#ifndef ES_ACL_SRC_ES_DB_PRIVATE_H_
+#define ES_ACL_SRC_ES_DB_PRIVATE_H_
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "es_acl/es_acl_store.h"
+#include "es_platform/diag.h"
+
+namespace es_acl {
+
+// A lock step that fails for another reason than "busy" means a destroyed or foreign mutex, and ends the
+// process.
+inline void lock_assert(int _err, int line, const char* function) {
+  if (_err != 0) [[unlikely]]
+    assert_fail("_err == 0", "apps/acl/es/lib/src/es_db_private", line, function);
+}
+
+inline void es_acl_lock(es_acl_head* acl) {
+  int _err = pthread_mutex_trylock(&acl->lock);
+  if (_err == EBUSY) {
+    thread_mark_mutex_block(&acl->lock, "es_acl_lock", 254);
+    _err = pthread_mutex_lock(&acl->lock);
+    thread_unmark_mutex_block();
+  }
+  lock_assert(_err, 258, "es_acl_lock");
+}
+
+inline void es_acl_unlock(es_acl_head* acl) {
+  lock_assert(pthread_mutex_unlock(&acl->lock), 268, "es_acl_unlock");
+}
+
+class AclLock {
+ public:
+  explicit AclLock(es_acl_head* acl) : acl_(acl) { es_acl_lock(acl_); }
+  ~AclLock() { es_acl_unlock(acl_); }
+  AclLock(const AclLock&) = delete;
+  AclLock& operator=(const AclLock&) = delete;
+
+ private:
+  es_acl_head* acl_;
+};
+
+// refcount and ace_count are plain words of the record that several threads may look at.
+inline int32_t add_reference(es_acl_head* acl) {
+  return std::atomic_ref<int32_t>(acl->refcount).fetch_add(1, std::memory_order_relaxed) + 1;
+}
+inline int32_t drop_reference(es_acl_head* acl) {
+  return std::atomic_ref<int32_t>(acl->refcount).fetch_sub(1, std::memory_order_acq_rel) - 1;
+}
+inline uint32_t ace_count(es_acl_head* acl) {
+  return std::atomic_ref<uint32_t>(acl->ace_count).load(std::memory_order_relaxed);
+}
+
+}  // namespace es_acl
+
+#endif  // ES_ACL_SRC_ES_DB_PRIVATE_H_
