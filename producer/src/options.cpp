@@ -1,0 +1,56 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "log.h"
+
+namespace es_acl::producer {
+namespace {
+
+constexpr const char* kFooter =
+    "Serves the ACLs of the configuration until SIGTERM or SIGINT.\n"
+    "Exit codes: 0 done, 1 usage, 2 configuration refused, 3 bus, 4 system.";
+
+}  // namespace
+
+std::optional<Options> parse_options(int argc, char** argv, int* exit_code) {
+  Options options;
+  CLI::App app("Reference producer of Layer-2 ACLs", "es-acl-producer");
+  app.footer(kFooter);
+  app.set_version_flag("--version", ES_ACL_VERSION);
+  auto* config =
+      app.add_option("--config", options.config, "Configuration to serve, JSON or XML")->type_name("FILE");
+  app.add_flag("--check", options.check, "Check the configuration and end");
+  auto* print_yang =
+      app.add_flag("--print-yang", options.print_yang, "Print the configuration's YANG module and end");
+  app.add_option("--ready-fd", options.ready_fd,
+                 "Write \"ready\" and a newline to this descriptor when serving")
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
+  app.add_option("--ready-file", options.ready_file,
+                 "Make this file, with the process id in it, when serving")
+      ->type_name("FILE");
+  app.add_flag_callback(
+      "--foreground", [] {}, "Stay in the foreground, as it always does");
+  app.add_flag("--verbose,-v", options.verbose, "Log what is loaded and who comes and goes");
+  try {
+    app.parse(argc, argv);
+    if (!*print_yang && !*config) throw CLI::RequiredError("--config");
+  } catch (const CLI::CallForHelp&) {
+    std::cout << app.help();
+    *exit_code = kExitOk;
+    return std::nullopt;
+  } catch (const CLI::CallForVersion&) {
+    std::cout << "es-acl-producer " << ES_ACL_VERSION << '\n';
+    *exit_code = kExitOk;
+    return std::nullopt;
+  } catch (const CLI::ParseError& error) {
+    log_line(std::string(error.what()) + " (try --help)");
+    *exit_code = kExitUsage;
+    return std::nullopt;
+  }
+  return options;
+}
+
+}  // namespace es_acl::producer

@@ -1,0 +1,32 @@
+// The command line.
+#ifndef ES_ACL_PRODUCER_OPTIONS_H_
+#define ES_ACL_PRODUCER_OPTIONS_H_
+
+#include <optional>
+#include <string>
+
+namespace es_acl::producer {
+
+enum ExitCode {
+  kExitOk = 0,
+  kExitUsage = 1,          // the command line is wrong
+  kExitConfiguration = 2,  // the configuration is refused
+  kExitBus = 3,            // the bus could not be opened, or a name not published
+  kExitSystem = 4,         // memory, or the readiness report
+};
+
+struct Options {
+  std::string config;
+  std::string ready_file;
+  int ready_fd = -1;
+  bool check = false;
+  bool print_yang = false;
+  bool verbose = false;
+};
+
+// The options; or nothing when the program is to end with *exit_code (help has been printed, or an error).
+std::optional<Options> parse_options(int argc, char** argv, int* exit_code);
+
+}  // namespace es_acl::producer
+
+#endif  // ES_ACL_PRODUCER_OPTIONS_H_

@@ -1,0 +1,232 @@
+#include "service.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "log.h"
+
+namespace es_acl::producer {
+namespace {
+
+// The name in a 65-byte field; one without a terminating NUL is not as the wire format has it.
+bool read_name(const char* field, std::string_view* name) {
+  const void* end = std::memchr(field, 0, ES_ACL_NAME_FIELD_SIZE);
+  if (!end) return false;
+  *name = {field, static_cast<size_t>(static_cast<const char*>(end) - field)};
+  return true;
+}
+
+// An ACL that nobody configured has no entries.
+acl_pcx_query_resp count_record(const AclPtr& acl) {
+  acl_pcx_query_resp record{};
+  record.ver = ES_ACL_PCX_VERSION;
+  record.num_aces = acl ? static_cast<uint32_t>(acl->size()) : 0;
+  record.num_remark_aces = acl ? static_cast<uint32_t>(acl->remark_count()) : 0;
+  es_acl_wire_query_resp_order(&record);
+  return record;
+}
+
+}  // namespace
+
+// A request with the answer it will get. The bus aligns requests to 8 bytes.
+struct Service::Request {
+  const pcx_peer& peer;
+  std::span<std::byte> bytes;
+  std::span<std::byte> answer;
+  size_t answer_length = 0;
+  std::string refusal;  // why, when the status is not 0
+
+  template <typename Record>
+  Record* as() {
+    return reinterpret_cast<Record*>(bytes.data());
+  }
+
+  uint32_t refuse(std::string reason, uint32_t status = EINVAL) {
+    refusal = std::move(reason);
+    return status;
+  }
+
+  uint32_t refuse_size(size_t needed) {
+    return refuse("the answer of " + std::to_string(needed) + " bytes does not fit into " +
+                      std::to_string(answer.size()),
+                  EMSGSIZE);
+  }
+
+  uint32_t refuse_version(uint32_t version) {
+    return refuse("version " + std::to_string(version) + ", not 1");
+  }
+
+  uint32_t refuse_length(size_t expected) {
+    return refuse("length " + std::to_string(bytes.size()) + ", not " + std::to_string(expected));
+  }
+
+  // The name fields of a bulk request, checked as a whole before any of them is used.
+  uint32_t bulk_names(std::vector<std::string_view>* names);
+};
+
+uint32_t Service::Request::bulk_names(std::vector<std::string_view>* names) {
+  if (bytes.size() < sizeof(acl_pcx_bulk_req)) return refuse_length(sizeof(acl_pcx_bulk_req));
+  auto* header = as<acl_pcx_bulk_req>();
+  es_acl_wire_bulk_req_order(header);
+  if (header->ver != ES_ACL_PCX_VERSION) return refuse_version(header->ver);
+  if (header->one != 1) return refuse("fourth word " + std::to_string(header->one) + ", not 1");
+  const size_t expected = sizeof *header + size_t{ES_ACL_NAME_FIELD_SIZE} * header->num_entries;
+  if (bytes.size() != expected) return refuse_length(expected);
+  names->resize(header->num_entries);
+  const char* field = reinterpret_cast<const char*>(header + 1);
+  for (std::string_view& name : *names) {
+    if (!read_name(field, &name)) return refuse("a name without its NUL");
+    field += ES_ACL_NAME_FIELD_SIZE;
+  }
+  return 0;
+}
+
+Service::Service(DatabasePtr database, Log log) : log_(std::move(log)), database_(std::move(database)) {}
+
+DatabasePtr Service::database() const {
+  const std::lock_guard lock(mutex_);
+  return database_;
+}
+
+void Service::replace(DatabasePtr database) {
+  const std::lock_guard lock(mutex_);
+  database_.swap(database);  // the old one goes after the lock, with the argument
+}
+
+size_t Service::pinned() const {
+  const std::lock_guard lock(mutex_);
+  size_t count = 0;
+  for (const auto& [peer, pins] : pins_) count += pins.size();
+  return count;
+}
+
+uint32_t Service::answer(const pcx_peer& peer, std::span<std::byte> request, std::span<std::byte> answer,
+                         uint32_t* answer_length) {
+  Request call{peer, request, answer, 0, {}};
+  const uint32_t status = dispatch(call);
+  *answer_length = static_cast<uint32_t>(call.answer_length);
+  if (status != 0) {
+    log_("process " + std::to_string(peer.pid) + " (uid " + std::to_string(peer.uid) +
+         "): request refused with " + std::to_string(status) + ": " + call.refusal);
+  }
+  return status;
+}
+
+uint32_t Service::dispatch(Request& request) {
+  if (request.bytes.size() < sizeof(uint32_t)) return request.refuse("too short for a sub-command");
+  const uint32_t command = es_acl_wire_32(*request.as<uint32_t>());
+  switch (command) {
+    case ACL_PCX_QUERY_ACE_COUNT:
+      return count(request);
+    case ACL_PCX_READ_ACES:
+      return read(request);
+    case ACL_PCX_QUERY_ACE_COUNT_BULK:
+      return bulk_count(request);
+    case ACL_PCX_READ_ACES_BULK:
+      return bulk_read(request);
+    default:
+      return request.refuse("unknown sub-command " + std::to_string(command));
+  }
+}
+
+uint32_t Service::count(Request& request) {
+  if (request.bytes.size() != sizeof(acl_pcx_query_req))
+    return request.refuse_length(sizeof(acl_pcx_query_req));
+  auto* query = request.as<acl_pcx_query_req>();
+  es_acl_wire_query_req_order(query);
+  if (query->ver != ES_ACL_PCX_VERSION) return request.refuse_version(query->ver);
+  std::string_view name;
+  if (!read_name(query->acl_name, &name)) return request.refuse("a name without its NUL");
+  const acl_pcx_query_resp record = count_record(database()->find(name));
+  if (request.answer.size() < sizeof record) return request.refuse_size(sizeof record);
+  std::memcpy(request.answer.data(), &record, sizeof record);
+  request.answer_length = sizeof record;
+  return 0;
+}
+
+// A full batch does not end the read, even when nothing is left behind it: the consumer asks again and gets
+// none.
+uint32_t Service::read(Request& request) {
+  if (request.bytes.size() != sizeof(acl_pcx_read_req))
+    return request.refuse_length(sizeof(acl_pcx_read_req));
+  auto* query = request.as<acl_pcx_read_req>();
+  es_acl_wire_read_req_order(query);
+  if (query->ver != ES_ACL_PCX_VERSION) return request.refuse_version(query->ver);
+  std::string_view name;
+  if (!read_name(query->acl_name, &name)) return request.refuse("a name without its NUL");
+  if (query->max_entries == 0) return request.refuse("max_entries 0: such a read would never end");
+
+  const AclPtr acl = snapshot_for_read(request.peer.id, name, query->start_seq);
+  if (!acl) return 0;
+  const auto left = acl->records_after(query->start_seq);
+  const auto batch = left.first(std::min<size_t>(left.size(), query->max_entries));
+  if (batch.size_bytes() > request.answer.size()) return request.refuse_size(batch.size_bytes());
+  if (!batch.empty()) std::memcpy(request.answer.data(), batch.data(), batch.size_bytes());
+  request.answer_length = batch.size_bytes();
+  if (batch.size() < query->max_entries) unpin(request.peer.id, name);
+  return 0;
+}
+
+uint32_t Service::bulk_count(Request& request) {
+  std::vector<std::string_view> names;
+  if (const uint32_t status = request.bulk_names(&names); status != 0) return status;
+  const size_t needed = names.size() * sizeof(acl_pcx_query_resp);
+  if (needed > request.answer.size()) return request.refuse_size(needed);
+  const DatabasePtr state = database();
+  std::byte* out = request.answer.data();
+  for (const std::string_view name : names) {
+    const acl_pcx_query_resp record = count_record(state->find(name));
+    std::memcpy(out, &record, sizeof record);
+    out += sizeof record;
+  }
+  request.answer_length = needed;
+  return 0;
+}
+
+uint32_t Service::bulk_read(Request& request) {
+  std::vector<std::string_view> names;
+  if (const uint32_t status = request.bulk_names(&names); status != 0) return status;
+  const DatabasePtr state = database();
+  std::vector<AclPtr> acls;
+  size_t needed = 0;
+  for (const std::string_view name : names) {
+    AclPtr acl = state->find(name);
+    if (!acl) continue;
+    needed += acl->rule_count() * sizeof(AceRecord);
+    acls.push_back(std::move(acl));
+  }
+  if (needed > request.answer.size()) return request.refuse_size(needed);
+  std::byte* out = request.answer.data();
+  for (const AclPtr& acl : acls) out = acl->copy_rules(out);
+  request.answer_length = needed;
+  return 0;
+}
+
+AclPtr Service::snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq) {
+  const std::lock_guard lock(mutex_);
+  if (start_seq == 0) {
+    AclPtr acl = database_->find(name);
+    if (acl) pins_[peer].insert_or_assign(std::string(name), acl);
+    return acl;
+  }
+  if (const auto pins = pins_.find(peer); pins != pins_.end()) {
+    if (const auto pin = pins->second.find(name); pin != pins->second.end()) return pin->second;
+  }
+  return database_->find(name);
+}
+
+void Service::unpin(uint64_t peer, std::string_view name) {
+  const std::lock_guard lock(mutex_);
+  const auto pins = pins_.find(peer);
+  if (pins == pins_.end()) return;
+  if (const auto pin = pins->second.find(name); pin != pins->second.end()) pins->second.erase(pin);
+  if (pins->second.empty()) pins_.erase(pins);
+}
+
+void Service::forget(const pcx_peer& peer) {
+  const std::lock_guard lock(mutex_);
+  pins_.erase(peer.id);
+}
+
+}  // namespace es_acl::producer
