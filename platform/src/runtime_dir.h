@@ -10,7 +10,8 @@ namespace es_platform {
 // /run/es-acl + `leaf`. Nothing is made.
 std::string runtime_dir(const char* variable, const char* leaf);
 
-// Makes the directory and its missing parents, mode 0750. 0, or an errno value (ENOTDIR when something else is there).
+// Makes the directory and its missing parents, mode 0750. 0, or an errno value (ENOTDIR when something else
+// is there).
 int make_runtime_dir(const std::string& path);
 
 }  // namespace es_platform
