@@ -49,9 +49,14 @@ static_assert(offsetof(debug_body, categories) == 64);
 
 // --- Kind trace ---
 
-// Kinds of a trace record's payload: this value, or the number of values.
-constexpr uint32_t kTraceText = 0xff;
+// Kinds of a trace record's payload: this value for a named record, or the number of values.
+constexpr uint32_t kTraceNamed = 0xff;
 constexpr size_t kTraceValues = 4;
+
+struct trace_named {
+  char text[72];
+  uint64_t values[2];
+};
 
 struct trace_record {
   // 0: never written; odd: being written; even: complete. Grows with every change of the record, so that a
@@ -60,17 +65,17 @@ struct trace_record {
   uint64_t ticket;
   uint64_t time_ns;  // monotonic
   uint32_t thread;
-  uint32_t payload;  // kTraceText, or how many of `values` are used
+  uint32_t payload;  // kTraceNamed, or how many of `values` are used
   uint32_t hash;     // unique buffers: of everything below
   uint32_t count;    // unique buffers: how often it was written; changes without the ticket
   char operation[40];
   char event[32];
   union {
-    char text[64];
     uint64_t values[kTraceValues];
+    trace_named named;
   };
 };
-static_assert(sizeof(trace_record) == 168);
+static_assert(sizeof(trace_record) == 192);
 
 struct trace_body {
   uint32_t capacity;  // records; a power of two in a wrapping buffer

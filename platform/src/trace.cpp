@@ -57,10 +57,12 @@ uint32_t this_thread() {
   return cached_thread;
 }
 
-template <size_t Size>
-void copy_name(char (&to)[Size], const char* from) {
+constexpr size_t kLongestText = 64;
+
+// Copies at most `longest` characters to zero-filled memory.
+void copy_cut(char* to, const char* from, size_t longest) {
   if (from == nullptr) from = "(null)";
-  std::memcpy(to, from, strnlen(from, Size - 1));
+  std::memcpy(to, from, strnlen(from, longest));
 }
 
 class draft {
@@ -69,13 +71,15 @@ class draft {
     record_.time_ns = clock_now_ns();
     record_.thread = this_thread();
     record_.count = 1;
-    copy_name(record_.operation, operation);
-    copy_name(record_.event, event);
+    copy_cut(record_.operation, operation, sizeof record_.operation - 1);
+    copy_cut(record_.event, event, sizeof record_.event - 1);
   }
 
-  void set_text(const char* text) {
-    record_.payload = es_platform::kTraceText;
-    copy_name(record_.text, text);
+  void set_named(const char* text, uint64_t a, uint64_t b) {
+    record_.payload = es_platform::kTraceNamed;
+    copy_cut(record_.named.text, text, kLongestText);
+    record_.named.values[0] = a;
+    record_.named.values[1] = b;
   }
 
   void set_values(std::initializer_list<uint64_t> values) {
@@ -245,11 +249,12 @@ void write_values(rlog_ctx* ctx, const char* operation, const char* event,
 
 }  // namespace
 
-void _rlog_str(rlog_ctx* ctx, const char* operation, const char* event, const char* text) {
+void _rlog_str(rlog_ctx* ctx, const char* operation, const char* event, const char* text, uint64_t a,
+               uint64_t b) {
   if (ctx == nullptr) return;
   const es_platform::errno_keeper keeper;
   draft record(operation, event);
-  record.set_text(text);
+  record.set_named(text, a, b);
   record.write_to(ctx);
 }
 

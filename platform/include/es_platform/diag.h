@@ -50,8 +50,10 @@ PLATFORM_API uint32_t acl_rlog_init(const char* path, const char* suffix, uint32
 PLATFORM_API void acl_rlog_close(rlog_ctx* ctx);
 
 /* Write one record: the operation's name, an event (both are copied, 39 and 31 characters at most) and up to four values,
- * or a string (64 characters at most, so that an ACL's name fits) and two values. A null context writes nothing; null strings write "(null)". Lock-free, tens
- * of nanoseconds, no allocation, any thread. */
+ * or a string (64 characters at most, so that an ACL's name fits) and two values. A null context writes nothing; null
+ * strings write "(null)". Lock-free, tens of nanoseconds, no allocation, any thread; errno stays as it was. A record for
+ * which there is no place (a full unique buffer; a ring that a whole round of records has run through meanwhile) is
+ * counted and dropped. */
 PLATFORM_API void _rlog_str(rlog_ctx* ctx, const char* operation, const char* event, const char* text, uint64_t a,
                             uint64_t b);
 PLATFORM_API void _rlog_1(rlog_ctx* ctx, const char* operation, const char* event, uint64_t a);
