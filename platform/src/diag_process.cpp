@@ -1,8 +1,10 @@
 // Which diagnostics files belong to processes that are gone.
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,7 +38,7 @@ bool is_stale(int directory, const char* file_name) {
   const int32_t pid = pid_of(file_name);
   if (pid == 0) return false;
   const uint64_t running = diag_process_start(pid);
-  if (running == 0) return true;
+  if (running == 0) return kill(pid, 0) != 0 && errno == ESRCH;
   const uint64_t noted = noted_start(directory, file_name);
   return noted != 0 && noted != running;
 }
