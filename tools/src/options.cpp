@@ -1,0 +1,141 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "fields.h"
+
+namespace es_acl::tool {
+
+namespace {
+
+constexpr size_t kStoreNameMax = 255;
+
+constexpr char kFooter[] =
+    "Environment: ES_PCX_DIR names the directory of the producer's sockets (else\n"
+    "$XDG_RUNTIME_DIR/es-acl, else /run/es-acl); ES_PCX_DEADLINE_MS is how long an exchange with the\n"
+    "producer may take (5000); NO_COLOR switches colour off.\n\n"
+    "Exit codes: 0 all ACLs were had; 1 at least one could not be had; 2 wrong command line; 3 the\n"
+    "library could not be initialised; 4 there is no producer; 5 the output could not be written.";
+
+void set_words(uint16_t (&field)[3], const MacWords& words) { std::copy(words.begin(), words.end(), field); }
+
+// Takes an address into a field of the frame, and says what is wrong with one that is none.
+CLI::callback_t mac_into(uint16_t (&field)[3]) {
+  return [&field](const CLI::results_t& values) {
+    const auto words = parse_mac(values.front());
+    if (!words)
+      throw CLI::ValidationError("'" + printable(values.front()) +
+                                 "' is not a MAC address such as 00:11:22:33:44:55");
+    set_words(field, *words);
+    return true;
+  };
+}
+
+CLI::callback_t ethertype_into(uint16_t& field) {
+  return [&field](const CLI::results_t& values) {
+    const auto number = parse_ethertype(values.front());
+    if (!number)
+      throw CLI::ValidationError("'" + printable(values.front()) +
+                                 "' is not an EtherType such as 0x88cc or ipv6");
+    field = *number;
+    return true;
+  };
+}
+
+void add_tag(CLI::App& match, const std::string& prefix, const std::string& which, uint16_t& vlan,
+             uint8_t& cos, uint8_t& dei) {
+  CLI::Option* id =
+      match
+          .add_option("--" + prefix + "vlan", vlan, which + " tag's VLAN id; without it there is no such tag")
+          ->check(CLI::Range(0, 4095));
+  // Read as numbers: a uint8_t would be taken for a character.
+  const auto small_number = [&](const std::string& name, uint8_t& field, int highest,
+                                const std::string& what) {
+    match
+        .add_option_function<unsigned>(
+            "--" + prefix + name, [&field](const unsigned& value) { field = static_cast<uint8_t>(value); },
+            which + " tag's " + what + " (default 0)")
+        ->check(CLI::Range(0, highest))
+        ->needs(id);
+  };
+  small_number("pcp", cos, 7, "priority code point");
+  small_number("dei", dei, 1, "drop-eligible indicator");
+}
+
+void add_names(CLI::App& command, std::vector<std::string>& names) {
+  command.add_option("NAME", names, "names of ACLs")->required()->type_name("");
+}
+
+void add_match(CLI::App& app, Options& options) {
+  CLI::App& match =
+      *app.add_subcommand("match", "tell what an ACL does with a frame, and which entry decides");
+  es_acl_match_key& frame = options.frame;
+  match.add_option("NAME", options.names, "name of the ACL")->required()->expected(1)->type_name("");
+  match.add_option("--src", mac_into(frame.src_addr), "source address")->required()->type_name("MAC");
+  match.add_option("--dst", mac_into(frame.dst_addr), "destination address")->required()->type_name("MAC");
+  add_tag(match, "", "outer", frame.vlan, frame.cos, frame.dei);
+  add_tag(match, "inner-", "inner", frame.ivlan, frame.icos, frame.idei);
+  match.get_option("--inner-vlan")->needs(match.get_option("--vlan"));
+  frame.eth_type = 0x0800;
+  match.add_option("--ethertype", ethertype_into(frame.eth_type), "EtherType behind the tags (default ipv4)")
+      ->type_name("HEX|name");
+}
+
+void complete_frame(const CLI::App& match, es_acl_match_key* frame) {
+  if (match.count("--inner-vlan") != 0)
+    frame->tags = ES_ACL_KEY_DOUBLE_TAGGED;
+  else if (match.count("--vlan") != 0)
+    frame->tags = ES_ACL_KEY_TAGGED;
+}
+
+void describe(CLI::App& app, Options& options) {
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(kFooter);
+  app.set_version_flag("--version", "es-acl " ES_ACL_VERSION);
+  app.add_flag("--json", options.json, "answer with one JSON document");
+  app.add_option("--store", options.store, "store plug-in to use instead of libes_acl_tree.dll")
+      ->type_name("FILE")
+      ->check([](const std::string& name) {
+        return name.size() > kStoreNameMax ? std::string("the name is longer than 255 characters")
+                                           : std::string();
+      });
+  add_names(*app.add_subcommand("show", "print the entries of ACLs"), options.names);
+  add_names(*app.add_subcommand("count", "print how many entries ACLs have"), options.names);
+  add_match(app, options);
+}
+
+Command chosen(const CLI::App& app) {
+  if (app.got_subcommand("count")) return Command::kCount;
+  return app.got_subcommand("match") ? Command::kMatch : Command::kShow;
+}
+
+}  // namespace
+
+const char* command_name(Command command) {
+  switch (command) {
+    case Command::kShow:
+      return "show";
+    case Command::kCount:
+      return "count";
+    case Command::kMatch:
+      break;
+  }
+  return "match";
+}
+
+std::optional<int> parse_command_line(int argc, char** argv, Options* options) {
+  CLI::App app("Shows the Layer-2 access control lists that this host's producer serves.", "es-acl");
+  describe(app, *options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& end) {
+    return app.exit(end) == 0 ? kExitOk : kExitUsage;
+  }
+  options->command = chosen(app);
+  if (options->command == Command::kMatch) complete_frame(*app.get_subcommand("match"), &options->frame);
+  return std::nullopt;
+}
+
+}  // namespace es_acl::tool

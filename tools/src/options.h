@@ -1,0 +1,40 @@
+// The command line.
+#ifndef ES_ACL_TOOLS_OPTIONS_H_
+#define ES_ACL_TOOLS_OPTIONS_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "es_acl/es_acl_types.h"
+
+namespace es_acl::tool {
+
+enum ExitCode {
+  kExitOk = 0,
+  kExitAclMissing = 1,  // at least one of the ACLs could not be had
+  kExitUsage = 2,
+  kExitNotInitialised = 3,
+  kExitNoProducer = 4,
+  kExitOutput = 5,  // standard output could not be written
+};
+
+enum class Command { kShow, kCount, kMatch };
+
+struct Options {
+  Command command = Command::kShow;
+  std::vector<std::string> names;
+  bool json = false;
+  std::string store;            // empty: the default plug-in
+  es_acl_match_key frame = {};  // of kMatch
+};
+
+const char* command_name(Command command);
+
+// Fills the options and returns nothing; or, when there is nothing more to do (--help, a wrong command line),
+// has said what there is to say and returns the exit code.
+std::optional<int> parse_command_line(int argc, char** argv, Options* options);
+
+}  // namespace es_acl::tool
+
+#endif  // ES_ACL_TOOLS_OPTIONS_H_
