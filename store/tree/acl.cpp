@@ -1,0 +1,111 @@
+#include "acl.h"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+namespace es_tree {
+
+namespace {
+
+// Readers without the lock load these words with acquire semantics.
+void publish(es_acl_ace_node** link, es_acl_ace_node* node) noexcept {
+  __atomic_store_n(link, node, __ATOMIC_RELEASE);
+}
+
+}  // namespace
+
+Acl::Acl(std::string_view title) noexcept : es_acl_head{} {
+  std::memcpy(title_, title.data(), title.size());
+  title_[title.size()] = '\0';
+  name = title_;
+  refcount = 1;
+  ace_first = ace_list_aux = sentinel();
+  ace_end = sentinel();
+  pthread_mutex_init(&lock, nullptr);
+}
+
+Acl::~Acl() { pthread_mutex_destroy(&lock); }
+
+es_acl_status Acl::add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
+  try {
+    const SeqIndex::Place place = index_.prepare(seq, iter != nullptr ? *iter : nullptr);
+    if (!place.found) {
+      insert(place, *offered, seq, iter);
+    } else {
+      if (flag != ES_ACL_ADD_KEEP) replace(place, *offered, seq);
+      if (iter != nullptr) *iter = SeqIndex::word(place);
+    }
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+  es_acl_free_rules(offered);
+  return 0;
+}
+
+void Acl::insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq, es_acl_iter* iter) {
+  const SlotId slot = slots_.take(place.leaf->run);
+  es_acl_ace_node* before = node_before(place);
+  store(slot, offered, seq);
+  link(slots_.node(slot), before, before->next);
+  place = index_.insert(place, seq, slot);
+  if (iter != nullptr) *iter = SeqIndex::word(place);
+  set_count(ace_count + 1);
+}
+
+void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq) {
+  const SlotId slot = slots_.take(place.leaf->run);
+  const SlotId old = place.leaf->values[place.pos];
+  es_acl_ace_node* gone = slots_.node(old);
+  store(slot, offered, seq);
+  link(slots_.node(slot), gone->aux, gone->next);
+  place.leaf->values[place.pos] = slot;
+  slots_.retire(old);
+}
+
+void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
+  SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
+  if (place.found) {
+    const SlotId slot = place.leaf->values[place.pos];
+    es_acl_ace_node* gone = slots_.node(slot);
+    gone->next->aux = gone->aux;
+    publish(&gone->aux->next, gone->next);
+    place = index_.erase(place, slots_);
+    slots_.retire(slot);
+    set_count(ace_count - 1);
+  }
+  if (iter != nullptr) *iter = SeqIndex::word(place);
+}
+
+es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) const noexcept {
+  const SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
+  if (iter != nullptr) *iter = SeqIndex::word(place);
+  return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
+}
+
+void Acl::store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept {
+  es_acl_ace* ace = slots_.ace(slot);
+  *ace = offered;
+  ace->seq = seq;
+}
+
+// Puts the node between two neighbours, and with the last store into the readers' way.
+void Acl::link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* after) noexcept {
+  // A reader who overstayed the grace time may still look at the slot: atomic, though nothing is published by
+  // it.
+  __atomic_store_n(&node->next, after, __ATOMIC_RELAXED);
+  node->aux = before;
+  after->aux = node;
+  publish(&before->next, node);
+}
+
+es_acl_ace_node* Acl::node_before(SeqIndex::Place place) noexcept {
+  if (place.pos != 0) return slots_.node(place.leaf->values[place.pos - 1]);
+  const Leaf* left = place.leaf->prev;
+  return left != nullptr ? slots_.node(left->values[left->count - 1]) : sentinel();
+}
+
+// The count is also read without the lock, where a head is copied.
+void Acl::set_count(uint32_t count) noexcept { __atomic_store_n(&ace_count, count, __ATOMIC_RELAXED); }
+
+}  // namespace es_tree

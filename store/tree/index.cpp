@@ -1,0 +1,284 @@
+#include "index.h"
+
+#include <utility>
+
+namespace es_tree {
+
+SeqIndex::~SeqIndex() {
+  if (root_ != nullptr) drop_inners(root_, height_);
+  while (spare_inner_ != nullptr) delete take_inner();
+}
+
+void SeqIndex::drop_inners(void* node, unsigned level) noexcept {
+  if (level == 0) return;
+  auto* inner = static_cast<Inner*>(node);
+  for (uint32_t i = 0; i != inner->count; ++i) drop_inners(inner->values[i], level - 1);
+  drop_inner(inner);
+}
+
+// --- Finding ---
+
+Leaf* SeqIndex::descend(uint32_t seq, Path* path) const noexcept {
+  void* node = root_;
+  for (unsigned depth = 0; depth != height_; ++depth) {
+    auto* inner = static_cast<Inner*>(node);
+    const uint32_t at = inner->child_of(seq);
+    if (path != nullptr) {
+      path->node[depth] = inner;
+      path->at[depth] = at;
+    }
+    node = inner->values[at];
+  }
+  return static_cast<Leaf*>(node);
+}
+
+es_acl_iter SeqIndex::word(const Place& place) noexcept {
+  if (place.leaf == nullptr) return nullptr;
+  const uintptr_t bits = (uintptr_t{place.leaf->number} << 8 | place.pos) + 1;
+  return reinterpret_cast<es_acl_iter>(bits);
+}
+
+Leaf* SeqIndex::hinted(es_acl_iter hint, uint32_t* pos) const noexcept {
+  const uintptr_t bits =
+      reinterpret_cast<uintptr_t>(hint) - 1;  // null becomes the largest number, which none has
+  const uintptr_t number = bits >> 8;
+  *pos = bits & 0xff;
+  return number < numbered_.size() ? numbered_[number].get() : nullptr;
+}
+
+SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
+  if (root_ == nullptr) return {};
+  uint32_t near = 0;
+  Leaf* leaf = hinted(hint, &near);
+  if (leaf != nullptr && !leaf->spans(seq)) leaf = direction == ES_ACL_FORWARD ? leaf->next : leaf->prev;
+  if (leaf == nullptr || !leaf->spans(seq)) {
+    leaf = descend(seq, nullptr);
+  } else {
+    // The usual run asks for one number after the other, or for the same one again.
+    if (near < leaf->count && leaf->keys[near] == seq) return {leaf, near, true};
+    near += direction == ES_ACL_FORWARD ? 1 : -1;
+    if (near < leaf->count && leaf->keys[near] == seq) return {leaf, near, true};
+  }
+  const uint32_t pos = leaf->lower_bound(seq);
+  return {leaf, pos, pos < leaf->count && leaf->keys[pos] == seq};
+}
+
+SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
+  if (root_ == nullptr) {
+    reserve_leaf();
+    root_ = leftmost_ = last_ = take_leaf();
+  }
+  uint32_t near = 0;
+  Leaf* leaf = hinted(hint, &near);
+  if (last_->count != 0 && last_->last_key() < seq) {
+    leaf = last_;
+  } else if (leaf == nullptr || !leaf->spans(seq)) {
+    leaf = descend(seq, nullptr);
+  }
+  const uint32_t pos = leaf->lower_bound(seq);
+  const Place place{leaf, pos, pos < leaf->count && leaf->keys[pos] == seq};
+  if (!place.found && leaf->full()) {
+    descend(seq, &path_);
+    reserve(path_);
+  }
+  return place;
+}
+
+// --- Inserting ---
+
+void SeqIndex::reserve_leaf() {
+  if (spare_leaf_ != nullptr) return;
+  numbered_.push_back(std::make_unique<Leaf>());
+  Leaf* leaf = numbered_.back().get();
+  leaf->number = static_cast<uint32_t>(numbered_.size() - 1);
+  spare_leaf_ = leaf;
+}
+
+void SeqIndex::reserve_inner(size_t count) {
+  size_t have = 0;
+  for (Inner* inner = spare_inner_; inner != nullptr && have < count; inner = inner->spare) ++have;
+  for (; have < count; ++have) drop_inner(new Inner);
+}
+
+// One leaf, one inner node for each full one above it, and one more for a new root.
+void SeqIndex::reserve(const Path& path) {
+  size_t inners = 0;
+  unsigned depth = height_;
+  for (; depth != 0 && path.node[depth - 1]->full(); --depth) ++inners;
+  reserve_leaf();
+  reserve_inner(depth == 0 ? inners + 1 : inners);
+}
+
+Leaf* SeqIndex::take_leaf() noexcept {
+  Leaf* leaf = spare_leaf_;
+  spare_leaf_ = leaf->next;
+  leaf->prev = leaf->next = nullptr;
+  return leaf;
+}
+
+Inner* SeqIndex::take_inner() noexcept {
+  Inner* inner = spare_inner_;
+  spare_inner_ = inner->spare;
+  return inner;
+}
+
+SeqIndex::Place SeqIndex::insert(Place place, uint32_t seq, SlotId slot) noexcept {
+  if (place.leaf->full()) {
+    Leaf* right = split(place.leaf, place.leaf == last_ && place.pos == kFanout, seq);
+    if (place.pos > place.leaf->count || place.leaf->full()) {
+      place.pos -= place.leaf->count;
+      std::swap(right->run, place.leaf->run);  // the slots at hand go where the next numbers probably go
+      place.leaf = right;
+    }
+  }
+  place.leaf->insert_at(place.pos, seq, slot);
+  return {place.leaf, place.pos, true};
+}
+
+Leaf* SeqIndex::split(Leaf* leaf, bool append, uint32_t seq) noexcept {
+  Leaf* right = take_leaf();
+  if (!append) leaf->move_tail(kFanout / 2, *right);
+  right->prev = leaf;
+  right->next = leaf->next;
+  (right->next != nullptr ? right->next->prev : last_) = right;
+  leaf->next = right;
+  add_child(path_, append ? seq : right->first_key(), right, append);
+  return right;
+}
+
+// Enters a new node to the right of the one that the path ends in, and splits the full nodes above.
+void SeqIndex::add_child(Path& path, uint32_t key, void* child, bool append) noexcept {
+  for (unsigned depth = height_; depth-- != 0;) {
+    Inner* parent = path.node[depth];
+    const uint32_t pos = path.at[depth] + 1;
+    if (!parent->full()) return parent->insert_at(pos, key, child);
+    Inner* right = take_inner();
+    right->count = 0;
+    parent->move_tail(append ? kFanout : kFanout / 2, *right);
+    if (pos > parent->count || parent->full()) {
+      right->insert_at(pos - parent->count, key, child);
+    } else {
+      parent->insert_at(pos, key, child);
+    }
+    key = right->first_key();
+    child = right;
+  }
+  Inner* root = take_inner();
+  root->count = 0;
+  root->insert_at(0, 0, root_);
+  root->insert_at(1, key, child);
+  root_ = root;
+  ++height_;
+}
+
+// --- Erasing ---
+
+void SeqIndex::drop_leaf(Leaf* leaf, SlotPool& pool) noexcept {
+  (leaf->prev != nullptr ? leaf->prev->next : leftmost_) = leaf->next;
+  (leaf->next != nullptr ? leaf->next->prev : last_) = leaf->prev;
+  pool.put_back(leaf->run);
+  leaf->count = 0;
+  leaf->prev = nullptr;
+  leaf->next = spare_leaf_;
+  spare_leaf_ = leaf;
+}
+
+void SeqIndex::drop_inner(Inner* inner) noexcept {
+  inner->spare = spare_inner_;
+  spare_inner_ = inner;
+}
+
+SeqIndex::Place SeqIndex::erase(Place place, SlotPool& pool) noexcept {
+  Leaf* leaf = place.leaf;
+  const uint32_t seq = leaf->keys[place.pos];
+  Path path;
+  // The way to the leaf is found by its number, so before that is gone.
+  const bool repairs = height_ != 0 && leaf->count <= kFanout / 4;
+  if (repairs) descend(seq, &path);
+  leaf->erase_at(place.pos);
+  if (repairs) repair(path, pool);
+  return {leaf, place.pos, false};
+}
+
+// Goes up from the leaf that the path ends in, as long as nodes have too few children left.
+void SeqIndex::repair(Path& path, SlotPool& pool) noexcept {
+  for (unsigned depth = height_; depth-- != 0;) {
+    Inner* parent = path.node[depth];
+    const uint32_t at = path.at[depth];
+    const bool leaves = depth + 1 == height_;
+    if (!(leaves ? join_leaves(parent, at, pool) : join_inners(parent, at))) break;
+  }
+  while (height_ != 0 && static_cast<Inner*>(root_)->count == 1) {
+    auto* root = static_cast<Inner*>(root_);
+    root_ = root->values[0];
+    drop_inner(root);
+    --height_;
+  }
+}
+
+// Each of the two tends to the child `at`, if it has too little left, and says whether the parent is to be
+// looked at. An empty child goes; another joins a neighbour, or takes from it what evens the two out. An only
+// child (it stands on the right edge) waits for the parent to get neighbours.
+bool SeqIndex::join_leaves(Inner* parent, uint32_t at, SlotPool& pool) noexcept {
+  auto* leaf = static_cast<Leaf*>(parent->values[at]);
+  if (!leaf->scarce()) return false;
+  if (leaf->count == 0) {
+    // The last leaf of all stays, empty.
+    if (leaf->prev == nullptr && leaf->next == nullptr) return false;
+    drop_leaf(leaf, pool);
+    parent->erase_at(at);
+    return true;
+  }
+  if (parent->count == 1) return true;
+  if (at + 1 == parent->count) --at;
+  auto* left = static_cast<Leaf*>(parent->values[at]);
+  auto* right = static_cast<Leaf*>(parent->values[at + 1]);
+  if (left->count + right->count > kFanout) {
+    left->share(*right);
+    parent->keys[at + 1] = right->first_key();
+    return false;
+  }
+  left->absorb(*right);
+  drop_leaf(right, pool);
+  parent->erase_at(at + 1);
+  return true;
+}
+
+bool SeqIndex::join_inners(Inner* parent, uint32_t at) noexcept {
+  auto* inner = static_cast<Inner*>(parent->values[at]);
+  if (!inner->scarce()) return false;
+  if (inner->count == 0) {
+    drop_inner(inner);
+    parent->erase_at(at);
+    return true;
+  }
+  if (parent->count == 1) return true;
+  if (at + 1 == parent->count) --at;
+  auto* left = static_cast<Inner*>(parent->values[at]);
+  auto* right = static_cast<Inner*>(parent->values[at + 1]);
+  right->keys[0] = parent->keys[at + 1];  // a bound that counts from now on
+  if (left->count + right->count > kFanout) {
+    left->share(*right);
+    parent->keys[at + 1] = right->first_key();
+    return false;
+  }
+  left->absorb(*right);
+  drop_inner(right);
+  parent->erase_at(at + 1);
+  return true;
+}
+
+// --- Renumbering ---
+
+void SeqIndex::rebuild_bounds() noexcept {
+  if (height_ != 0) rebuild_bounds(root_, height_);
+}
+
+uint32_t SeqIndex::rebuild_bounds(void* node, unsigned level) noexcept {
+  if (level == 0) return static_cast<Leaf*>(node)->first_key();
+  auto* inner = static_cast<Inner*>(node);
+  for (uint32_t i = 0; i != inner->count; ++i) inner->keys[i] = rebuild_bounds(inner->values[i], level - 1);
+  return inner->first_key();
+}
+
+}  // namespace es_tree

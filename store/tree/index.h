@@ -1,0 +1,115 @@
+// The index of one ACL: a B+ tree from sequence number to slot.
+//
+// All nodes are sorted blocks of up to 64 keys. A leaf's values are slots; an inner node's are the nodes
+// below it, and its keys are lower bounds of theirs (the first key stands for "anything less" and is not
+// compared). Leaves are chained in order. The list itself lives in the slots; the index finds the place.
+//
+// An append into a full last leaf opens a new one beside it, so that an ACL filled in order has full leaves;
+// other full nodes are split in halves. A removal that leaves a node under a quarter full merges it with a
+// neighbour or evens the two out.
+//
+// Position words. A word names a leaf by its number and a place in it. Leaves are never freed before the
+// index is, so any word whatever either names a leaf of this index or none; the leaf is then used only if it
+// has the sought number between its first and last key, or its neighbour in the direction of the run has. So
+// a stale word costs a descent from the root, never more.
+//
+// Not thread-safe: the ACL's lock guards it.
+#ifndef ES_ACL_STORE_TREE_INDEX_H_
+#define ES_ACL_STORE_TREE_INDEX_H_
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "block.h"
+#include "es_acl/es_acl_store.h"
+#include "slots.h"
+
+namespace es_tree {
+
+struct Leaf : Block<SlotId> {
+  Leaf* prev = nullptr;
+  Leaf* next = nullptr;
+  uint32_t number = 0;
+  SlotRun run;
+};
+
+struct Inner : Block<void*> {
+  Inner* spare = nullptr;  // the next unused one
+};
+
+class SeqIndex {
+ public:
+  // Where a number stands, or would be inserted. `leaf` is null in an index that never held anything.
+  struct Place {
+    Leaf* leaf = nullptr;
+    uint32_t pos = 0;
+    bool found = false;
+  };
+
+  SeqIndex() = default;
+  ~SeqIndex();
+  SeqIndex(const SeqIndex&) = delete;
+  SeqIndex& operator=(const SeqIndex&) = delete;
+
+  // The place of `seq`, from the position if it is near. When the number is not there, only `found` says
+  // something.
+  Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
+  // The place where `seq` is or belongs, with memory set aside for insert(). Throws std::bad_alloc; nothing
+  // has changed then.
+  Place prepare(uint32_t seq, es_acl_iter hint);
+  // Puts the slot at the place that prepare() gave just before, and returns where it is now.
+  Place insert(Place place, uint32_t seq, SlotId slot) noexcept;
+  // Takes the number at a found place out. `pool` gets the rest of the run of a leaf that goes. The place
+  // returned is good for a position word only.
+  Place erase(Place place, SlotPool& pool) noexcept;
+
+  Leaf* first_leaf() const noexcept { return leftmost_; }
+  // After the leaves' keys were changed (in ascending order), makes the inner nodes' keys agree.
+  void rebuild_bounds() noexcept;
+
+  static es_acl_iter word(const Place& place) noexcept;
+
+  size_t leaves() const noexcept { return numbered_.size(); }
+
+ private:
+  // 4 billion keys in nodes of at least 16 stand 8 levels high.
+  static constexpr unsigned kMaxHeight = 10;
+  // The inner nodes above a leaf, the root first, and the child taken in each.
+  struct Path {
+    std::array<Inner*, kMaxHeight> node;
+    std::array<uint32_t, kMaxHeight> at;
+  };
+
+  Leaf* descend(uint32_t seq, Path* path) const noexcept;
+  Leaf* hinted(es_acl_iter hint, uint32_t* pos) const noexcept;
+  void reserve(const Path& path);
+  void reserve_leaf();
+  void reserve_inner(size_t count);
+  Leaf* take_leaf() noexcept;
+  Inner* take_inner() noexcept;
+  void drop_leaf(Leaf* leaf, SlotPool& pool) noexcept;
+  void drop_inner(Inner* inner) noexcept;
+  void drop_inners(void* node, unsigned level) noexcept;
+  Leaf* split(Leaf* leaf, bool append, uint32_t seq) noexcept;
+  void add_child(Path& path, uint32_t key, void* child, bool append) noexcept;
+  void repair(Path& path, SlotPool& pool) noexcept;
+  bool join_leaves(Inner* parent, uint32_t at, SlotPool& pool) noexcept;
+  bool join_inners(Inner* parent, uint32_t at) noexcept;
+  uint32_t rebuild_bounds(void* node, unsigned level) noexcept;
+
+  void* root_ = nullptr;
+  unsigned height_ = 0;  // inner levels above the leaves
+  Leaf* leftmost_ = nullptr;
+  Leaf* last_ = nullptr;
+  Path path_{};                                  // of the last prepare()
+  std::vector<std::unique_ptr<Leaf>> numbered_;  // every leaf there is, by number
+  Leaf* spare_leaf_ = nullptr;                   // chained by next, empty
+  Inner* spare_inner_ = nullptr;
+};
+
+}  // namespace es_tree
+
+#endif  // ES_ACL_STORE_TREE_INDEX_H_

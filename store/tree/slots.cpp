@@ -1,0 +1,108 @@
+#include "slots.h"
+
+#include <algorithm>
+#include <new>
+
+#include "clock.h"
+#include "memory.h"
+
+namespace es_tree {
+
+namespace {
+
+// The word that stands ES_ACL_ELEMENT_ACE_WORD words behind the element pointer is the element's ACE pointer.
+// The nodes in front of the first element are more than that, so the pointer stays within the slab.
+constexpr size_t kElementLead = ES_ACL_ELEMENT_ACE_WORD * sizeof(void*);
+
+}  // namespace
+
+SlotPool::~SlotPool() {
+  for (const Slab& slab : slabs_) free_slab(slab.nodes, slab.bytes);
+}
+
+SlotId SlotPool::take(SlotRun& run) {
+  if (run.left == 0) {
+    age();
+    if (free_.first != kNoSlot) {
+      const SlotId id = free_.first;
+      free_.first = static_cast<SlotId>(reinterpret_cast<uintptr_t>(node(id)->aux));
+      if (free_.first == kNoSlot) free_.last = kNoSlot;
+      return id;
+    }
+    carve(run);
+  }
+  --run.left;
+  return run.first++;
+}
+
+void SlotPool::put_back(SlotRun& run) noexcept {
+  for (; run.left != 0; --run.left) chain(free_, run.first++);
+}
+
+void SlotPool::retire(SlotId id) noexcept {
+  age();
+  if (young_.first == kNoSlot && old_.first == kNoSlot) young_since_ = now_ms();
+  chain(young_, id);
+}
+
+void SlotPool::chain(Chain& to, SlotId id) noexcept {
+  Chain one{id, id};
+  node(id)->aux = reinterpret_cast<es_acl_ace_node*>(static_cast<uintptr_t>(kNoSlot));
+  append(to, one);
+}
+
+void SlotPool::append(Chain& to, Chain& from) noexcept {
+  if (from.first == kNoSlot) return;
+  if (to.first == kNoSlot) {
+    to = from;
+  } else {
+    node(to.last)->aux = reinterpret_cast<es_acl_ace_node*>(static_cast<uintptr_t>(from.first));
+    to.last = from.last;
+  }
+  from = Chain{};
+}
+
+void SlotPool::age() noexcept {
+  if (young_.first == kNoSlot && old_.first == kNoSlot) return;
+  const uint64_t now = now_ms();
+  if (now - young_since_ < kGraceMs) return;
+  append(free_, old_);
+  // A young generation that nobody has looked at for two grace times is old enough to be free as well.
+  append(now - young_since_ < 2 * kGraceMs ? old_ : free_, young_);
+  young_since_ = now;
+}
+
+void SlotPool::carve(SlotRun& run) {
+  if (slab_used_ == slab_slots_) add_slab();
+  run.first = static_cast<SlotId>((slabs_.size() - 1) << kPlaceBits | slab_used_);
+  run.left = kRunLength;
+  slab_used_ += kRunLength;
+  for (SlotId id = run.first; id != run.first + kRunLength; ++id) {
+    Element* e = element(id);
+    e->ace = &e->record;
+    node(id)->element = reinterpret_cast<char*>(e) - kElementLead;
+  }
+}
+
+void SlotPool::add_slab() {
+  if (slabs_.size() > (kNoSlot >> kPlaceBits) - 1) throw std::bad_alloc();
+  slabs_.reserve(slabs_.size() < slabs_.capacity() ? slabs_.capacity() : slabs_.size() * 2 + 4);
+  const size_t slots = next_slab_slots();
+  auto* nodes = static_cast<es_acl_ace_node*>(allocate_slab(slots * kSlotBytes));
+  if (nodes == nullptr) throw std::bad_alloc();
+  slabs_.push_back({nodes, reinterpret_cast<Element*>(nodes + slots), slots * kSlotBytes});
+  capacity_ += slots;
+  slab_slots_ = slots;
+  slab_used_ = 0;
+}
+
+// Slabs grow by an eighth of what there is, so that little is wasted at any size, from two runs to a huge
+// page.
+size_t SlotPool::next_slab_slots() const noexcept {
+  constexpr size_t most = kHugePage / kSlotBytes;
+  static_assert(most <= kPlaceMask, "a place in the slab has kPlaceBits bits");
+  const size_t slots = std::clamp<size_t>(capacity_ / 8, 2 * kRunLength, most);
+  return slots / kRunLength * kRunLength;
+}
+
+}  // namespace es_tree
