@@ -1,0 +1,185 @@
+#include "bus/consumer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+#include "bus/frame.h"
+#include "bus/settings.h"
+#include "es_platform/dsv.h"
+
+namespace es_platform::bus {
+
+namespace {
+
+// Handles carry a mark that no address of a process has, so that a stray pointer is not taken for one.
+constexpr uint64_t kMarkMask = UINT64_C(0xffff) << 48;
+constexpr uint64_t kRegistrationMark = UINT64_C(0xe5ac) << 48;
+constexpr uint64_t kAddressMark = UINT64_C(0xe5ad) << 48;
+
+void* handle_of(uint64_t mark, uint64_t number) { return reinterpret_cast<void*>(mark | number); }
+
+// The number in a handle of that kind, 0 for any other.
+uint64_t number_of(void* handle, uint64_t mark) {
+  const auto bits = reinterpret_cast<uint64_t>(handle);
+  return (bits & kMarkMask) == mark ? bits & ~kMarkMask : 0;
+}
+
+}  // namespace
+
+// Lives as long as the process: the delivery thread may be calling handlers while exit handlers run.
+Consumer& Consumer::instance() {
+  static Consumer& consumer = *new Consumer;
+  return consumer;
+}
+
+uint32_t Consumer::create_class(std::string_view name, uint32_t* class_handle) {
+  std::lock_guard lock(mutex_);
+  for (const auto& known : classes_) {
+    if (known->name == name) return *class_handle = known->handle, 0;
+  }
+  const auto handle = static_cast<uint32_t>(classes_.size() + 1);
+  classes_.push_back(std::make_unique<Class>(*this, handle, name));
+  *class_handle = handle;
+  return 0;
+}
+
+Consumer::Class* Consumer::class_locked(uint32_t class_handle) {
+  return class_handle != 0 && class_handle <= classes_.size() ? classes_[class_handle - 1].get() : nullptr;
+}
+
+bool Consumer::has_class(uint32_t class_handle) {
+  std::lock_guard lock(mutex_);
+  return class_locked(class_handle) != nullptr;
+}
+
+uint32_t Consumer::add(uint32_t class_handle, std::string_view name, void** handle) {
+  if (name.empty() || name.size() > kMaxName) return EINVAL;
+  std::lock_guard lock(mutex_);
+  Class* owner = class_locked(class_handle);
+  if (owner == nullptr) return EINVAL;
+  registrations_.emplace(next_registration_, Registration{owner, std::string(name)});
+  *handle = handle_of(kRegistrationMark, next_registration_++);
+  return 0;
+}
+
+uint32_t Consumer::start(void* handle, uint64_t context, pcx_handler handler) {
+  std::lock_guard lock(mutex_);
+  const uint64_t id = number_of(handle, kRegistrationMark);
+  const auto found = registrations_.find(id);
+  if (found == registrations_.end()) return EINVAL;
+  Registration& registration = found->second;
+  if (registration.handler != nullptr) return EEXIST;
+  join_topic_locked(registration, id);
+  registration.context = context;
+  registration.handler = handler;
+  return 0;
+}
+
+void Consumer::join_topic_locked(Registration& registration, uint64_t id) {
+  Class& owner = *registration.owner;
+  if (const auto found = owner.topic_of_name.find(registration.name); found != owner.topic_of_name.end()) {
+    std::vector<uint64_t>& registrations = owner.topics.find(found->second)->second.registrations;
+    registrations.insert(std::upper_bound(registrations.begin(), registrations.end(), id), id);
+    return;
+  }
+  const uint64_t topic = next_topic_++;
+  try {
+    owner.topics.emplace(topic, Topic{registration.name, {id}});
+    owner.topic_of_name.emplace(registration.name, topic);
+    owner.link->subscribe(topic, registration.name);
+  } catch (...) {
+    owner.topic_of_name.erase(registration.name);
+    owner.topics.erase(topic);
+    throw;
+  }
+}
+
+// The topic goes with its last registration: what is still under way for it finds nobody, also when the same
+// name is registered again, since that makes a new topic.
+void Consumer::leave_topic_locked(const Registration& registration, uint64_t id) {
+  Class& owner = *registration.owner;
+  const auto number = owner.topic_of_name.find(registration.name);
+  const auto topic = owner.topics.find(number->second);
+  std::erase(topic->second.registrations, id);
+  if (!topic->second.registrations.empty()) return;
+  owner.link->unsubscribe(topic->first);
+  owner.topics.erase(topic);
+  owner.topic_of_name.erase(number);
+}
+
+uint32_t Consumer::remove(void* handle) {
+  std::unique_lock lock(mutex_);
+  const uint64_t id = number_of(handle, kRegistrationMark);
+  const auto found = registrations_.find(id);
+  if (found == registrations_.end()) return EINVAL;
+  if (found->second.handler != nullptr) leave_topic_locked(found->second, id);
+  registrations_.erase(found);
+  if (running_ == id && running_on_ != std::this_thread::get_id()) {
+    ++waiting_for_handler_;
+    handler_done_.wait(lock, [&] { return running_ != id; });
+    --waiting_for_handler_;
+  }
+  return 0;
+}
+
+// The topic's registration that follows `id`, 0 when there is none.
+uint64_t Consumer::registration_after_locked(const Class& owner, uint64_t topic, uint64_t id) {
+  const auto found = owner.topics.find(topic);
+  if (found == owner.topics.end()) return 0;
+  const std::vector<uint64_t>& registrations = found->second.registrations;
+  const auto next = std::upper_bound(registrations.begin(), registrations.end(), id);
+  return next != registrations.end() ? *next : 0;
+}
+
+// No lock is held while a handler runs, and everything may be different afterwards: the walk goes on from the
+// number of the registration just served.
+Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length) {
+  Response response;
+  std::unique_lock lock(mutex_);
+  running_on_ = std::this_thread::get_id();
+  for (uint64_t id = 0; (id = registration_after_locked(owner, topic, id)) != 0;) {
+    const Registration& registration = registrations_.find(id)->second;
+    const pcx_handler handler = registration.handler;
+    const uint64_t context = registration.context;
+    running_ = id;
+    lock.unlock();
+    Response one;
+    handler(context, mtype, payload, length, &one.data, &one.length);
+    // One answer is all that a synchronous request takes.
+    if (response.data == nullptr) std::swap(response, one);
+    std::free(one.data);
+    lock.lock();
+    running_ = 0;
+    if (waiting_for_handler_ != 0) handler_done_.notify_all();
+  }
+  return response;
+}
+
+uint32_t Consumer::lookup(uint32_t class_handle, std::string_view name, void** address) {
+  Link* link;
+  {
+    std::lock_guard lock(mutex_);
+    Class* owner = class_locked(class_handle);
+    if (owner == nullptr) return EINVAL;
+    link = owner->link.get();
+  }
+  // A name that cannot be published has no data; nobody need be asked.
+  if (name.empty() || name.size() > kMaxName) return DSV_NO_DATA;
+  const uint32_t status = link->lookup(name, Deadline::in_ms(settings().deadline_ms));
+  if (status == ESRCH) return DSV_NO_DATA;
+  // The producer of a class answers for all its names, so an address need say no more than the class.
+  if (status == 0) *address = handle_of(kAddressMark, class_handle);
+  return status;
+}
+
+Link* Consumer::link_of(void* handle, bool registrations_only) {
+  std::lock_guard lock(mutex_);
+  const auto found = registrations_.find(number_of(handle, kRegistrationMark));
+  if (found != registrations_.end()) return found->second.owner->link.get();
+  const uint64_t class_handle = registrations_only ? 0 : number_of(handle, kAddressMark);
+  Class* owner = class_handle <= UINT32_MAX ? class_locked(static_cast<uint32_t>(class_handle)) : nullptr;
+  return owner != nullptr ? owner->link.get() : nullptr;
+}
+
+}  // namespace es_platform::bus

@@ -1,0 +1,86 @@
+// The consumer's side of the bus for the process: its classes, its registrations, and the handles by which
+// callers name them. Knows names and topics, no connections. Thread-safe.
+//
+// A name that several registrations share is subscribed once, as one topic; what arrives for it is shown to
+// each of them in the order of their dsv_register(). Handles are numbers that are never used again, looked up
+// in tables: a stale or invented one is told from a live one.
+#ifndef ES_PLATFORM_SRC_BUS_CONSUMER_H_
+#define ES_PLATFORM_SRC_BUS_CONSUMER_H_
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "bus/transport.h"
+#include "es_platform/pcx.h"
+
+namespace es_platform::bus {
+
+class Consumer {
+ public:
+  static Consumer& instance();
+
+  // Operations of dsv.h and pcx.h, after their checks for null. May throw std::bad_alloc, and then nothing
+  // has changed.
+  uint32_t create_class(std::string_view name, uint32_t* class_handle);
+  bool has_class(uint32_t class_handle);
+  uint32_t add(uint32_t class_handle, std::string_view name, void** handle);
+  uint32_t start(void* handle, uint64_t context, pcx_handler handler);
+  uint32_t remove(void* handle);
+  uint32_t lookup(uint32_t class_handle, std::string_view name, void** address);
+  // The link behind a registration or an address, null when the handle is neither.
+  Link* link_of(void* handle, bool registrations_only);
+
+ private:
+  struct Class;
+  struct Topic {
+    std::string name;
+    std::vector<uint64_t> registrations;  // ascending, never empty
+  };
+  struct Registration {
+    Class* owner;
+    std::string name;
+    uint64_t context = 0;
+    pcx_handler handler = nullptr;  // null until it is started
+  };
+  // A class hears what arrives for it; classes live as long as the process.
+  struct Class final : Receiver {
+    Class(Consumer& consumer, uint32_t number, std::string_view class_name)
+        : home(consumer), handle(number), name(class_name), link(transport().open_link(name, *this)) {}
+    Response deliver(uint64_t topic, uint32_t mtype, void* payload, uint32_t length) override {
+      return home.deliver(*this, topic, mtype, payload, length);
+    }
+    Consumer& home;
+    const uint32_t handle;
+    const std::string name;
+    std::unordered_map<uint64_t, Topic> topics;
+    std::unordered_map<std::string, uint64_t> topic_of_name;
+    const std::unique_ptr<Link> link;
+  };
+
+  Class* class_locked(uint32_t class_handle);
+  void join_topic_locked(Registration& registration, uint64_t id);
+  void leave_topic_locked(const Registration& registration, uint64_t id);
+  static uint64_t registration_after_locked(const Class& owner, uint64_t topic, uint64_t id);
+  Response deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length);
+
+  std::mutex mutex_;
+  std::condition_variable handler_done_;
+  std::vector<std::unique_ptr<Class>> classes_;
+  std::unordered_map<uint64_t, Registration> registrations_;
+  uint64_t next_registration_ = 1, next_topic_ = 1;
+  // The handler that the delivery thread is running now, for pcx_unregister() to wait for.
+  uint64_t running_ = 0;
+  std::thread::id running_on_;
+  uint32_t waiting_for_handler_ = 0;
+};
+
+}  // namespace es_platform::bus
+
+#endif  // ES_PLATFORM_SRC_BUS_CONSUMER_H_

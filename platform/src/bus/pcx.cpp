@@ -1,0 +1,83 @@
+// The consumer's entry points of the bus.
+#include "es_platform/pcx.h"
+
+#include <atomic>
+
+#include "bus/consumer.h"
+#include "bus/frame.h"
+#include "bus/settings.h"
+#include "guard.h"
+
+using es_platform::guarded;
+using es_platform::bus::Consumer;
+using es_platform::bus::Deadline;
+using es_platform::bus::kMaxMessage;
+using es_platform::bus::Link;
+using es_platform::bus::settings;
+
+namespace {
+
+constexpr uint32_t kBulkHandles = 1024;
+
+}  // namespace
+
+uint32_t pcx_lr_init(void* ctx) {
+  static std::atomic<bool> started{false};
+  if (ctx == nullptr) return EINVAL;
+  return started.exchange(true) ? EEXIST : 0;
+}
+
+uint32_t pcx_set_context(const pcx_context_record* record) {
+  if (record == nullptr || record->evm_ctx == nullptr || record->one != 1) return EINVAL;
+  if (record->reserved0 != 0 || record->reserved20 != 0 || record->reserved28 != 0) return EINVAL;
+  return guarded([&] { return Consumer::instance().has_class(record->class_handle) ? 0U : EINVAL; });
+}
+
+uint32_t pcx_register(void* reg_handle, uint32_t flags, uint64_t context, pcx_handler handler) {
+  if (handler == nullptr || flags != 0) return EINVAL;
+  return guarded([&] { return Consumer::instance().start(reg_handle, context, handler); });
+}
+
+uint32_t pcx_get_num_bulk_handles(uint32_t class_handle) {
+  return Consumer::instance().has_class(class_handle) ? kBulkHandles : 0;
+}
+
+uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t count, uint32_t zero1,
+                           uint32_t zero2, uint64_t zero3, pcx_handler handler) {
+  if (reg_handles == nullptr || codes == nullptr || handler == nullptr || count > kBulkHandles) return EINVAL;
+  if (zero1 != 0 || zero2 != 0 || zero3 != 0) return EINVAL;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (codes[i] == 0) codes[i] = pcx_register(reg_handles[i], 0, 0, handler);
+  }
+  return 0;
+}
+
+uint32_t pcx_unregister(void* reg_handle) {
+  return guarded([&] { return Consumer::instance().remove(reg_handle); });
+}
+
+uint32_t pcx_query_producer(void* reg_handle) {
+  return guarded([&]() -> uint32_t {
+    Link* link = Consumer::instance().link_of(reg_handle, true);
+    if (link == nullptr) return EINVAL;
+    const uint32_t status = link->connect(Deadline::in_ms(settings().deadline_ms));
+    return status == ESRCH ? ENOENT : status;
+  });
+}
+
+uint32_t pcx_read(void* handle, const void* request, uint32_t request_length, void* answer,
+                  uint32_t* answer_length) {
+  if (answer_length == nullptr || (request == nullptr && request_length != 0) || request_length > kMaxMessage)
+    return EINVAL;
+  if (answer == nullptr && *answer_length != 0) return EINVAL;
+  return guarded([&]() -> uint32_t {
+    Link* link = Consumer::instance().link_of(handle, false);
+    if (link == nullptr) return EINVAL;
+    return link->request(request, request_length, answer, answer_length,
+                         Deadline::in_ms(settings().deadline_ms));
+  });
+}
+
+uint32_t pcx_get_optimum_msg_size(uint32_t class_handle) {
+  return Consumer::instance().has_class(class_handle) ? settings().optimum_size : 0;
+}

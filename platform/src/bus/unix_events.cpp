@@ -1,0 +1,229 @@
+#include "bus/unix_events.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "bus/dispatcher.h"
+#include "bus/unix_requests.h"
+#include "es_platform/pcx.h"
+#include "log.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define BUS_EXACT_PAYLOADS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define BUS_EXACT_PAYLOADS 1
+#endif
+#endif
+#ifndef BUS_EXACT_PAYLOADS
+#define BUS_EXACT_PAYLOADS 0
+#endif
+
+namespace es_platform::bus {
+
+namespace {
+
+constexpr size_t kReadBuffer = 256 << 10;
+constexpr uint64_t kMillisecond = 1000000;
+constexpr uint64_t kFirstBackoff = 10 * kMillisecond;
+constexpr uint64_t kLongestBackoff = 500 * kMillisecond;
+
+bool hung_up(int fd) {
+  pollfd poll_fd = {fd, 0, 0};
+  return poll(&poll_fd, 1, 0) > 0;
+}
+
+}  // namespace
+
+UnixEvents::UnixEvents(const UnixAddress& address, Receiver& receiver)
+    : address_(address),
+      receiver_(receiver),
+      in_(kReadBuffer),
+      random_(static_cast<std::minstd_rand::result_type>(process_token())) {}
+
+// --- Changes: any thread ---
+
+void UnixEvents::subscribe(uint64_t topic, std::string_view name) {
+  Dispatcher::instance().add(this);
+  std::lock_guard lock(mutex_);
+  topics_.emplace(topic, name);
+  ++order_;
+  append_change_locked(make_frame(FrameKind::subscribe, name.size(), topic, 0, order_), name.data());
+}
+
+void UnixEvents::unsubscribe(uint64_t topic) noexcept {
+  std::lock_guard lock(mutex_);
+  if (topics_.erase(topic) == 0) return;
+  ++order_;
+  append_change_locked(make_frame(FrameKind::unsubscribe, 0, topic, 0, order_), nullptr);
+}
+
+// A change that cannot be queued costs the connection, not the change: the next connection brings everything.
+void UnixEvents::append_change_locked(const FrameHeader& header, const void* payload) {
+  if (current_ == nullptr) return Dispatcher::instance().wake();
+  try {
+    out_.append(header, payload);
+    flush_locked();
+  } catch (const std::bad_alloc&) {
+    lose_locked();
+  }
+}
+
+uint64_t UnixEvents::settle(const Deadline& deadline) {
+  std::unique_lock lock(mutex_);
+  if (topics_.empty()) return 0;
+  if (current_ == nullptr || hung_up(current_->get())) connect_locked();
+  while (!out_.empty() && deadline.left_ms() > 0) {
+    const Connection connection = current_;
+    lock.unlock();
+    wait_for(connection->get(), POLLOUT, deadline);
+    lock.lock();
+    if (current_ == connection) flush_locked();
+  }
+  return order_;
+}
+
+// --- The connection ---
+
+// Replaces whatever connection there was. A failure is no more than that: the delivery thread tries again.
+bool UnixEvents::connect_locked() {
+  Fd fd;
+  if (connect_to(address_, nullptr, &fd) != 0) return false;
+  try {
+    Connection fresh = std::make_shared<Fd>(std::move(fd));
+    out_.clear();
+    append_all_locked();
+    current_ = std::move(fresh);
+  } catch (const std::bad_alloc&) {
+    lose_locked();
+    return false;
+  }
+  flush_locked();
+  Dispatcher::instance().wake();
+  return true;
+}
+
+void UnixEvents::append_all_locked() {
+  const Hello hello = {process_token(), Role::events, 0};
+  out_.append(make_frame(FrameKind::hello, sizeof hello), &hello);
+  for (const auto& [topic, name] : topics_) {
+    out_.append(make_frame(FrameKind::subscribe, name.size(), topic), name.data());
+  }
+  out_.append(make_frame(FrameKind::mark, 0, 0, 0, order_), nullptr);
+}
+
+void UnixEvents::flush_locked() {
+  size_t written = 0;
+  if (out_.flush(current_->get(), &written) != 0) return lose_locked();
+  if (!out_.empty()) Dispatcher::instance().wake();
+}
+
+// Forgets the current connection. Its reader finds the end of the stream.
+void UnixEvents::lose_locked() {
+  if (current_ != nullptr) shutdown(current_->get(), SHUT_WR);
+  current_ = nullptr;
+  out_.clear();
+  Dispatcher::instance().wake();
+}
+
+// Doubles from 10 ms to 500 ms, each time between a half and the whole of it: consumers of a producer that
+// comes back do not come all at once.
+uint64_t UnixEvents::next_delay_ns() {
+  backoff_ns_ = std::clamp(backoff_ns_ * 2, kFirstBackoff, kLongestBackoff);
+  return backoff_ns_ / 2 + random_() % (backoff_ns_ / 2);
+}
+
+// --- Delivery thread ---
+
+pollfd UnixEvents::prepare(int* timeout_ms) {
+  std::lock_guard lock(mutex_);
+  if (reader_ == nullptr) {
+    const uint64_t now = clock_now_ns();
+    if (current_ == nullptr && !topics_.empty() && now >= retry_at_ns_ && !connect_locked()) {
+      retry_at_ns_ = now + next_delay_ns();
+    }
+    reader_ = current_;
+    opened_at_ns_ = now;
+    if (reader_ == nullptr && !topics_.empty()) {
+      *timeout_ms = now >= retry_at_ns_ ? 0 : static_cast<int>((retry_at_ns_ - now) / kMillisecond) + 1;
+    }
+  }
+  if (reader_ == nullptr) return {-1, 0, 0};
+  const bool writes = reader_ == current_ && !out_.empty();
+  return {reader_->get(), static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN), 0};
+}
+
+void UnixEvents::serve(short revents) {
+  if ((revents & POLLOUT) != 0) {
+    std::lock_guard lock(mutex_);
+    if (reader_ == current_) flush_locked();
+  }
+  if ((revents & (POLLIN | POLLHUP | POLLERR)) != 0) read_some();
+}
+
+void UnixEvents::read_some() {
+  const std::span<char> room = in_.room();
+  const ssize_t bytes = recv(reader_->get(), room.data(), room.size(), MSG_DONTWAIT);
+  if (bytes < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+  if (bytes <= 0) return close_reader();
+  in_.received(static_cast<size_t>(bytes));
+  if (!handle_frames()) close_reader();
+}
+
+bool UnixEvents::handle_frames() {
+  FrameHeader header;
+  char* payload = nullptr;
+  const char* why = nullptr;
+  for (;;) {
+    switch (in_.next(frame_kinds(FrameKind::push, FrameKind::sync), &header, &payload, &why)) {
+      case InBuffer::Step::frame:
+        deliver(header, payload);
+        break;
+      case InBuffer::Step::more:
+        return true;
+      case InBuffer::Step::fault:
+        log_line("%s: malformed frame from the producer: %s; connection closed", address_.socket.c_str(),
+                 why);
+        return false;
+    }
+  }
+}
+
+// Payloads are handed out where they were received. Under AddressSanitizer each one gets a block of its own
+// size, so that a handler that reads past its message is caught.
+void UnixEvents::deliver(const FrameHeader& header, char* payload) {
+  const uint32_t mtype = header.kind == FrameKind::sync ? kSyncRequestType : header.word;
+  void* message = header.length != 0 ? payload : nullptr;
+#if BUS_EXACT_PAYLOADS
+  const std::unique_ptr<void, decltype(&std::free)> exact(std::malloc(header.length), &std::free);
+  if (message != nullptr && exact != nullptr) message = std::memcpy(exact.get(), payload, header.length);
+#endif
+  const Response response = receiver_.deliver(header.tag, mtype, message, header.length);
+  if (header.kind == FrameKind::sync) respond(header.order, response);
+  std::free(response.data);
+}
+
+// A response belongs to the connection that asked; when that one is lost nobody waits for it any more.
+void UnixEvents::respond(uint64_t number, const Response& response) {
+  std::lock_guard lock(mutex_);
+  if (reader_ != current_) return;
+  const uint32_t length = response.data != nullptr && response.length <= kMaxMessage ? response.length : 0;
+  append_change_locked(make_frame(FrameKind::response, length, 0, 0, number), response.data);
+}
+
+void UnixEvents::close_reader() {
+  std::lock_guard lock(mutex_);
+  if (reader_ == current_) lose_locked();
+  reader_ = nullptr;
+  in_ = InBuffer(kReadBuffer);
+  const uint64_t now = clock_now_ns();
+  if (now - opened_at_ns_ > kLongestBackoff) backoff_ns_ = 0;
+  retry_at_ns_ = now + next_delay_ns();
+}
+
+}  // namespace es_platform::bus

@@ -1,0 +1,83 @@
+// A consumer process's event connection to the producer of one class, and the thread that serves all of them.
+//
+// Who does what: any thread may change what is subscribed, open a connection where there is none, and write
+// out what waits; only the delivery thread reads and calls the receiver. A connection that is lost is
+// replaced at once by whoever notices; the delivery thread reads the old one to its end before it turns to
+// the new one, so what a producer sent before it went is still delivered, in order.
+//
+// Order. Every change of the subscriptions has a number. It goes out with the change, and a read carries the
+// number of the last change made before it; the producer answers a read when it has seen that change. So a
+// read can never overtake the registration before it, although they travel on different connections and
+// registering never waits.
+#ifndef ES_PLATFORM_SRC_BUS_UNIX_EVENTS_H_
+#define ES_PLATFORM_SRC_BUS_UNIX_EVENTS_H_
+
+#include <poll.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "bus/in_buffer.h"
+#include "bus/out_queue.h"
+#include "bus/transport.h"
+#include "bus/unix_socket.h"
+
+namespace es_platform::bus {
+
+class UnixEvents {
+ public:
+  UnixEvents(const UnixAddress& address, Receiver& receiver);
+
+  void subscribe(uint64_t topic, std::string_view name);
+  void unsubscribe(uint64_t topic) noexcept;
+  // Sees to it that all changes are on their way, as far as there is a producer, and returns the last one's
+  // number; 0 when nothing is subscribed.
+  uint64_t settle(const Deadline& deadline);
+
+  // --- Delivery thread only ---
+
+  // What to wait for, and at most how long in ms (-1: no limit). fd -1 when there is no connection.
+  pollfd prepare(int* timeout_ms);
+  // Serves what poll() reported.
+  void serve(short revents);
+
+ private:
+  using Connection = std::shared_ptr<Fd>;
+
+  bool connect_locked();
+  void append_all_locked();
+  void append_change_locked(const FrameHeader& header, const void* payload);
+  void flush_locked();
+  void lose_locked();
+  uint64_t next_delay_ns();
+
+  void read_some();
+  bool handle_frames();
+  void deliver(const FrameHeader& header, char* payload);
+  void respond(uint64_t number, const Response& response);
+  void close_reader();
+
+  const UnixAddress& address_;
+  Receiver& receiver_;
+
+  std::mutex mutex_;
+  std::map<uint64_t, std::string> topics_;
+  uint64_t order_ = 0;  // number of the last change
+  Connection current_;  // where changes and responses go; null when there is none
+  OutQueue out_;        // waits for current_
+
+  // Delivery thread only.
+  Connection reader_;  // being read; may be an older one than current_
+  InBuffer in_;
+  uint64_t opened_at_ns_ = 0, retry_at_ns_ = 0, backoff_ns_ = 0;
+  std::minstd_rand random_;
+};
+
+}  // namespace es_platform::bus
+
+#endif  // ES_PLATFORM_SRC_BUS_UNIX_EVENTS_H_

@@ -1,0 +1,64 @@
+// Unix-domain stream sockets as the bus's transport: what the two sides of it are put together from.
+#include <cerrno>
+
+#include "bus/transport.h"
+#include "bus/unix_events.h"
+#include "bus/unix_requests.h"
+#include "bus/unix_server.h"
+#include "bus/unix_socket.h"
+
+namespace es_platform::bus {
+
+namespace {
+
+class UnixLink final : public Link {
+ public:
+  UnixLink(const std::string& class_name, Receiver& receiver)
+      : address_(address_of_class(class_name)), requests_(address_), events_(address_, receiver) {}
+
+  uint32_t connect(Deadline deadline) override {
+    uint32_t none = 0;
+    return requests_.exchange(make_frame(FrameKind::ping, 0), nullptr, nullptr, &none, deadline);
+  }
+
+  uint32_t lookup(std::string_view name, Deadline deadline) override {
+    uint32_t none = 0;
+    return requests_.exchange(make_frame(FrameKind::lookup, name.size()), name.data(), nullptr, &none,
+                              deadline);
+  }
+
+  uint32_t request(const void* request, uint32_t length, void* answer, uint32_t* answer_length,
+                   Deadline deadline) override {
+    const uint64_t order = events_.settle(deadline);
+    const FrameHeader header = make_frame(FrameKind::read, length, 0, *answer_length, order);
+    return requests_.exchange(header, request, answer, answer_length, deadline);
+  }
+
+  void subscribe(uint64_t topic, std::string_view name) override { events_.subscribe(topic, name); }
+  void unsubscribe(uint64_t topic) noexcept override { events_.unsubscribe(topic); }
+
+ private:
+  const UnixAddress address_;
+  UnixRequests requests_;
+  UnixEvents events_;
+};
+
+class UnixTransport final : public Transport {
+ public:
+  std::unique_ptr<Link> open_link(const std::string& class_name, Receiver& receiver) override {
+    return std::make_unique<UnixLink>(class_name, receiver);
+  }
+  uint32_t serve(const std::string& class_name, const ServerOptions& options, Service& service,
+                 std::unique_ptr<Server>* out, std::string* why) override {
+    return serve_unix(class_name, options, service, out, why);
+  }
+};
+
+}  // namespace
+
+Transport& transport() {
+  static UnixTransport& unix_transport = *new UnixTransport;
+  return unix_transport;
+}
+
+}  // namespace es_platform::bus
