@@ -96,8 +96,7 @@ struct pcx_producer final : Service {
   }
   const std::vector<Subscription>& subscriptions_locked(const std::string& name) const;
   void forget_topic_locked(Consumer& consumer, uint64_t topic, const std::string& name);
-  void ask_locked(uint64_t number, const std::string& name, const void* payload, uint32_t length,
-                  Question* question);
+  uint64_t ask_locked(const std::string& name, const void* payload, uint32_t length, Question* question);
 
   const pcx_producer_ops ops;
   void* const user;
