@@ -126,7 +126,10 @@ int serve(DatabasePtr database, const Options& options) {
   const sigset_t end_signals = block_end_signals();
   BusUser user{Service(database, log_line), options.verbose};
   const ProducerPtr producer = open_bus(&user);
-  if (!producer || !publish_names(producer.get(), *database)) return kExitBus;
+  if (!producer) return kExitBus;
+  // Being the only producer now, we may take away what one that was killed has left.
+  if (!options.ready_file.empty()) ::unlink(options.ready_file.c_str());
+  if (!publish_names(producer.get(), *database)) return kExitBus;
   if (!report_ready(options)) return kExitSystem;
 
   int signal = 0;
