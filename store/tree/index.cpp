@@ -53,6 +53,7 @@ SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hin
   if (leaf != nullptr && !leaf->spans(seq)) leaf = direction == ES_ACL_FORWARD ? leaf->next : leaf->prev;
   if (leaf == nullptr || !leaf->spans(seq)) {
     leaf = descend(seq, nullptr);
+    leaf->prefetch_values();
   } else {
     // The usual run asks for one number after the other, or for the same one again.
     if (near < leaf->count && leaf->keys[near] == seq) return {leaf, near, true};
@@ -119,6 +120,7 @@ Leaf* SeqIndex::take_leaf() noexcept {
 Inner* SeqIndex::take_inner() noexcept {
   Inner* inner = spare_inner_;
   spare_inner_ = inner->spare;
+  inner->clear();
   return inner;
 }
 
@@ -153,7 +155,6 @@ void SeqIndex::add_child(Path& path, uint32_t key, void* child, bool append) noe
     const uint32_t pos = path.at[depth] + 1;
     if (!parent->full()) return parent->insert_at(pos, key, child);
     Inner* right = take_inner();
-    right->count = 0;
     parent->move_tail(append ? kFanout : kFanout / 2, *right);
     if (pos > parent->count || parent->full()) {
       right->insert_at(pos - parent->count, key, child);
@@ -161,10 +162,10 @@ void SeqIndex::add_child(Path& path, uint32_t key, void* child, bool append) noe
       parent->insert_at(pos, key, child);
     }
     key = right->first_key();
+    right->open();
     child = right;
   }
   Inner* root = take_inner();
-  root->count = 0;
   root->insert_at(0, 0, root_);
   root->insert_at(1, key, child);
   root_ = root;
@@ -177,7 +178,7 @@ void SeqIndex::drop_leaf(Leaf* leaf, SlotPool& pool) noexcept {
   (leaf->prev != nullptr ? leaf->prev->next : leftmost_) = leaf->next;
   (leaf->next != nullptr ? leaf->next->prev : last_) = leaf->prev;
   pool.put_back(leaf->run);
-  leaf->count = 0;
+  leaf->clear();
   leaf->prev = nullptr;
   leaf->next = spare_leaf_;
   spare_leaf_ = leaf;
@@ -227,6 +228,7 @@ bool SeqIndex::join_leaves(Inner* parent, uint32_t at, SlotPool& pool) noexcept 
     if (leaf->prev == nullptr && leaf->next == nullptr) return false;
     drop_leaf(leaf, pool);
     parent->erase_at(at);
+    parent->open();
     return true;
   }
   if (parent->count == 1) return true;
@@ -250,16 +252,18 @@ bool SeqIndex::join_inners(Inner* parent, uint32_t at) noexcept {
   if (inner->count == 0) {
     drop_inner(inner);
     parent->erase_at(at);
+    parent->open();
     return true;
   }
   if (parent->count == 1) return true;
   if (at + 1 == parent->count) --at;
   auto* left = static_cast<Inner*>(parent->values[at]);
   auto* right = static_cast<Inner*>(parent->values[at + 1]);
-  right->keys[0] = parent->keys[at + 1];  // a bound that counts from now on
+  right->keys[0] = parent->keys[at + 1];  // its bound, in case it does not stay the first
   if (left->count + right->count > kFanout) {
     left->share(*right);
     parent->keys[at + 1] = right->first_key();
+    right->open();
     return false;
   }
   left->absorb(*right);
@@ -278,7 +282,9 @@ uint32_t SeqIndex::rebuild_bounds(void* node, unsigned level) noexcept {
   if (level == 0) return static_cast<Leaf*>(node)->first_key();
   auto* inner = static_cast<Inner*>(node);
   for (uint32_t i = 0; i != inner->count; ++i) inner->keys[i] = rebuild_bounds(inner->values[i], level - 1);
-  return inner->first_key();
+  const uint32_t bound = inner->first_key();
+  inner->open();
+  return bound;
 }
 
 }  // namespace es_tree

@@ -1,8 +1,9 @@
 // The index of one ACL: a B+ tree from sequence number to slot.
 //
 // All nodes are sorted blocks of up to 64 keys. A leaf's values are slots; an inner node's are the nodes
-// below it, and its keys are lower bounds of theirs (the first key stands for "anything less" and is not
-// compared). Leaves are chained in order. The list itself lives in the slots; the index finds the place.
+// below it, and its keys are lower bounds of theirs; its first key is 0, for the first child also takes what
+// is less than all others. Leaves are chained in order. The list itself lives in the slots; the index finds
+// the place.
 //
 // An append into a full last leaf opens a new one beside it, so that an ACL filled in order has full leaves;
 // other full nodes are split in halves. A removal that leaves a node under a quarter full merges it with a
@@ -38,6 +39,8 @@ struct Leaf : Block<SlotId> {
 
 struct Inner : Block<void*> {
   Inner* spare = nullptr;  // the next unused one
+
+  void open() noexcept { keys[0] = 0; }
 };
 
 class SeqIndex {
