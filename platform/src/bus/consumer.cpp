@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "bus/frame.h"
 #include "bus/settings.h"
@@ -133,12 +134,17 @@ uint64_t Consumer::registration_after_locked(const Class& owner, uint64_t topic,
 }
 
 // No lock is held while a handler runs, and everything may be different afterwards: the walk goes on from the
-// number of the registration just served.
+// number of the registration just served. Handlers may write to the payload; where several share a topic,
+// each gets it as it came.
 Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length) {
   Response response;
+  std::vector<char> original;
   std::unique_lock lock(mutex_);
   running_on_ = std::this_thread::get_id();
-  for (uint64_t id = 0; (id = registration_after_locked(owner, topic, id)) != 0;) {
+  uint64_t id = registration_after_locked(owner, topic, 0);
+  const auto* bytes = static_cast<const char*>(payload);
+  if (registration_after_locked(owner, topic, id) != 0) original.assign(bytes, bytes + length);
+  while (id != 0) {
     const Registration& registration = registrations_.find(id)->second;
     const pcx_handler handler = registration.handler;
     const uint64_t context = registration.context;
@@ -149,9 +155,11 @@ Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* p
     // One answer is all that a synchronous request takes.
     if (response.data == nullptr) std::swap(response, one);
     std::free(one.data);
+    if (!original.empty()) std::memcpy(payload, original.data(), original.size());
     lock.lock();
     running_ = 0;
     if (waiting_for_handler_ != 0) handler_done_.notify_all();
+    id = registration_after_locked(owner, topic, id);
   }
   return response;
 }

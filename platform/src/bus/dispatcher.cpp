@@ -56,7 +56,7 @@ void Dispatcher::run() {
     try {
       serve_once(&served);
     } catch (const std::bad_alloc&) {
-      poll(nullptr, 0, 10);  // nothing was lost: the bytes are still in the socket
+      poll(nullptr, 0, 10);  // what was to be read is still in the sockets
     }
   }
 }

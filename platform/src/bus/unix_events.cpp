@@ -166,13 +166,23 @@ void UnixEvents::serve(short revents) {
   if ((revents & (POLLIN | POLLHUP | POLLERR)) != 0) read_some();
 }
 
+// Without memory a message cannot be delivered, and none may be missed: the connection ends.
 void UnixEvents::read_some() {
+  try {
+    if (!receive_and_deliver()) close_reader();
+  } catch (const std::bad_alloc&) {
+    log_line("%s: out of memory; event connection closed", address_.socket.c_str());
+    close_reader();
+  }
+}
+
+bool UnixEvents::receive_and_deliver() {
   const std::span<char> room = in_.room();
   const ssize_t bytes = recv(reader_->get(), room.data(), room.size(), MSG_DONTWAIT);
-  if (bytes < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
-  if (bytes <= 0) return close_reader();
+  if (bytes < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
+  if (bytes <= 0) return false;
   in_.received(static_cast<size_t>(bytes));
-  if (!handle_frames()) close_reader();
+  return handle_frames();
 }
 
 bool UnixEvents::handle_frames() {

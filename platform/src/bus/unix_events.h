@@ -57,6 +57,7 @@ class UnixEvents {
   uint64_t next_delay_ns();
 
   void read_some();
+  bool receive_and_deliver();
   bool handle_frames();
   void deliver(const FrameHeader& header, char* payload);
   void respond(uint64_t number, const Response& response);
