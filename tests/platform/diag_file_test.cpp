@@ -1,0 +1,226 @@
+#include "diag_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "diag_reader.h"
+#include "es_platform/diag.h"
+#include "es_platform/process.h"
+#include "private_directory.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using es_diag::diag_kind;
+
+std::vector<es_diag::region> regions_of(pid_t pid) {
+  return es_diag::read_directory(diagnostics_directory(), std::nullopt, pid).regions;
+}
+
+size_t files_of(pid_t pid) {
+  size_t count = 0;
+  for (const auto& file : fs::directory_iterator(diagnostics_directory())) {
+    count += file.path().filename().string().starts_with(std::to_string(pid) + '.') ? 1 : 0;
+  }
+  return count;
+}
+
+struct ended_child {
+  pid_t pid;
+  int code;
+};
+
+// Runs `body` in a forked child, which ends at once with its result.
+template <typename Body>
+ended_child in_child(Body body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body());
+  int status = -1;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return {child, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+// Opens a trace buffer; 0 when this process then has exactly one file.
+int open_only_buffer() {
+  rlog_ctx* own = nullptr;
+  return acl_rlog_init("/file/", "_child", 0, 16, &own) == 0 && files_of(getpid()) == 1 ? 0 : 1;
+}
+
+class DiagFile : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(acl_rlog_init("/file/", "_t", 0, 16, &ctx), 0u); }
+  void TearDown() override { acl_rlog_close(ctx); }
+  rlog_ctx* ctx = nullptr;
+};
+
+TEST_F(DiagFile, IsThereWhileTheRegionIs) {
+  const size_t before = files_of(getpid());
+  void* body = es_platform::diag_region_new(diag_kind::threads, "x", nullptr, 100);
+  ASSERT_NE(body, nullptr);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(body) % 64, 0u);
+  EXPECT_EQ(files_of(getpid()), before + 1);
+  es_platform::diag_region_free(body);
+  EXPECT_EQ(files_of(getpid()), before);
+}
+
+TEST_F(DiagFile, AForkedChildWritesToMemoryOfItsOwn) {
+  _rlog_1(ctx, "parent", "before", 1);
+  const size_t before = files_of(getpid());
+  const ended_child child = in_child([&] {
+    _rlog_1(ctx, "child", "after", 2);
+    return open_only_buffer();
+  });
+  EXPECT_EQ(child.code, 0) << "what the child makes is its own";
+  _rlog_1(ctx, "parent", "after", 3);
+  EXPECT_EQ(files_of(getpid()), before);
+  for (const es_diag::region& one : regions_of(getpid())) {
+    if (one.name != "/file/_t") continue;
+    const auto entries = es_diag::decode_trace(one).entries;
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[1].event, "after");
+    EXPECT_EQ(entries[1].operation, "parent");
+  }
+}
+
+TEST_F(DiagFile, FilesOfProcessesThatDiedAreRemoved) {
+  const ended_child dead = in_child(open_only_buffer);
+  ASSERT_EQ(dead.code, 0);
+  EXPECT_EQ(files_of(dead.pid), 1u) << "it had no time to clean up";
+  const size_t mine = files_of(getpid());
+  EXPECT_TRUE(regions_of(dead.pid).empty());
+  EXPECT_EQ(files_of(dead.pid), 0u);
+  EXPECT_EQ(files_of(getpid()), mine);
+}
+
+TEST_F(DiagFile, ExitTakesTheFilesAway) {
+  const size_t mine = files_of(getpid());
+  const ended_child ended = in_child([]() -> int { std::exit(open_only_buffer()); });
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(files_of(ended.pid), 0u);
+  EXPECT_EQ(files_of(getpid()), mine) << "and those of nobody else";
+}
+
+TEST_F(DiagFile, AFileOfAnEarlierProcessWithThisIdIsRemoved) {
+  const std::string earlier = diagnostics_directory() + '/' + std::to_string(getpid()) + ".trace.9999";
+  es_platform::diag_header header{};
+  std::copy(std::begin(es_platform::kDiagMagic), std::end(es_platform::kDiagMagic), header.magic);
+  header.process_start = es_platform::diag_process_start(getpid()) - 1;
+  std::ofstream(earlier).write(reinterpret_cast<const char*>(&header), sizeof header);
+  es_platform::diag_remove_stale(diagnostics_directory());
+  EXPECT_FALSE(fs::exists(earlier));
+}
+
+// 0 when every service that keeps diagnostics works where there can be no files.
+int use_without_directory() {
+  setenv("ES_DIAG_DIR", "/proc/nowhere/diag", 1);
+  rlog_ctx* own = nullptr;
+  debug_category* categories = nullptr;
+  acl_client_relay_entry *main_block = nullptr, *error_block = nullptr;
+  void* history = nullptr;
+  if (acl_rlog_init("/file/", "_t", 0, 16, &own) != 0) return 1;
+  if (acl_debug_init(&categories, nullptr, "/debug/x/", 3) != 0) return 2;
+  if (acl_client_relay_init("c", "p", &main_block, &error_block, &history) != 0) return 3;
+  _rlog_1(own, "op", "event", 1);
+  main_block[1].count++;
+  acl_rlog_close(own);
+  return 0;
+}
+
+// In a process of its own, where nothing has looked for the directory before.
+TEST(DiagFileDeathTest, WithoutADirectoryEverythingWorksInMemory) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(_exit(use_without_directory()), testing::ExitedWithCode(0), "");
+}
+
+// What a reader does with one file, whatever stands in it.
+void decode_any(const es_diag::region& one) {
+  switch (one.kind) {
+    case diag_kind::trace:
+      es_diag::decode_trace(one);
+      break;
+    case diag_kind::debug:
+      es_diag::decode_categories(one);
+      break;
+    case diag_kind::counters:
+      es_diag::decode_counters(one);
+      break;
+    case diag_kind::threads:
+      es_diag::decode_threads(one);
+      break;
+  }
+}
+
+std::vector<std::string> valid_files() {
+  std::vector<std::string> contents;
+  for (const es_diag::region& one : regions_of(getpid())) {
+    std::ifstream file(one.path, std::ios::binary);
+    contents.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  return contents;
+}
+
+void damage(std::string& content, std::minstd_rand& random) {
+  switch (random() % 3) {
+    case 0:
+      content.resize(random() % content.size());
+      break;
+    case 1:
+      content.resize(content.size() + random() % 200);
+      break;
+    default:
+      break;
+  }
+  // Mostly where the sizes stand.
+  for (unsigned flips = random() % 6; flips > 0 && !content.empty(); --flips) {
+    const size_t within = random() % 4 != 0 ? std::min<size_t>(content.size(), 340) : content.size();
+    content[random() % within] = static_cast<char>(random() % 3 == 0 ? 0xff : random());
+  }
+}
+
+TEST_F(DiagFile, ADamagedOneGivesAnErrorAndNothingWorse) {
+  debug_category* categories = nullptr;
+  acl_client_relay_entry *main_block = nullptr, *error_block = nullptr;
+  void* history = nullptr;
+  ASSERT_EQ(acl_debug_init(&categories, nullptr, "/debug/damaged/", 6), 0u);
+  ASSERT_EQ(acl_client_relay_init("damaged", "p", &main_block, &error_block, &history), 0u);
+  _rlog_str(ctx, "op", "event", "text", 1, 2);
+  const std::vector<std::string> valid = valid_files();
+  ASSERT_GE(valid.size(), 3u);
+
+  const std::string directory = private_directory() + "/damaged";
+  const std::string path = directory + '/' + std::to_string(getpid()) + ".trace.1";
+  fs::create_directory(directory);
+  std::minstd_rand random(3);
+  size_t refused = 0;
+  for (int i = 0; i < 3000; ++i) {
+    std::string content = valid[random() % valid.size()];
+    damage(content, random);
+    std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+    const es_diag::directory read = es_diag::read_directory(directory, std::nullopt, std::nullopt);
+    refused += read.errors.size();
+    for (const es_diag::region& one : read.regions) {
+      try {
+        decode_any(one);
+      } catch (const std::runtime_error& error) {
+        EXPECT_NE(std::string(error.what()).find(path), std::string::npos) << error.what();
+        ++refused;
+      }
+    }
+  }
+  EXPECT_GT(refused, 1000u);
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+#include "es_platform/diag.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "diag_reader.h"
+#include "es_platform/dsv.h"
+#include "es_platform/process.h"
+#include "private_directory.h"
+
+namespace {
+
+using es_diag::diag_kind;
+
+es_diag::region region_called(diag_kind kind, const std::string& name) {
+  for (es_diag::region& one : es_diag::read_directory(diagnostics_directory(), kind, getpid()).regions) {
+    if (one.name == name) return std::move(one);
+  }
+  ADD_FAILURE() << "no region " << name;
+  return {};
+}
+
+std::string last_debug_line() {
+  std::ifstream file(debug_file());
+  std::string line, last;
+  while (std::getline(file, line)) last = line;
+  return last;
+}
+
+TEST(Debug, ThePathsArrayIsTheSameEachTime) {
+  debug_category *first = nullptr, *again = nullptr;
+  ASSERT_EQ(acl_debug_init(&first, nullptr, "/debug/es_acl_dll/", 6), 0u);
+  ASSERT_EQ(acl_debug_init(&again, nullptr, "/debug/es_acl_dll/", 6), 0u);
+  EXPECT_EQ(first, again);
+  const char* const names[] = {"error", "info", "detail", "bus", "store", "timer"};
+  for (uint32_t i = 0; i < 6; ++i) {
+    EXPECT_STREQ(first[i].name, names[i]);
+    EXPECT_EQ(first[i].index, i);
+  }
+  for (const uint32_t count : {0u, 17u}) EXPECT_EQ(acl_debug_init(&again, nullptr, "/x/", count), 22u);
+  EXPECT_EQ(acl_debug_init(nullptr, nullptr, "/x/", 1), 22u);
+  EXPECT_EQ(acl_debug_init(&again, nullptr, nullptr, 1), 22u);
+}
+
+TEST(Debug, TheEnvironmentSaysWhatStartsEnabled) {
+  const struct {
+    const char* path;
+    const char* value;
+    const char* enabled;  // of three categories
+  } cases[] = {
+      {"/debug/t1/", "", "---"},
+      {"/debug/t2/", "all", "+++"},
+      {"/debug/t3/", "category1", "-+-"},
+      {"/debug/t4/", "category0,category2", "+-+"},
+      {"/debug/t5/", "/debug/t5/category2,/debug/other/category0", "--+"},
+      {"/debug/t6", "/debug/t6/category0", "+--"},
+      {"/debug/t7/", "category,category10,ory1,,", "---"},
+  };
+  for (const auto& one : cases) {
+    setenv("ES_DEBUG", one.value, 1);
+    debug_category* categories = nullptr;
+    ASSERT_EQ(acl_debug_init(&categories, nullptr, one.path, 3), 0u);
+    for (size_t i = 0; i < 3; ++i)
+      EXPECT_EQ(categories[i].enabled != 0, one.enabled[i] == '+') << one.path << i;
+  }
+  unsetenv("ES_DEBUG");
+}
+
+TEST(Debug, ALineIsOneLineAndNamesItsOrigin) {
+  debug_category* categories = nullptr;
+  ASSERT_EQ(acl_debug_init(&categories, nullptr, "/debug/es_acl_dll/", 6), 0u);
+  errno = 77;
+  debug_printf(&categories[1], 0, 1, "Entering : %s\n", "a\nb\x1b");
+  EXPECT_EQ(errno, 77);
+  const std::string line = last_debug_line();
+  const std::string end = "[" + std::to_string(getpid()) + "] info: Entering : a b ";
+  ASSERT_GT(line.size(), end.size());
+  EXPECT_EQ(line.substr(line.size() - end.size()), end);
+  debug_printf(&categories[0], 0, 1, "%s", std::string(5000, 'x').c_str());
+  EXPECT_TRUE(last_debug_line().ends_with("xxx...")) << "cut, and says so";
+}
+
+TEST(Debug, CategoriesAreSwitchedFromOutside) {
+  debug_category* categories = nullptr;
+  ASSERT_EQ(acl_debug_init(&categories, nullptr, "/debug/switched/", 2), 0u);
+  const es_diag::region region = region_called(diag_kind::debug, "/debug/switched/");
+  es_diag::switch_category(region, 1, true);
+  EXPECT_EQ(categories[0].enabled, 0u);
+  EXPECT_EQ(categories[1].enabled, 1u);
+  EXPECT_TRUE(es_diag::decode_categories(region_called(diag_kind::debug, "/debug/switched/")).at(1).enabled);
+  es_diag::switch_category(region, 1, false);
+  EXPECT_EQ(categories[1].enabled, 0u);
+  EXPECT_THROW(es_diag::switch_category(region, 16, true), std::runtime_error);
+}
+
+TEST(Errcode, HasATextForEveryCode) {
+  static const errcode_text table[] = {{0xa6b18600, "the plug-in could not be opened"}, {5, "our own five"}};
+  EXPECT_EQ(errcode_add_table(table, 2), 0u);
+  const struct {
+    uint32_t code;
+    const char* text;
+  } cases[] = {
+      {0, "Success"},
+      {2, "No such file or directory"},
+      {5, "our own five"},
+      {12, "Cannot allocate memory"},
+      {DSV_NO_DATA, "no data is registered under the name"},
+      {0xa6b18600, "the plug-in could not be opened"},
+      {275, "error 0x113 (275)"},
+      {0x80000001, "transient error 0x80000001 (2147483649)"},
+      {0xa6b18601, "error 0xa6b18601 (2796652033)"},
+  };
+  for (const auto& one : cases) EXPECT_STREQ(errcode_string(one.code), one.text);
+  const char* first = errcode_string(70000);
+  for (uint32_t code = 70001; code < 70004; ++code) errcode_string(code);
+  EXPECT_STREQ(first, "error 0x11170 (70000)");
+}
+
+TEST(AssertDeathTest, NamesThePlaceAndAborts) {
+  EXPECT_EXIT(assert_fail("_err == 0", "a/b", 258, "es_acl_lock"), testing::KilledBySignal(SIGABRT),
+              "a/b:258: es_acl_lock: assertion `_err == 0' failed");
+}
+
+TEST(ClientRelay, CountersAreReadFromOutside) {
+  acl_client_relay_entry *main_block = nullptr, *error_block = nullptr, *again = nullptr;
+  void *history = nullptr, *history_again = nullptr;
+  ASSERT_EQ(acl_client_relay_init("es-test", "a client", &main_block, &error_block, &history), 0u);
+  for (int i = 0; i < ACL_CLIENT_RELAY_ENTRIES; ++i)
+    ASSERT_EQ(main_block[i].count + error_block[i].count, 0u);
+  main_block[5].count = 2;
+  error_block[127].count = 9;
+  ASSERT_EQ(acl_client_relay_init("es-test", "a client", &again, &error_block, &history_again), 0u);
+  EXPECT_EQ(again, main_block);
+  EXPECT_EQ(history_again, history);
+
+  const es_diag::region region = region_called(diag_kind::counters, "es-test");
+  EXPECT_EQ(region.process, "a client");
+  const es_diag::counter_dump dump = es_diag::decode_counters(region);
+  ASSERT_EQ(dump.main.size(), 1u);
+  EXPECT_EQ(dump.main[0].index, 5u);
+  EXPECT_EQ(dump.main[0].count, 2u);
+  ASSERT_EQ(dump.error.size(), 1u);
+  EXPECT_EQ(dump.error[0].index, 127u);
+  acl_client_relay_entry* untouched = nullptr;
+  EXPECT_EQ(acl_client_relay_init(nullptr, "x", &untouched, &untouched, &history), 22u);
+  EXPECT_EQ(acl_client_relay_init("x", "x", &untouched, nullptr, &history), 22u);
+  EXPECT_EQ(untouched, nullptr);
+}
+
+TEST(ThreadMarks, AreSeenWhileTheyStand) {
+  int mutex = 0;
+  std::atomic<int> marked{0};
+  std::atomic<bool> leave{false};
+  auto block = [&](uint32_t number) {
+    thread_unmark_mutex_block();
+    thread_mark_mutex_block(&mutex, "es_acl_lock", number);
+    ++marked;
+    while (!leave) std::this_thread::yield();
+    thread_unmark_mutex_block();
+  };
+  std::thread first(block, 254), second(block, 255);
+  while (marked < 2) std::this_thread::yield();
+  auto blocked = es_diag::decode_threads(region_called(diag_kind::threads, "threads"));
+  ASSERT_EQ(blocked.size(), 2u);
+  EXPECT_EQ(blocked[0].number + blocked[1].number, 254u + 255u);
+  for (const auto& one : blocked) {
+    EXPECT_EQ(one.name, "es_acl_lock");
+    EXPECT_EQ(one.mutex, reinterpret_cast<uintptr_t>(&mutex));
+    EXPECT_NE(one.thread, 0);
+  }
+  leave = true;
+  first.join();
+  second.join();
+  EXPECT_TRUE(es_diag::decode_threads(region_called(diag_kind::threads, "threads")).empty());
+}
+
+}  // namespace

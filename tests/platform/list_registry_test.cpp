@@ -1,0 +1,142 @@
+#include "es_platform/list_registry.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+
+namespace {
+
+void function_a() {}
+void function_b() {}
+
+class ListRegistry : public testing::Test {
+ protected:
+  void add(char name) { ASSERT_EQ(list_registry_add(registry.get(), function_a, context(name)), 0u); }
+  uint32_t remove(char name) { return list_registry_delete(registry.get(), function_a, context(name)); }
+
+  // Walks and names what is shown; `at_each` may change the registry meanwhile.
+  std::string walk(const std::function<void(char)>& at_each = [](char) {}) {
+    std::string shown;
+    list_registry_function function = nullptr;
+    void* shown_context = nullptr;
+    list_registry_cursor* cursor = list_registry_first(registry.get(), &function, &shown_context);
+    for (; cursor != nullptr; cursor = list_registry_next(cursor, &function, &shown_context)) {
+      shown += *static_cast<char*>(shown_context);
+      at_each(shown.back());
+    }
+    return shown;
+  }
+
+  void* context(char name) {
+    names[static_cast<unsigned char>(name)] = name;
+    return &names[static_cast<unsigned char>(name)];
+  }
+
+  std::unique_ptr<list_registry, decltype(&list_registry_destroy)> registry{list_registry_create(0, 3),
+                                                                            list_registry_destroy};
+  char names[256] = {};
+};
+
+TEST_F(ListRegistry, KeepsTheOrderOfAddition) {
+  for (const char name : {'c', 'a', 'b', 'a'}) add(name);
+  EXPECT_EQ(walk(), "caba");
+  EXPECT_EQ(remove('a'), 0u);
+  EXPECT_EQ(walk(), "cba") << "the first of equal ones goes";
+  EXPECT_EQ(remove('x'), 2u);
+  EXPECT_EQ(list_registry_delete(registry.get(), function_b, context('c')), 2u) << "another function";
+  EXPECT_EQ(walk(), "cba");
+}
+
+TEST_F(ListRegistry, AnEmptyOneLeavesTheOutputsAlone) {
+  list_registry_function function = function_b;
+  void* shown = this;
+  EXPECT_EQ(list_registry_first(registry.get(), &function, &shown), nullptr);
+  EXPECT_EQ(function, function_b);
+  EXPECT_EQ(shown, this);
+  EXPECT_EQ(list_registry_add(nullptr, function_a, nullptr), 22u);
+  EXPECT_EQ(list_registry_delete(nullptr, function_a, nullptr), 22u);
+}
+
+TEST_F(ListRegistry, AWalkStandsChangesFromItsCallbacks) {
+  const struct {
+    const char* what;
+    std::function<void(char)> at_each;
+    const char* shown;
+    const char* left;
+  } cases[] = {
+      {"deletes itself", [&](char name) { remove(name); }, "abc", ""},
+      {"deletes the next",
+       [&](char name) {
+         if (name == 'a') remove('b');
+       },
+       "ac", "ac"},
+      {"deletes all",
+       [&](char) {
+         for (char n : {'a', 'b', 'c'}) remove(n);
+       },
+       "a", ""},
+      {"deletes an earlier one",
+       [&](char name) {
+         if (name == 'b') remove('a');
+       },
+       "abc", "bc"},
+      {"moves itself to the end",
+       [&](char name) {
+         remove(name);
+         add(name);
+       },
+       "abc", "abc"},
+  };
+  for (const auto& one : cases) {
+    registry.reset(list_registry_create(0, 3));
+    for (const char name : {'a', 'b', 'c'}) add(name);
+    EXPECT_EQ(walk(one.at_each), one.shown) << one.what;
+    EXPECT_EQ(walk(), one.left) << one.what;
+  }
+}
+
+TEST_F(ListRegistry, WalksNestAndEndEarly) {
+  for (const char name : {'a', 'b', 'c'}) add(name);
+  list_registry_function function = nullptr;
+  void* shown = nullptr;
+  std::vector<list_registry_cursor*> open;
+  for (int i = 0; i < 10; ++i) open.push_back(list_registry_first(registry.get(), &function, &shown));
+  EXPECT_EQ(remove('a'), 0u);
+  EXPECT_EQ(walk(), "bc");
+  for (list_registry_cursor* cursor : open) {
+    ASSERT_NE(cursor = list_registry_next(cursor, &function, &shown), nullptr);
+    EXPECT_EQ(*static_cast<char*>(shown), 'b');
+    list_registry_end(cursor);
+  }
+  list_registry_end(nullptr);
+}
+
+// One thread adds and deletes, the other walks. What stays is shown always, and in order.
+TEST_F(ListRegistry, WalksAreConsistentWhileAnotherThreadChanges) {
+  add('A');
+  for (char name = 'a'; name <= 'f'; ++name) context(name);
+  add('Z');
+  std::atomic<bool> done{false};
+  std::thread changer([&] {
+    std::minstd_rand random(1);
+    for (int i = 0; i < 30000; ++i) {
+      void* const pair = &names['a' + static_cast<int>(random() % 6)];
+      if (list_registry_delete(registry.get(), function_b, pair) != 0) {
+        list_registry_add(registry.get(), function_b, pair);
+      }
+    }
+    done = true;
+  });
+  while (!done) {
+    const std::string shown = walk();
+    ASSERT_EQ(shown.substr(0, 2), "AZ");
+  }
+  changer.join();
+}
+
+}  // namespace

@@ -1,0 +1,207 @@
+#include "es_platform/mtimer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "virtual_clock.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// An event manager and a tree whose handler serves every expired leaf, as the contract's example does.
+class tree_fixture {
+ public:
+  tree_fixture() {
+    EXPECT_EQ(evm_create(&manager), 0u);
+    code_ = evm_async_attach(manager, EVM_CODE_ANY, on_event, this);
+    evm_sigevent event{};
+    EXPECT_EQ(evm_init_sigevent(manager, code_, 0, 0, &event), 0);
+    tree = mtimer_tree_new(&event, 0);
+    EXPECT_NE(tree, nullptr);
+  }
+  ~tree_fixture() {
+    evm_async_attach(manager, code_, nullptr, nullptr);
+    mtimer_tree_free(tree);
+    evm_destroy(manager);
+  }
+
+  evm* manager = nullptr;
+  mtimer_tree* tree = nullptr;
+  std::function<void(mtimer_leaf*)> serve = [](mtimer_leaf*) {};
+
+ private:
+  static void on_event(int, void* context) {
+    auto* self = static_cast<tree_fixture*>(context);
+    while (mtimer_tree_expired(self->tree)) {
+      mtimer_leaf* leaf = mtimer_tree_first_expired(self->tree);
+      mtimer_leaf_stop(leaf);
+      self->serve(leaf);
+    }
+  }
+
+  int code_ = 0;
+};
+
+class Mtimer : public testing::Test {
+ protected:
+  void SetUp() override {
+    timers.serve = [this](mtimer_leaf* leaf) {
+      served.push_back(*static_cast<char*>(mtimer_leaf_get_context(leaf)));
+    };
+  }
+  mtimer_leaf* leaf(char* name) { return mtimer_leaf_new(timers.tree, 7, 0, name); }
+  // What is served when that much time has passed.
+  std::string after(uint64_t ns) {
+    served.clear();
+    clock.advance(ns);
+    evm_dispatch(timers.manager, 0);
+    return served;
+  }
+
+  virtual_clock clock;
+  tree_fixture timers;
+  std::string served;
+  char a = 'a', b = 'b', c = 'c';
+  const uint64_t second = timer_one_second();
+};
+
+TEST_F(Mtimer, LeavesExpireOnceAtTheirTimeInItsOrder) {
+  mtimer_leaf *first = leaf(&a), *other = leaf(&b), *last = leaf(&c);
+  EXPECT_EQ(mtimer_leaf_get_type(first), 7);
+  mtimer_leaf_start(last, 2 * second);
+  mtimer_leaf_start(other, second);
+  mtimer_leaf_start(first, second);
+  EXPECT_EQ(after(second - 1), "");
+  EXPECT_EQ(after(1), "ba") << "of equal times the one started first";
+  EXPECT_EQ(after(second), "c");
+  EXPECT_EQ(after(10 * second), "");
+}
+
+TEST_F(Mtimer, StartingAgainGivesTheFullDelayFromNow) {
+  mtimer_leaf* one = leaf(&a);
+  mtimer_leaf_start(one, second);
+  EXPECT_EQ(after(second - 1), "");
+  mtimer_leaf_start(one, second);
+  EXPECT_EQ(after(second - 1), "");
+  EXPECT_EQ(after(1), "a");
+  mtimer_leaf_start(one, 5 * second);
+  mtimer_leaf_start(one, second);
+  EXPECT_EQ(after(second), "a") << "also when that is earlier";
+}
+
+TEST_F(Mtimer, AStoppedOrRestartedLeafIsNotExpired) {
+  mtimer_leaf *one = leaf(&a), *other = leaf(&b);
+  mtimer_leaf_start(one, second);
+  mtimer_leaf_start(other, second);
+  clock.advance(second);
+  EXPECT_NE(mtimer_tree_expired(timers.tree), 0);
+  EXPECT_EQ(mtimer_tree_first_expired(timers.tree), one);
+  EXPECT_EQ(mtimer_tree_first_expired(timers.tree), one) << "asking changes nothing";
+  mtimer_leaf_stop(one);
+  mtimer_leaf_start(other, second);
+  EXPECT_EQ(mtimer_tree_expired(timers.tree), 0);
+  EXPECT_EQ(mtimer_tree_first_expired(timers.tree), nullptr);
+  EXPECT_EQ(after(second), "b");
+}
+
+TEST_F(Mtimer, AHandlerMayStartItsLeafAgain) {
+  mtimer_leaf* one = leaf(&a);
+  timers.serve = [&](mtimer_leaf* expired) {
+    served += 'x';
+    mtimer_leaf_start(expired, second);
+  };
+  mtimer_leaf_start(one, second);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(after(second), "x");
+}
+
+TEST_F(Mtimer, FreedLeavesAndFarOnesNeverExpire) {
+  mtimer_leaf *freed = leaf(&a), *far = leaf(&b);
+  mtimer_leaf_start(freed, second);
+  mtimer_leaf_start(far, std::numeric_limits<uint64_t>::max());
+  mtimer_leaf_free(freed);
+  mtimer_leaf_free(nullptr);
+  EXPECT_EQ(after(3600 * second), "");
+}
+
+TEST_F(Mtimer, AHandlerMayFreeItsLeaf) {
+  mtimer_leaf* one = leaf(&a);
+  timers.serve = [&](mtimer_leaf* expired) {
+    served += 'f';
+    mtimer_leaf_free(expired);
+  };
+  mtimer_leaf_start(one, second);
+  EXPECT_EQ(after(second), "f");
+}
+
+TEST_F(Mtimer, RefusesBadArguments) {
+  EXPECT_EQ(mtimer_tree_new(nullptr, 0), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+  errno = 0;
+  EXPECT_EQ(mtimer_leaf_new(nullptr, 0, 0, nullptr), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+// The freeing thread must see the end of the service of its leaf, and must not wait for that of the next one.
+TEST_F(Mtimer, FreeWaitsForTheServiceOfThatLeafOnly) {
+  mtimer_leaf *one = leaf(&a), *next = leaf(&b);
+  std::atomic<bool> inside{false}, freeing{false}, served_one{false}, freed{false};
+  timers.serve = [&](mtimer_leaf* expired) {
+    if (expired == one) {
+      inside = true;
+      while (!freeing) std::this_thread::yield();
+      std::this_thread::sleep_for(20ms);
+      served_one = true;
+    } else {
+      while (!freed) std::this_thread::yield();
+    }
+  };
+  mtimer_leaf_start(one, second);
+  mtimer_leaf_start(next, second);
+  clock.advance(second);
+  std::thread dispatcher([&] { evm_dispatch(timers.manager, -1); });
+  while (!inside) std::this_thread::yield();
+  freeing = true;
+  mtimer_leaf_free(one);
+  EXPECT_TRUE(served_one);
+  freed = true;
+  dispatcher.join();
+}
+
+// Leaves die while they expire: the context of a freed leaf is gone at once, and the sanitizers watch who
+// still uses it.
+TEST(MtimerRace, NobodyUsesAFreedLeafsContext) {
+  constexpr int kRounds = 3000;
+  tree_fixture timers;
+  std::atomic<uint64_t> uses{0};
+  timers.serve = [&](mtimer_leaf* leaf) { uses += *static_cast<int*>(mtimer_leaf_get_context(leaf)); };
+  std::thread dispatcher([&] { evm_run(timers.manager); });
+  auto churn = [&](unsigned seed) {
+    std::minstd_rand random(seed);
+    for (int i = 0; i < kRounds; ++i) {
+      auto context = std::make_unique<int>(1);
+      mtimer_leaf* leaf = mtimer_leaf_new(timers.tree, 0, 0, context.get());
+      mtimer_leaf_start(leaf, random() % 20000);
+      if (random() % 4 == 0) mtimer_leaf_start(leaf, 0);
+      for (unsigned spin = random() % 200; spin > 0; --spin) std::this_thread::yield();
+      mtimer_leaf_free(leaf);
+    }
+  };
+  std::thread client(churn, 1);
+  churn(2);
+  client.join();
+  evm_stop(timers.manager);
+  dispatcher.join();
+  EXPECT_GT(uses, 0u);
+}
+
+}  // namespace
