@@ -262,8 +262,8 @@ static inline void es_acl_wire_cons_resp_order(acl_pcx_cons_resp* record) {
 /* Bounded copy into a name field: at most 64 characters, always terminated, zero-filled behind. `name` is
  * read up to its NUL or its 64th character. */
 static inline void es_acl_wire_set_name(char field[ES_ACL_NAME_FIELD_SIZE], const char* name) {
-  const char* end = (const char*)memchr(name, 0, ES_ACL_NAME_MAX);
-  const size_t length = end != NULL ? (size_t)(end - name) : ES_ACL_NAME_MAX;
+  size_t length = 0;
+  while (length < ES_ACL_NAME_MAX && name[length] != '\0') ++length;
   memset(field, 0, ES_ACL_NAME_FIELD_SIZE);
   memcpy(field, name, length);
 }
