@@ -53,7 +53,7 @@ class Acl : public es_acl_head {
     }
   }
 
-  size_t slot_capacity() const noexcept { return slots_.capacity(); }
+  size_t slab_bytes() const noexcept { return slots_.bytes(); }
 
  private:
   static es_acl_ace* ace_of(es_acl_ace_node* node) noexcept {

@@ -32,8 +32,9 @@ struct alignas(64) Block {
 
   // The number of keys less than `key`.
   uint32_t lower_bound(uint32_t key) const noexcept {
-    uint32_t group = 0;
-    for (uint32_t i = kGroup; i != kFanout; i += kGroup) group += keys[i] < key;
+    static_assert(kFanout == 64 && kGroup == 8);
+    const uint32_t group = (keys[8] < key) + (keys[16] < key) + (keys[24] < key) + (keys[32] < key) +
+                           (keys[40] < key) + (keys[48] < key) + (keys[56] < key);
     const uint32_t* in = keys + group * kGroup;
     uint32_t pos = group * kGroup;
     for (uint32_t i = 0; i != kGroup; ++i) pos += in[i] < key;

@@ -41,9 +41,8 @@ es_acl_iter SeqIndex::word(const Place& place) noexcept {
 Leaf* SeqIndex::hinted(es_acl_iter hint, uint32_t* pos) const noexcept {
   const uintptr_t bits =
       reinterpret_cast<uintptr_t>(hint) - 1;  // null becomes the largest number, which none has
-  const uintptr_t number = bits >> 8;
   *pos = bits & 0xff;
-  return number < numbered_.size() ? numbered_[number].get() : nullptr;
+  return numbered_.find(bits >> 8);
 }
 
 SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
@@ -89,10 +88,9 @@ SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
 
 void SeqIndex::reserve_leaf() {
   if (spare_leaf_ != nullptr) return;
-  numbered_.push_back(std::make_unique<Leaf>());
-  Leaf* leaf = numbered_.back().get();
-  leaf->number = static_cast<uint32_t>(numbered_.size() - 1);
-  spare_leaf_ = leaf;
+  uint32_t number = 0;
+  spare_leaf_ = numbered_.add(&number);
+  spare_leaf_->number = number;
 }
 
 void SeqIndex::reserve_inner(size_t count) {

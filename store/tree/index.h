@@ -21,11 +21,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <vector>
 
 #include "block.h"
 #include "es_acl/es_acl_store.h"
+#include "slab_array.h"
 #include "slots.h"
 
 namespace es_tree {
@@ -75,8 +74,6 @@ class SeqIndex {
 
   static es_acl_iter word(const Place& place) noexcept;
 
-  size_t leaves() const noexcept { return numbered_.size(); }
-
  private:
   // 4 billion keys in nodes of at least 16 stand 8 levels high.
   static constexpr unsigned kMaxHeight = 10;
@@ -107,9 +104,9 @@ class SeqIndex {
   unsigned height_ = 0;  // inner levels above the leaves
   Leaf* leftmost_ = nullptr;
   Leaf* last_ = nullptr;
-  Path path_{};                                  // of the last prepare()
-  std::vector<std::unique_ptr<Leaf>> numbered_;  // every leaf there is, by number
-  Leaf* spare_leaf_ = nullptr;                   // chained by next, empty
+  Path path_{};                 // of the last prepare()
+  SlabArray<Leaf> numbered_;    // every leaf there ever was
+  Leaf* spare_leaf_ = nullptr;  // chained by next, empty
   Inner* spare_inner_ = nullptr;
 };
 

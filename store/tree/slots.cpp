@@ -1,6 +1,5 @@
 #include "slots.h"
 
-#include <algorithm>
 #include <new>
 
 #include "clock.h"
@@ -87,22 +86,14 @@ void SlotPool::carve(SlotRun& run) {
 void SlotPool::add_slab() {
   if (slabs_.size() > (kNoSlot >> kPlaceBits) - 1) throw std::bad_alloc();
   slabs_.reserve(slabs_.size() < slabs_.capacity() ? slabs_.capacity() : slabs_.size() * 2 + 4);
-  const size_t slots = next_slab_slots();
-  auto* nodes = static_cast<es_acl_ace_node*>(allocate_slab(slots * kSlotBytes));
+  const size_t bytes = next_slab_bytes(bytes_, 2 * kRunLength * kSlotBytes);
+  auto* nodes = static_cast<es_acl_ace_node*>(allocate_slab(bytes));
   if (nodes == nullptr) throw std::bad_alloc();
-  slabs_.push_back({nodes, reinterpret_cast<Element*>(nodes + slots), slots * kSlotBytes});
-  capacity_ += slots;
+  const size_t slots = bytes / kSlotBytes / kRunLength * kRunLength;
+  slabs_.push_back({nodes, reinterpret_cast<Element*>(nodes + slots), bytes});
+  bytes_ += bytes;
   slab_slots_ = slots;
   slab_used_ = 0;
-}
-
-// Slabs grow by an eighth of what there is, so that little is wasted at any size, from two runs to a huge
-// page.
-size_t SlotPool::next_slab_slots() const noexcept {
-  constexpr size_t most = kHugePage / kSlotBytes;
-  static_assert(most <= kPlaceMask, "a place in the slab has kPlaceBits bits");
-  const size_t slots = std::clamp<size_t>(capacity_ / 8, 2 * kRunLength, most);
-  return slots / kRunLength * kRunLength;
 }
 
 }  // namespace es_tree

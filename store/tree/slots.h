@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "es_acl/es_acl_store.h"
+#include "memory.h"
 
 namespace es_tree {
 
@@ -66,8 +67,8 @@ class SlotPool {
   // A slot that readers may still see.
   void retire(SlotId id) noexcept;
 
-  // Slots in all slabs; for tests and figures.
-  size_t capacity() const noexcept { return capacity_; }
+  // Memory of all slabs; for tests and figures.
+  size_t bytes() const noexcept { return bytes_; }
 
  private:
   struct Element {
@@ -88,6 +89,7 @@ class SlotPool {
   static constexpr unsigned kPlaceBits = 15;
   static constexpr SlotId kPlaceMask = (1u << kPlaceBits) - 1;
   static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element);
+  static_assert(kHugePage / kSlotBytes <= kPlaceMask, "a place in a slab has kPlaceBits bits");
 
   Element* element(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].elements + (id & kPlaceMask); }
   void chain(Chain& to, SlotId id) noexcept;
@@ -95,10 +97,9 @@ class SlotPool {
   void age() noexcept;
   void carve(SlotRun& run);
   void add_slab();
-  size_t next_slab_slots() const noexcept;
 
   std::vector<Slab> slabs_;
-  size_t capacity_ = 0;
+  size_t bytes_ = 0;       // of all slabs
   size_t slab_slots_ = 0;  // in the last slab
   size_t slab_used_ = 0;   // carved from it
   Chain free_;
