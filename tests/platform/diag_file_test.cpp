@@ -205,9 +205,10 @@ TEST_F(DiagFile, ADamagedOneGivesAnErrorAndNothingWorse) {
   fs::create_directory(directory);
   std::minstd_rand random(3);
   size_t refused = 0;
-  for (int i = 0; i < 3000; ++i) {
+  for (int i = 0; i < 1500; ++i) {
     std::string content = valid[random() % valid.size()];
     damage(content, random);
+    fs::remove(path);
     std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
     const es_diag::directory read = es_diag::read_directory(directory, std::nullopt, std::nullopt);
     refused += read.errors.size();
@@ -220,7 +221,7 @@ TEST_F(DiagFile, ADamagedOneGivesAnErrorAndNothingWorse) {
       }
     }
   }
-  EXPECT_GT(refused, 1000u);
+  EXPECT_GT(refused, 500u);
 }
 
 }  // namespace
