@@ -1,7 +1,7 @@
 /* Managed timers: a tree holds leaves, each of which expires once after it has been started.
  *
- * When a leaf expires, the tree signals the event it was made with; the event's handler, on the event manager's
- * thread, then asks the tree for its expired leaves until there are none:
+ * When a leaf expires, the tree signals the event it was made with; the event's handler, on the event
+ * manager's thread, then asks the tree for its expired leaves until there are none:
  *
  *     while (mtimer_tree_expired(tree)) {
  *       mtimer_leaf* leaf = mtimer_tree_first_expired(tree);
@@ -24,16 +24,18 @@ PLATFORM_BEGIN_DECLS
 /* The delay of one second, as mtimer_leaf_start() takes it: nanoseconds. */
 PLATFORM_API uint64_t timer_one_second(void);
 
-/* A tree that reports to the event, or null with errno. `flags` is 0. */
+/* A tree that reports to the event, or null with errno. `flags` is 0. To be freed before its event manager.
+ */
 PLATFORM_API mtimer_tree* mtimer_tree_new(const evm_sigevent* event, uint32_t flags);
-/* Frees the tree and its leaves. Not from its handler; null is allowed. */
+/* Frees the tree and its leaves. Its handler must have been detached before; null is allowed. */
 PLATFORM_API void mtimer_tree_free(mtimer_tree* tree);
 
 /* A stopped leaf, or null with errno. `flags` is 0; type and context are handed back as they are. */
 PLATFORM_API mtimer_leaf* mtimer_leaf_new(mtimer_tree* tree, uint16_t type, uint32_t flags, void* context);
-/* Stops and frees the leaf. When the thread of the event manager has taken this leaf with mtimer_tree_first_expired()
- * and is still inside the event's handler, waits until the handler has returned or taken another leaf, unless called
- * from inside that handler: afterwards nobody but the caller can be using the leaf's context. Null is allowed. */
+/* Stops and frees the leaf. When the thread of the event manager has taken this leaf with
+ * mtimer_tree_first_expired() and is still inside the event's handler, waits until the handler has returned
+ * or taken another leaf, unless called from inside that handler: afterwards nobody but the caller can be
+ * using the leaf's context. Waits with no lock held. Null is allowed. */
 PLATFORM_API void mtimer_leaf_free(mtimer_leaf* leaf);
 
 /* Lets the leaf expire `delay` nanoseconds from now, whether or not it was started already. */

@@ -1,4 +1,5 @@
-/* Linked queues: singly linked, intrusive. An element's first word is its link. No lock: the caller serialises.
+/* Linked queues: singly linked, intrusive. An element's first word is its link. No lock: the caller
+ * serialises.
  *
  * A zero-filled queue is empty. The queue's first word points to the first element. */
 #ifndef ES_PLATFORM_QUEUE_H_

@@ -8,12 +8,12 @@
 
 PLATFORM_BEGIN_DECLS
 
-/* Begins a transaction. The arguments are the caller's to pass on and are not looked at here. 0, or 11 while another
- * thread is in one, 17 when this thread is. */
+/* Begins a transaction. The arguments are the caller's to pass on and are not looked at here. 0, or 11 while
+ * another thread is in one, 17 when this thread is. */
 PLATFORM_API uint32_t schema_register_start(void* a, void* b, void* c, void* d, void* e, void* f);
-/* Adds a descriptor, whose second word points to the record's name; it stays the caller's and must outlive the process.
- * 0, 12, 22 (null, or no transaction of this thread), 17 (another descriptor has this name; the same one again is
- * fine). */
+/* Adds a descriptor, whose second word points to the record's name; it stays the caller's and must outlive
+ * the process. 0, 12, 22 (null, or no transaction of this thread), 17 (another descriptor has this name; the
+ * same one again is fine). */
 PLATFORM_API uint32_t schema_register(const void* descriptor);
 /* Ends the transaction without effect. */
 PLATFORM_API void schema_register_abort(void);
