@@ -19,8 +19,9 @@ TEST(BusHandles, BadArguments) {
   void* handle = nullptr;
   uint32_t word = 0, length = 0;
   char byte = 0;
-  for (const char* bad : {"", ".", "..", ".hidden", "a/b", "a b", std::string(65, 'a').c_str()}) {
-    EXPECT_EQ(dsv_create_class(bad, 0, 1, &word), 22U) << bad;
+  const std::vector<std::string> bad_names = {"", ".", "..", ".hidden", "a/b", "a b", std::string(65, 'a')};
+  for (const std::string& bad : bad_names) {
+    EXPECT_EQ(dsv_create_class(bad.c_str(), 0, 1, &word), 22U) << bad;
   }
   EXPECT_EQ(dsv_create_class(nullptr, 0, 1, &word), 22U);
   EXPECT_EQ(dsv_create_class(name.c_str(), 0, 1, nullptr), 22U);
