@@ -4,7 +4,7 @@
  *     evm_create(&events);                                   // es_platform/evm.h
  *     if (es_acl_clib_init(events) != 0) ...
  *
- *     void* names_[] = {(void*)"edge-in"};
+ *     void* names_[] = {(void*)"edge-user-in"};
  *     void* acls_[1];
  *     uint32_t results[1];
  *     es_acl_handle_list names = {1, names_}, acls = {1, acls_};
