@@ -96,15 +96,15 @@ bool make_ready_file(const std::string& file) {
          ::rename(draft.c_str(), file.c_str()) == 0;
 }
 
-// Tells whoever started the program that it serves now.
+// Tells whoever started the program that it serves now. Who reads "ready" finds the file there.
 bool report_ready(const Options& options) {
+  if (!options.ready_file.empty() && !make_ready_file(options.ready_file)) {
+    log_line("--ready-file " + options.ready_file + ": cannot be made: " + std::strerror(errno));
+    return false;
+  }
   if (options.ready_fd >= 0 && !write_and_close(options.ready_fd, "ready\n")) {
     log_line("--ready-fd " + std::to_string(options.ready_fd) +
              ": cannot be written: " + std::strerror(errno));
-    return false;
-  }
-  if (!options.ready_file.empty() && !make_ready_file(options.ready_file)) {
-    log_line("--ready-file " + options.ready_file + ": cannot be made: " + std::strerror(errno));
     return false;
   }
   return true;

@@ -7,6 +7,7 @@
 #include <csignal>
 
 #include "es_platform/dsv.h"
+#include "es_platform/evm.h"
 #include "es_platform/pcx.h"
 #include "support.h"
 
@@ -164,9 +165,11 @@ TEST_F(DaemonTest, ServesAConsumerUntilItIsEnded) {
 
   uint32_t dsv_class = 0;
   void* address = nullptr;
-  ASSERT_EQ(dsv_init(nullptr, 0), 0u);
+  static evm* events = nullptr;  // the process's, as the bus is: never destroyed
+  ASSERT_EQ(evm_create(&events), 0u);
+  ASSERT_EQ(dsv_init(events, 0), 0u);
   ASSERT_EQ(dsv_create_class(ES_ACL_DSV_CLASS_NAME, 0, 1, &dsv_class), 0u);
-  ASSERT_EQ(pcx_lr_init(nullptr), 0u);
+  ASSERT_EQ(pcx_lr_init(events), 0u);
   EXPECT_EQ(dsv_lookup_data(dsv_class, "nobody", &address), DSV_NO_DATA);
   ASSERT_EQ(dsv_lookup_data(dsv_class, "large", &address), 0u);
 
