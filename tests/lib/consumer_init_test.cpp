@@ -53,7 +53,7 @@ const Case kCases[] = {
      },
      0,
      from_class({kCreateClass, kSleep, kCreateClass, kSleep, kCreateClass, "pcx_set_context(ctx, 793173)"})},
-    {"class_transient_throughout", [] { platform().dsv_create_class.next(0x80000007, 5); }, 0x80000007,
+    {"class_transient_throughout", [] { platform().dsv_create_class.next(0x80000007, 4); }, 0x80000007,
      from_class({kCreateClass, kSleep, kCreateClass, kSleep, kCreateClass, kSleep, kCreateClass, kSleep,
                  kClassFailed + "<0x80000007>", "trace w", "error[8]"})},
     {"class_bus_codes_are_final", [] { platform().dsv_create_class.next(11); }, 11,

@@ -122,7 +122,7 @@ TEST_F(CountQuery, PassingFailuresAreRetriedEachTimeWithTheWholeBuffer) {
 }
 
 TEST_F(CountQuery, FourthPassingFailureIsTheLast) {
-  platform().pcx_read.next(62, 5);
+  platform().pcx_read.next(62, 4);
   EXPECT_EQ(query(), 62U);
   expect(0, kUntouched);
   EXPECT_EQ(log(), (looked_up({kAsking, kRead, kSleep, kRead, kSleep, kRead, kSleep, kRead, kSleep,

@@ -198,7 +198,7 @@ const Failure kFailures[] = {
      Lines{kDsv, "E: es_acl_getlist_acl: DSV register failed: <0xa0000000>", "trace w"} + kDiscarded},
     {"name_service_other_class", [] { platform().dsv_register.next(0x40000001); }, 0x40000001,
      Lines{kDsv, "E: es_acl_getlist_acl: DSV register failed: <0x40000001>", "trace w"} + kDiscarded},
-    {"name_service_transient_throughout", [] { platform().dsv_register.next(0x80000001, 5); }, 0x80000001,
+    {"name_service_transient_throughout", [] { platform().dsv_register.next(0x80000001, 4); }, 0x80000001,
      Lines{kDsv, kSleep, kDsv, kSleep, kDsv, kSleep, kDsv, kSleep,
            "E: es_acl_getlist_acl: DSV register failed: <0x80000001>", "trace w"} +
          kDiscarded},
@@ -289,7 +289,7 @@ TEST_P(GetFailedRead, TheHeadGoesOnceAndItsRegistrationToo) {
   const auto times = [&lines](const std::string& line) {
     return std::count(lines.begin(), lines.end(), line);
   };
-  char reported[80];
+  char reported[128];
   snprintf(reported, sizeof reported, "E: es_acl_getlist_acl: PCX read failed: <%#x>", GetParam().status);
   EXPECT_EQ(times(reported), 1);
   EXPECT_EQ(times("pcx_unregister(reg:edge)"), 1);

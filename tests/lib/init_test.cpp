@@ -99,7 +99,7 @@ TEST_P(OwnerFailure, FailsTheClientInitialisation) {
   EXPECT_EQ(es_acl_clib_init(ctx()), GetParam().status);
   Lines expected = GetParam().expected;
   if (es_acl_debug_get_event_handle() != nullptr) {
-    char text[64];
+    char text[128];
     snprintf(text, sizeof text, "E: es_acl_clib_init: Failed to initialize mgr_clib: <%#x>",
              GetParam().status);
     expected = expected + std::string(text);

@@ -37,7 +37,8 @@ TEST_F(LookupTest, ByName) {
 }
 
 TEST_F(LookupTest, NewHead) {
-  EXPECT_EQ(es_acl_get_header("edge"), held("edge"));
+  es_acl_head* const head = es_acl_get_header("edge");
+  EXPECT_EQ(head, held("edge"));
   EXPECT_EQ(log(), (Lines{"I: Entering es_acl_get_header: name = edge", "store.get_header(\"edge\")"}));
   clear_log();
   EXPECT_EQ(es_acl_get_header(nullptr), nullptr);

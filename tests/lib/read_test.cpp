@@ -198,7 +198,7 @@ TEST_F(Read, PassingFailuresAreRetriedEachTimeWithTheWholeBuffer) {
 TEST_F(Read, EachBatchHasItsOwnFourAttempts) {
   platform().pcx_read.next(0x80000001, 3);
   answers({ace_records({5, 9})});
-  platform().pcx_read.next(0x80000001, 5);
+  platform().pcx_read.next(0x80000001, 4);
   EXPECT_EQ(read(), 0x80000001);
   EXPECT_EQ(log(),
             (kStart + Lines{kRead, kSleep, kRead, kSleep, kRead, kSleep} + batch(2) + stored(5) + stored(9) +

@@ -94,8 +94,13 @@ std::string pointer_name(const void* pointer) {
 void watch_counters(const void* main_block, const void* error_block) {
   const Backstage backstage;
   const std::lock_guard guard(state().mutex);
-  state().blocks[0] = {"main", static_cast<const acl_client_relay_entry*>(main_block), {}};
-  state().blocks[1] = {"error", static_cast<const acl_client_relay_entry*>(error_block), {}};
+  const void* const given[] = {main_block, error_block};
+  for (size_t i = 0; i < 2; ++i) {
+    WatchedBlock& block = state().blocks[i];
+    if (block.entries == given[i]) continue;
+    block.entries = static_cast<const acl_client_relay_entry*>(given[i]);
+    for (size_t j = 0; j < block.seen.size(); ++j) block.seen[j] = block.entries[j].count;
+  }
 }
 
 std::string show(uint64_t value) { return std::to_string(value); }
