@@ -14,9 +14,12 @@
 namespace es_acl::producer {
 namespace {
 
+// Strict parsing leaves no node without its schema.
+const char* name_of(const lyd_node* node) { return node->schema->name; }
+
 const lyd_node* child(const lyd_node* parent, std::string_view name) {
   const lyd_node* node = parent ? lyd_child(parent) : nullptr;
-  while (node && name != LYD_NAME(node)) node = node->next;
+  while (node && name != name_of(node)) node = node->next;
   return node;
 }
 
@@ -33,7 +36,7 @@ bool flag(const lyd_node* parent, std::string_view name) {
 [[noreturn]] void refuse(const lyd_node* leaf, const char* reason) {
   const std::unique_ptr<char, decltype(&std::free)> path(lyd_path(leaf, LYD_PATH_STD, nullptr, 0),
                                                          &std::free);
-  throw ConfigError(std::string(path ? path.get() : LYD_NAME(leaf)) + ": " + reason);
+  throw ConfigError(std::string(path ? path.get() : name_of(leaf)) + ": " + reason);
 }
 
 MacWords mac(const lyd_node* leaf) {
@@ -155,7 +158,7 @@ template <typename Visit>
 void for_each_entry(const lyd_node* container, std::string_view list, Visit visit) {
   const lyd_node* node = container ? lyd_child(container) : nullptr;
   for (; node; node = node->next) {
-    if (list == LYD_NAME(node)) visit(node);
+    if (list == name_of(node)) visit(node);
   }
 }
 

@@ -1,4 +1,6 @@
 // es-acl-producer: reads a configuration of ACLs and serves it to the consumers of this host.
+#include <malloc.h>
+
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -21,6 +23,7 @@ std::string summary(const Database& database) {
 DatabasePtr load(const Options& options) {
   const auto begin = std::chrono::steady_clock::now();
   DatabasePtr database = YangModel().load(options.config);
+  ::malloc_trim(0);  // the parsed tree was many times the size of what is kept
   const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
   if (options.verbose) {
     log_line(options.config + ": loaded in " + std::to_string(took.count()) + " ms: " + summary(*database));
