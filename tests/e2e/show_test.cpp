@@ -34,24 +34,18 @@ TEST(Show, TablesReadAsConfigured) {
   const Ended ended = world.client({"show", "all", "nothing"});
   EXPECT_EQ(ended.code, 0) << ended.err;
   EXPECT_EQ(ended.err, "");
-  EXPECT_EQ(
-      ended.out,
-      "all: 6 entries, 1 of them a remark\n"
-      "         Seq  Action  Source/mask                          Destination/mask   EtherType  Outer VLAN  "
-      "     Inner VLAN          Options\n"
-      "           5  remark\n"
-      "          10  deny    02:ab:00:00:00:00/ff:ff:ff:ff:ff:00  01:80:c2:00:00:0e  any        any         "
-      "     any                 capture log\n"
-      "          20  permit  any                                  any                ipv6       100-199 pcp "
-      "5  any\n"
-      "          30  permit  any                                  any                any        7 dei 1     "
-      "     0-4094 pcp 0 dei 0  capture\n"
-      "          40  deny    any                                  any                0x9000     any pcp 7   "
-      "     any\n"
-      "  4294967295  deny    any                                  any                any        any         "
-      "     any                 log\n"
-      "\n"
-      "nothing: 0 entries\n");
+  EXPECT_EQ(ended.out, &R"(
+all: 6 entries, 1 of them a remark
+         Seq  Action  Source/mask                          Destination/mask   EtherType  Outer VLAN     Inner VLAN          Options
+           5  remark
+          10  deny    02:ab:00:00:00:00/ff:ff:ff:ff:ff:00  01:80:c2:00:00:0e  any        any            any                 capture log
+          20  permit  any                                  any                ipv6       100-199 pcp 5  any
+          30  permit  any                                  any                any        7 dei 1        0-4094 pcp 0 dei 0  capture
+          40  deny    any                                  any                0x9000     any pcp 7      any
+  4294967295  deny    any                                  any                any        any            any                 log
+
+nothing: 0 entries
+)"[1]);
 }
 
 TEST(Show, ExamplesAreToldAsTheyAreConfigured) {

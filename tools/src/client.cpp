@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 #include "es_acl/es_acl_store.h"
 #include "es_platform/diag.h"
@@ -40,9 +41,9 @@ std::string producer_place() {
 std::string library_directory() {
   Dl_info info;
   if (dladdr(reinterpret_cast<const void*>(&dll_open), &info) == 0 || info.dli_fname == nullptr) return {};
-  const std::string file = info.dli_fname;
-  const size_t slash = file.rfind('/');
-  return slash == std::string::npos ? "." : file.substr(0, slash);
+  std::error_code error;
+  const auto file = std::filesystem::canonical(info.dli_fname, error);
+  return error ? std::string() : file.parent_path().string();
 }
 
 std::string places_of(const std::string& store) {

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 
 #include "fields.h"
 
@@ -111,6 +112,13 @@ Command chosen(const CLI::App& app) {
   return app.got_subcommand("match") ? Command::kMatch : Command::kShow;
 }
 
+// The parser misses the subcommand before it looks at the words that are there.
+std::string usage_error(const CLI::App& app, const CLI::ParseError& error) {
+  const auto words = app.remaining();
+  if (app.get_subcommands().empty() && !words.empty()) return "no such command: " + printable(words.front());
+  return printable(error.what());
+}
+
 }  // namespace
 
 const char* command_name(Command command) {
@@ -131,7 +139,9 @@ std::optional<int> parse_command_line(int argc, char** argv, Options* options) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& end) {
-    return app.exit(end) == 0 ? kExitOk : kExitUsage;
+    if (end.get_exit_code() == 0) return app.exit(end);
+    std::fprintf(stderr, "es-acl: %s (try --help)\n", usage_error(app, end).c_str());
+    return kExitUsage;
   }
   options->command = chosen(app);
   if (options->command == Command::kMatch) complete_frame(*app.get_subcommand("match"), &options->frame);
