@@ -80,10 +80,11 @@ bool publish_names(pcx_producer* producer, const Database& database) {
   return true;
 }
 
+// A standard descriptor stays open: whatever is opened next would take its number.
 bool write_and_close(int fd, const std::string& text) {
   const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   const int error = errno;
-  ::close(fd);
+  if (fd > STDERR_FILENO) ::close(fd);
   errno = error;
   return written;
 }

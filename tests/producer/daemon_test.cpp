@@ -1,10 +1,10 @@
 // The program as a process: its command line, its exit codes, and a consumer that reads from it over the bus.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 
 #include "es_platform/dsv.h"
 #include "es_platform/evm.h"
@@ -18,58 +18,39 @@ using test::TempDir;
 
 const std::string kExamples = ES_ACL_EXAMPLES_DIR "/";
 
-class Process {
- public:
-  Process(std::vector<std::string> arguments, const std::string& output_file) : output_file_(output_file) {
-    int ready[2];
-    if (::pipe(ready) != 0) std::abort();
-    pid_ = ::fork();
-    if (pid_ == 0) run(std::move(arguments), ready);
-    ::close(ready[1]);
-    char text[16];
-    ready_ =
-        std::string(text, static_cast<size_t>(std::max<ssize_t>(0, ::read(ready[0], text, sizeof text))));
-    ::close(ready[0]);
-  }
-  ~Process() {
-    if (pid_ > 0) end(SIGKILL);
-  }
+// Runs the program in a shell; what it writes to standard output and error is one text.
+struct Ended {
+  int exit_code;  // -1 when a signal ended it
+  std::string output;
+};
 
-  bool ready() const { return ready_ == "ready\n"; }
-  pid_t pid() const { return pid_; }
-  std::string output() const {
-    std::ifstream file(output_file_);
-    return {std::istreambuf_iterator<char>(file), {}};
+class Program {
+ public:
+  explicit Program(const std::string& arguments)
+      : pipe_(::popen(("exec " ES_ACL_PRODUCER_PROGRAM " " + arguments + " 2>&1").c_str(), "r")) {}
+  ~Program() {
+    if (pipe_) end();
   }
-  // The exit code, after sending a signal unless it is 0; or -1 when a signal ended it.
-  int end(int signal = 0) {
-    if (signal != 0) ::kill(pid_, signal);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  // Its next line of output, empty at the end of it.
+  std::string line() {
+    char text[256];
+    return std::fgets(text, sizeof text, pipe_) ? text : "";
+  }
+  // From now on end() tells this process to end first.
+  void serves_as(pid_t pid) { pid_ = pid; }
+  Ended end() {
+    if (pid_ > 0) ::kill(pid_, SIGTERM);
+    Ended ended{};
+    for (std::string next = line(); !next.empty(); next = line()) ended.output += next;
+    const int status = ::pclose(pipe_);
+    pipe_ = nullptr;
+    ended.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return ended;
   }
 
  private:
-  static constexpr int kReadyFd = 9;
-
-  [[noreturn]] void run(std::vector<std::string> arguments, const int (&ready)[2]) const {
-    ::dup2(ready[1], kReadyFd);
-    ::close(ready[0]);
-    ::close(ready[1]);
-    if (!std::freopen(output_file_.c_str(), "w", stdout) || ::dup2(STDOUT_FILENO, STDERR_FILENO) < 0)
-      ::_exit(126);
-    arguments.insert(arguments.begin(), ES_ACL_PRODUCER_PROGRAM);
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-
-  std::string output_file_;
-  std::string ready_;
-  pid_t pid_ = -1;
+  std::FILE* pipe_;
+  pid_t pid_ = 0;
 };
 
 class DaemonTest : public ::testing::Test {
@@ -80,9 +61,6 @@ class DaemonTest : public ::testing::Test {
     bus_ = directory.path("bus");
     ::setenv("ES_PCX_DIR", bus_.c_str(), 1);
   }
-  Process start(std::vector<std::string> arguments) {
-    return {std::move(arguments), files_.path("output" + std::to_string(++started_))};
-  }
   // What a stopped producer left in the bus's directory that another process could take for a live one.
   static size_t sockets() {
     size_t count = 0;
@@ -92,47 +70,37 @@ class DaemonTest : public ::testing::Test {
   }
 
   static inline std::string bus_;
-  TempDir files_;
-  int started_ = 0;
+  const TempDir files_;
 };
 
 TEST_F(DaemonTest, ExitCodesAndMessages) {
   const std::string bad = files_.write("bad.json", "{\"es-acl:acls\": {\"acl\": [\n{\"name\": \"trace\"}]}}");
-  const std::string good = kExamples + "q-in-q.xml";
+  const std::string good = "--config " + kExamples + "q-in-q.xml ";
   struct {
-    std::vector<std::string> arguments;
+    std::string arguments;
     int exit_code;
     const char* words;
   } const table[] = {
-      {{}, 1, "--config is required"},
-      {{"--config", good, "--nonsense"}, 1, "--nonsense"},
-      {{"--config", good, "--ready-fd", "-1"}, 1, "--ready-fd"},
-      {{"--help"}, 0, "Exit codes"},
-      {{"--print-yang"}, 0, "module es-acl {"},
-      {{"--config", good, "--check"}, 0, "ok: 2 ACLs, 11 entries, 3 of them remarks"},
-      {{"--config", bad, "--check"}, 2, "bad.json:2: "},
-      {{"--config", bad, "--ready-fd", "9"}, 2, "reserved word"},
-      {{"--config", files_.path("none"), "--ready-fd", "9"}, 2, "none: cannot be opened: No such file"},
-      {{"--config", good, "--ready-file", files_.path("no/such/directory")}, 4, "--ready-file"},
-      {{"--config", good, "--ready-fd", "77"}, 4, "--ready-fd 77"},
+      {"", 1, "--config is required"},
+      {good + "--nonsense", 1, "--nonsense"},
+      {good + "--ready-fd -1", 1, "--ready-fd"},
+      {"--help", 0, "Exit codes"},
+      {"--print-yang", 0, "module es-acl {"},
+      {good + "--check", 0, "ok: 2 ACLs, 11 entries, 3 of them remarks"},
+      {"--check --config " + bad, 2, "bad.json:2: "},
+      {"--ready-fd 1 --config " + bad, 2, "reserved word"},
+      {"--config " + files_.path("none"), 2, "none: cannot be opened: No such file"},
+      {good + "--ready-file " + files_.path("no/such/directory"), 4, "--ready-file"},
+      {good + "--ready-fd 77", 4, "--ready-fd 77"},
   };
   for (const auto& row : table) {
-    SCOPED_TRACE(row.words);
-    Process process = start(row.arguments);
-    EXPECT_FALSE(process.ready());
-    EXPECT_EQ(process.end(), row.exit_code);
-    EXPECT_NE(process.output().find(row.words), std::string::npos) << process.output();
+    SCOPED_TRACE(row.arguments);
+    const Ended ended = Program(row.arguments).end();
+    EXPECT_EQ(ended.exit_code, row.exit_code);
+    EXPECT_NE(ended.output.find(row.words), std::string::npos) << ended.output;
+    EXPECT_EQ(ended.output.find("ready\n"), std::string::npos) << ended.output;
     EXPECT_EQ(sockets(), 0u);
   }
-}
-
-TEST_F(DaemonTest, ABusThatCannotBeOpened) {
-  ::setenv("ES_PCX_DIR", files_.write("in-the-way", "").c_str(), 1);
-  Process process = start({"--config", kExamples + "q-in-q.xml", "--ready-fd", "9"});
-  ::setenv("ES_PCX_DIR", bus_.c_str(), 1);
-  EXPECT_FALSE(process.ready());
-  EXPECT_EQ(process.end(), 3);
-  EXPECT_NE(process.output().find("es-acl-producer: bus: "), std::string::npos) << process.output();
 }
 
 // Reads the ACL batch by batch; the sequence numbers received.
@@ -154,14 +122,16 @@ std::vector<uint32_t> read_all(void* handle, const std::string& name, uint32_t m
 
 TEST_F(DaemonTest, ServesAConsumerUntilItIsEnded) {
   const std::string ready_file = files_.path("ready");
-  Process producer =
-      start({"--config", kExamples + "large.json", "--ready-fd", "9", "--ready-file", ready_file});
-  ASSERT_TRUE(producer.ready()) << producer.output();
-  EXPECT_TRUE(std::filesystem::exists(ready_file));
+  Program producer("--ready-fd 1 --config " + kExamples + "large.json --ready-file " + ready_file);
+  ASSERT_EQ(producer.line(), "ready\n");
+  pid_t pid = 0;
+  std::ifstream(ready_file) >> pid;
+  ASSERT_GT(pid, 0);
+  producer.serves_as(pid);
 
-  Process second = start({"--config", kExamples + "q-in-q.xml", "--ready-fd", "9"});
-  EXPECT_FALSE(second.ready());
-  EXPECT_EQ(second.end(), 3) << second.output();
+  const Ended second = Program("--config " + kExamples + "q-in-q.xml").end();
+  EXPECT_EQ(second.exit_code, 3);
+  EXPECT_NE(second.output.find("es-acl-producer: bus: "), std::string::npos) << second.output;
 
   uint32_t dsv_class = 0;
   void* address = nullptr;
@@ -188,10 +158,10 @@ TEST_F(DaemonTest, ServesAConsumerUntilItIsEnded) {
   EXPECT_EQ(es_acl_wire_32(counts.num_remark_aces), 100u);
   request.ver = 0;
   EXPECT_EQ(pcx_read(address, &request, sizeof request, &counts, &length), uint32_t{EINVAL});
-  EXPECT_NE(producer.output().find("request refused with 22: version 0"), std::string::npos)
-      << producer.output();
 
-  EXPECT_EQ(producer.end(SIGTERM), 0) << producer.output();
+  const Ended ended = producer.end();
+  EXPECT_EQ(ended.exit_code, 0);
+  EXPECT_NE(ended.output.find("request refused with 22: version 0"), std::string::npos) << ended.output;
   EXPECT_EQ(sockets(), 0u);
   EXPECT_FALSE(std::filesystem::exists(ready_file));
   request = test::count_request("large");
