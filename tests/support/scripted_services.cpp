@@ -1,6 +1,7 @@
 // The remaining services of the scripted platform, and what all of them do without a script.
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "es_platform/clock.h"
 #include "es_platform/schema.h"
@@ -112,7 +113,9 @@ uint32_t create_class(const char*, uint32_t, uint32_t, uint32_t* class_handle) {
 void* token(const std::string& name) {
   void* const unique = calloc(1, 8);
   name_pointer(unique, name);
-  static auto* const kept = new std::vector<void*>;
+  static std::mutex mutex;
+  static auto* const kept = new std::vector<void*>;  // so that no tool takes it for lost
+  const std::lock_guard guard(mutex);
   kept->push_back(unique);
   return unique;
 }
