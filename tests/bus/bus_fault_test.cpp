@@ -2,9 +2,11 @@
 // connection with one log line, in time, and costs nobody else anything.
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -384,6 +386,81 @@ TEST(BusFaults, StaleSocketIsReplaced) {
   ASSERT_EQ(producer.status(), 0U) << pcx_producer_error();
   EXPECT_EQ(pcx_producer_publish(producer.get(), "n"), 0U);
   EXPECT_NE(address(name, "n"), nullptr);
+}
+
+// The producer is there and accepts nobody: what fits into its queue gets no answer, the next one is told
+// that it is busy.
+TEST(BusFaults, FullListenerIsBusy) {
+  const std::string name = fresh_class();
+  mkdir(bus_directory().c_str(), 0750);
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = address_of(name);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 0), 0);
+  void* data = nullptr;
+  EXPECT_EQ(dsv_lookup_data(class_handle(name), "n", &data), 62U);
+  const uint64_t start = now_ms();
+  EXPECT_EQ(dsv_lookup_data(class_handle(name), "n", &data), 11U);
+  EXPECT_LT(now_ms() - start, kDeadlineMs + 300);
+  close(listener);
+}
+
+// Runs as another user in a process of its own.
+template <typename Body>
+pid_t as_nobody(Body body) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+  body();
+  _exit(0);
+}
+
+TEST(BusFaults, OtherUsersAreRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to be somebody else too";
+  const std::string served = fresh_class(), planted = fresh_class();
+  Producer producer(served);
+  chmod(std::filesystem::path(bus_directory()).parent_path().c_str(), 0755);
+  chmod(bus_directory().c_str(), 0777);
+  chmod(address_of(served).sun_path, 0666);
+  Producer::clear_log();
+  const sockaddr_un to_served = address_of(served), to_planted = address_of(planted);
+  const pid_t consumer = as_nobody([&] {
+    for (int i = 0; i < 3; ++i) {
+      const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      if (connect(fd, reinterpret_cast<const sockaddr*>(&to_served), sizeof to_served) != 0) _exit(3);
+      char byte;
+      if (recv(fd, &byte, 1, 0) > 0) _exit(4);
+    }
+  });
+  int how = -1;
+  waitpid(consumer, &how, 0);
+  EXPECT_EQ(how, 0);
+  ASSERT_EQ(Producer::log_lines().size(), 1U);
+  EXPECT_NE(Producer::log_lines()[0].find("user 65534 refused"), std::string::npos)
+      << Producer::log_lines()[0];
+
+  const pid_t impostor = as_nobody([&] {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&to_planted), sizeof to_planted) == 0 &&
+        listen(fd, 9) == 0)
+      pause();
+  });
+  const auto connects = [&] {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int result = connect(fd, reinterpret_cast<const sockaddr*>(&to_planted), sizeof to_planted);
+    close(fd);
+    return result == 0;
+  };
+  ASSERT_TRUE(eventually(connects));
+  const ErrorOutput output;
+  EXPECT_EQ(address(planted, "n"), nullptr);
+  EXPECT_EQ(address(planted, "n"), nullptr);
+  const std::string text = output.text();
+  EXPECT_NE(text.find("Operation not permitted"), std::string::npos) << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  kill(impostor, SIGKILL);
+  waitpid(impostor, nullptr, 0);
+  chmod(bus_directory().c_str(), 0750);
 }
 
 // In a process of its own, since the environment is read once.

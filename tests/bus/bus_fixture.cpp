@@ -35,7 +35,7 @@ void serve_until_killed(const std::string& class_name, const std::string& name) 
 void consume_until_killed(const std::string& class_name, const std::string& what) {
   Recorder recorder;
   recorder.during = [&](uint32_t, const std::string&) {
-    if (what == "die") _exit(0);
+    if (what == "die") raise(SIGKILL);
     if (what == "hang") {
       for (;;) pause();
     }

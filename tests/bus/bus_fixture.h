@@ -20,7 +20,7 @@
 namespace bus_test {
 
 constexpr uint32_t kWrite = 6, kSync = 18;
-constexpr uint32_t kDeadlineMs = 400;  // of the tests' process; short, since some tests wait for it to pass
+constexpr uint32_t kDeadlineMs = 1000;  // of the tests' process; short, since some tests wait for it to pass
 
 // Waits for a condition, for at most ten seconds.
 bool eventually(const std::function<bool()>& condition);

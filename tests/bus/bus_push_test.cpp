@@ -108,13 +108,16 @@ TEST(BusPush, HandlerReadsFromASuccessor) {
   Recorder recorder;
   Read got{};
   const Registration registration(name, "n", recorder);
+  std::atomic<bool> pushed{false};
   recorder.during = [&](uint32_t, const std::string&) {
+    while (!pushed) usleep(100);
     producer = nullptr;
     producer = std::make_unique<Producer>(name);
     got = read(registration.handle, "echo x");
   };
   ASSERT_TRUE(producer->has_consumers("n", 1));
-  pcx_producer_push(producer->get(), kWrite, "n", "p", 1, nullptr);
+  producer->push("n", "p");
+  pushed = true;
   ASSERT_TRUE(eventually([&] { return recorder.count() == 1; }));
   EXPECT_EQ(got.status, 0U);
   EXPECT_EQ(got.answer, "x");
@@ -207,6 +210,7 @@ TEST(BusPush, BulkRegistration) {
 // One consumer's handler hangs; its queue overflows and its connection ends. The other one does not notice.
 TEST(BusPush, SlowConsumerCostsOnlyItself) {
   const std::string name = fresh_class();
+  Producer::clear_log();
   Producer producer(name, 3 << 20);
   Recorder recorder;
   const Registration registration(name, "n", recorder);

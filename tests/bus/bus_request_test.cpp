@@ -120,7 +120,7 @@ TEST(BusRequests, Answers) {
       {"fail 11", 100, 11, ""},
       {"fail 2728210432", 100, 2728210432, ""},
       {"fill 4000000 q", 4000000, 0, std::string(4000000, 'q')},
-      {"fill 30000000 r", 40000000, 0, std::string(30000000, 'r')},
+      {"fill 8000000 r", 20000000, 0, std::string(8000000, 'r')},
       {"fill 4000001 q", 4000000, 90, ""},
       {"echo still here", 100, 0, "still here"},
   };

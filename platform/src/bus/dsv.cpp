@@ -39,7 +39,9 @@ uint32_t dsv_register_bulk(uint32_t class_handle, const char* const* names, uint
   if (reg_handles == nullptr || codes == nullptr) return EINVAL;
   *reg_handles = nullptr;
   *codes = nullptr;
-  if (names == nullptr || !Consumer::instance().has_class(class_handle)) return EINVAL;
+  const auto known = [&]() -> uint32_t { return Consumer::instance().has_class(class_handle) ? 0 : EINVAL; };
+  if (names == nullptr) return EINVAL;
+  if (const uint32_t status = guarded(known)) return status;
   const size_t room = count != 0 ? count : 1;
   auto** handles = static_cast<void**>(std::calloc(room, sizeof(void*)));
   auto* statuses = static_cast<uint32_t*>(std::calloc(room, sizeof(uint32_t)));

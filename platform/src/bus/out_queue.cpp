@@ -32,18 +32,23 @@ void OutQueue::append(const FrameHeader& header, const void* payload) {
   if (header.length != 0) std::memcpy(at + sizeof header, payload, header.length);
   std::memset(at + sizeof header + header.length, 0, padded(header.length) - header.length);
   block.end += size;
+  bytes_ += size;
 }
 
 void OutQueue::take(OutQueue& other) {
   if (blocks_.empty()) {
     blocks_.swap(other.blocks_);
-    return;
+  } else {
+    for (Block& block : other.blocks_) blocks_.push_back(std::move(block));
   }
-  for (Block& block : other.blocks_) blocks_.push_back(std::move(block));
-  other.blocks_.clear();
+  bytes_ += other.bytes_;
+  other.clear();
 }
 
-void OutQueue::clear() { blocks_.clear(); }
+void OutQueue::clear() {
+  blocks_.clear();
+  bytes_ = 0;
+}
 
 int OutQueue::flush(int fd, size_t* written) {
   while (!blocks_.empty()) {
@@ -65,6 +70,7 @@ int OutQueue::flush(int fd, size_t* written) {
 }
 
 void OutQueue::drop_written(size_t bytes) {
+  bytes_ -= bytes;
   while (bytes != 0) {
     Block& front = blocks_.front();
     const size_t step = std::min(bytes, front.end - front.begin);

@@ -22,6 +22,7 @@ class OutQueue {
   void take(OutQueue& other);
   void clear();
   bool empty() const { return blocks_.empty(); }
+  size_t bytes() const { return bytes_; }
 
   // Writes what the socket takes without blocking; adds the number of bytes to *written. 0 (also when the
   // socket takes no more), or an errno value.
@@ -35,6 +36,7 @@ class OutQueue {
   void drop_written(size_t bytes);
 
   std::deque<Block> blocks_;
+  size_t bytes_ = 0;
 };
 
 }  // namespace es_platform::bus

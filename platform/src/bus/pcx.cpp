@@ -19,6 +19,11 @@ namespace {
 
 constexpr uint32_t kBulkHandles = 1024;
 
+// 0 when there is such a class, 22 when there is none.
+uint32_t check_class(uint32_t class_handle) {
+  return guarded([&]() -> uint32_t { return Consumer::instance().has_class(class_handle) ? 0 : EINVAL; });
+}
+
 }  // namespace
 
 uint32_t pcx_lr_init(void* ctx) {
@@ -30,7 +35,7 @@ uint32_t pcx_lr_init(void* ctx) {
 uint32_t pcx_set_context(const pcx_context_record* record) {
   if (record == nullptr || record->evm_ctx == nullptr || record->one != 1) return EINVAL;
   if (record->reserved0 != 0 || record->reserved20 != 0 || record->reserved28 != 0) return EINVAL;
-  return guarded([&] { return Consumer::instance().has_class(record->class_handle) ? 0U : EINVAL; });
+  return check_class(record->class_handle);
 }
 
 uint32_t pcx_register(void* reg_handle, uint32_t flags, uint64_t context, pcx_handler handler) {
@@ -39,7 +44,7 @@ uint32_t pcx_register(void* reg_handle, uint32_t flags, uint64_t context, pcx_ha
 }
 
 uint32_t pcx_get_num_bulk_handles(uint32_t class_handle) {
-  return Consumer::instance().has_class(class_handle) ? kBulkHandles : 0;
+  return check_class(class_handle) == 0 ? kBulkHandles : 0;
 }
 
 uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t count, uint32_t zero1,
@@ -79,5 +84,5 @@ uint32_t pcx_read(void* handle, const void* request, uint32_t request_length, vo
 }
 
 uint32_t pcx_get_optimum_msg_size(uint32_t class_handle) {
-  return Consumer::instance().has_class(class_handle) ? settings().optimum_size : 0;
+  return check_class(class_handle) == 0 ? settings().optimum_size : 0;
 }

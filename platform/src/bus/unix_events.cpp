@@ -29,6 +29,8 @@ namespace es_platform::bus {
 namespace {
 
 constexpr size_t kReadBuffer = 256 << 10;
+constexpr size_t kMaxUnsent =
+    2 * size_t{kMaxMessage};  // changes and responses waiting for the producer to read
 constexpr uint64_t kMillisecond = 1000000;
 constexpr uint64_t kFirstBackoff = 10 * kMillisecond;
 constexpr uint64_t kLongestBackoff = 500 * kMillisecond;
@@ -63,12 +65,14 @@ void UnixEvents::unsubscribe(uint64_t topic) noexcept {
   append_change_locked(make_frame(FrameKind::unsubscribe, 0, topic, 0, order_), nullptr);
 }
 
-// A change that cannot be queued costs the connection, not the change: the next connection brings everything.
+// A change that cannot be queued, for want of memory or since the producer has stopped reading, costs the
+// connection and not the change: the next connection brings everything.
 void UnixEvents::append_change_locked(const FrameHeader& header, const void* payload) {
   if (current_ == nullptr) return Dispatcher::instance().wake();
   try {
     out_.append(header, payload);
     flush_locked();
+    if (out_.bytes() > kMaxUnsent) lose_locked();
   } catch (const std::bad_alloc&) {
     lose_locked();
   }
