@@ -1,0 +1,110 @@
+// The command es-diag, looking at this very process.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "es_platform/diag.h"
+#include "es_platform/process.h"
+#include "private_directory.h"
+
+namespace {
+
+struct outcome {
+  int code;
+  std::string out;
+};
+
+outcome run(const std::string& arguments) {
+  FILE* pipe = popen((std::string(ES_DIAG_PROGRAM) + ' ' + arguments + " 2>/dev/null").c_str(), "r");
+  outcome result{-1, ""};
+  char buffer[4096];
+  while (const size_t got = fread(buffer, 1, sizeof buffer, pipe)) result.out.append(buffer, got);
+  const int status = pclose(pipe);
+  if (WIFEXITED(status)) result.code = WEXITSTATUS(status);
+  return result;
+}
+
+class EsDiag : public testing::Test {
+ protected:
+  void SetUp() override {
+    void* history = nullptr;
+    acl_client_relay_entry* error_block = nullptr;
+    ASSERT_EQ(acl_rlog_init("/command/", "_wr", 0, 16, &ctx), 0u);
+    ASSERT_EQ(acl_debug_init(&categories, nullptr, "/debug/command/", 3), 0u);
+    ASSERT_EQ(acl_client_relay_init("command", "p", &main_block, &error_block, &history), 0u);
+  }
+  void TearDown() override { acl_rlog_close(ctx); }
+
+  rlog_ctx* ctx = nullptr;
+  debug_category* categories = nullptr;
+  acl_client_relay_entry* main_block = nullptr;
+  const std::string mine = " --pid " + std::to_string(getpid());
+};
+
+TEST_F(EsDiag, ExitCodesSayWhatHappened) {
+  const std::string damaged = private_directory() + "/command";
+  std::filesystem::create_directory(damaged);
+  std::ofstream(damaged + '/' + std::to_string(getpid()) + ".trace.1") << "not one of ours";
+  const struct {
+    std::string arguments;
+    int code;
+  } cases[] = {
+      {"--help", 0},
+      {"trace --help", 0},
+      {"list", 0},
+      {"list --dir /no/such/directory", 0},
+      {"threads", 0},
+      {"trace --buffer _wr" + mine, 0},
+      {"trace --pid 999999999", 1},
+      {"trace --buffer nothing" + mine, 1},
+      {"debug --on nothing" + mine, 1},
+      {"", 2},
+      {"no-such-command", 2},
+      {"trace --pid x", 2},
+      {"debug --on info --off info", 2},
+      {"trace --dir " + damaged, 3},
+  };
+  for (const auto& one : cases) EXPECT_EQ(run(one.arguments).code, one.code) << one.arguments;
+}
+
+TEST_F(EsDiag, PrintsTheRecordsOfOneBuffer) {
+  _rlog_str(ctx, "op", "ev\x1bnt", "a name", 1, 254);
+  const outcome lines = run("trace --buffer /command/_wr" + mine);
+  EXPECT_NE(lines.out.find("op: ev?nt \"a name\" 1 254(0xfe)\n"), std::string::npos) << lines.out;
+  const auto document = nlohmann::json::parse(run("trace --json --buffer _wr" + mine).out);
+  ASSERT_EQ(document["buffers"].size(), 1u);
+  const auto& record = document["buffers"][0]["records"][0];
+  EXPECT_EQ(record["text"], "a name");
+  EXPECT_EQ(record["values"][1], 254);
+}
+
+TEST_F(EsDiag, SwitchesTheCategoriesThatWereNamed) {
+  run("debug --on category1 /debug/other/category2" + mine);
+  EXPECT_EQ(categories[1].enabled, 1u);
+  EXPECT_EQ(categories[2].enabled, 0u);
+  run("debug --on /debug/command/category2" + mine);
+  EXPECT_EQ(categories[2].enabled, 1u);
+  const outcome shown = run("debug --off all --json" + mine);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(categories[i].enabled, 0u);
+  for (const auto& category : nlohmann::json::parse(shown.out)["categories"])
+    EXPECT_EQ(category["enabled"], false);
+}
+
+TEST_F(EsDiag, PrintsCountersThatAreNotZero) {
+  main_block[42].count = 7;
+  const auto document = nlohmann::json::parse(run("counters --json" + mine).out);
+  for (const auto& component : document["components"]) {
+    if (component["component"] != "command") continue;
+    EXPECT_EQ(component["main"].dump(), R"({"42":7})");
+    return;
+  }
+  FAIL() << document;
+}
+
+}  // namespace
