@@ -61,9 +61,9 @@ PLATFORM_API uint32_t pcx_query_producer(void* reg_handle);
 
 /* Sends a request to the producer behind a registration or a bus address and waits for the answer.
  * *answer_length: the buffer's size in, the answer's length out (unchanged on failure). An answer that does not fit is an
- * error (90), never cut. Blocks, at most for the deadline (environment ES_PCX_DEADLINE_MS, else 5000). 0; 3: no producer,
- * or it went away half-way; 11: it is busy; 62: no answer within the deadline; 12; 22; or the status with which the
- * producer refused the request. */
+ * error (90), never cut; what the buffer holds after a failure is not specified. Blocks, at most for the deadline
+ * (environment ES_PCX_DEADLINE_MS, else 5000). 0; 3: no producer, or it went away half-way; 11: it is busy; 62: no answer
+ * within the deadline; 12; 22 (also for a request above 64 MiB); or the status with which the producer refused it. */
 PLATFORM_API uint32_t pcx_read(void* handle, const void* request, uint32_t request_length, void* answer,
                                uint32_t* answer_length);
 

@@ -7,7 +7,7 @@
  * One service thread per producer accepts connections, answers requests (it calls the `read` operation) and writes out
  * what has been pushed. No operation here ever waits for one consumer: pushes are queued, at most `queue_limit` bytes a
  * consumer; when a queue overflows that consumer's event connection is closed, with a log line and a count, and it will
- * connect and register again. */
+ * connect and register again. What was pushed in between is not repeated. */
 #ifndef ES_PLATFORM_PCX_PRODUCER_H_
 #define ES_PLATFORM_PCX_PRODUCER_H_
 
@@ -17,7 +17,7 @@ typedef struct pcx_producer pcx_producer;
 
 /* Who asks or answers: a consumer process. */
 typedef struct pcx_peer {
-  uint64_t id; /* the same for all connections of one process, never used again for another */
+  uint64_t id; /* the same for all connections of one process; never used again once they have all ended */
   int32_t pid;
   uint32_t uid;
 } pcx_peer;
@@ -63,7 +63,8 @@ PLATFORM_API uint32_t pcx_producer_publish(pcx_producer* producer, const char* n
 PLATFORM_API uint32_t pcx_producer_unpublish(pcx_producer* producer, const char* name);
 
 /* Queues a message (PCX_CMD_WRITE 6 or PCX_CMD_PROD_REQ 17) for every consumer that registered `name`. Messages of one
- * thread keep their order. *reached, when non-null, gets the number of consumers. 0, 12, 22. Does not block. */
+ * thread keep their order. *reached, when non-null, gets the number of consumers. 0, 12, 22 (also for a message above
+ * 64 MiB, or one that no queue could hold). Does not block; allowed from inside an operation. */
 PLATFORM_API uint32_t pcx_producer_push(pcx_producer* producer, uint32_t mtype, const char* name, const void* payload,
                                         uint32_t length, uint32_t* reached);
 /* The same for one of them. 0, 2 when that consumer has not registered the name, 12, 22. */

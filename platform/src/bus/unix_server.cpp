@@ -44,7 +44,7 @@ struct UnixServer::Connection {
   uint32_t interest = EPOLLIN;
   InBuffer in{kRequestBuffer};
   // Request connections. A parked request stays in `in`, from which nothing is read meanwhile.
-  Answer answer{};
+  UnixAnswer answer{};
   bool parked = false;
   FrameHeader parked_header{};
   char* parked_payload = nullptr;
@@ -325,7 +325,7 @@ void UnixServer::unpark(Peer& peer) {
 bool UnixServer::answer(Connection& connection, const FrameHeader& header, char* payload) {
   uint32_t length = 0;
   const uint32_t status = make_answer(connection, header, payload, &length);
-  Answer& answer = connection.answer;
+  UnixAnswer& answer = connection.answer;
   answer.header = make_frame(FrameKind::answer, status == 0 ? length : 0, header.tag, status);
   if (answer.header.length != 0) {
     answer.body = std::move(spare_);
@@ -361,28 +361,8 @@ bool UnixServer::grow_spare(size_t capacity) {
   return true;
 }
 
-int UnixServer::Answer::flush(int fd) {
-  const size_t size = sizeof header + header.length;
-  while (sent < size) {
-    const size_t of_header = std::min(sent, sizeof header), of_body = sent - of_header;
-    iovec parts[] = {{reinterpret_cast<char*>(&header) + of_header, sizeof header - of_header},
-                     {body.get() + of_body, header.length - of_body}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 2;
-    const ssize_t bytes = sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (bytes >= 0) {
-      sent += static_cast<size_t>(bytes);
-    } else if (errno != EINTR) {
-      return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : errno;
-    }
-  }
-  under_way = false;
-  return 0;
-}
-
 bool UnixServer::flush_answer(Connection& connection) {
-  Answer& answer = connection.answer;
+  UnixAnswer& answer = connection.answer;
   if (answer.flush(connection.fd.get()) != 0) return close(connection);
   if (answer.under_way) return set_interest(connection, EPOLLOUT);
   if (answer.body != nullptr && answer.capacity <= kSpareKept && spare_ == nullptr) {

@@ -16,6 +16,7 @@
 
 #include "bus/in_buffer.h"
 #include "bus/transport.h"
+#include "bus/unix_answer.h"
 #include "bus/unix_endpoint.h"
 #include "bus/unix_sink.h"
 
@@ -34,15 +35,6 @@ class UnixServer final : public Server {
  private:
   struct Peer;
   struct Connection;
-  // An answer on its way: the header, then the body, as far as `sent` tells.
-  struct Answer {
-    FrameHeader header{};
-    std::unique_ptr<char[]> body;
-    size_t capacity = 0;  // of the body
-    size_t sent = 0;
-    bool under_way = false;
-    int flush(int fd);
-  };
 
   void run();
   void serve_event(const epoll_event& event);
