@@ -1,9 +1,10 @@
 // The store through its slots, as the library calls it (a table of functions, each call inside a lock and
-// unlock of the ACL's mutex), beside std::map and absl::btree_map under a mutex of their own, in one run.
+// unlock of the ACL's mutex), beside std::map and absl::btree_map of 80-byte records under a mutex of their
+// own. All take each record from the rules pool and give it back once it is copied in.
 //
-// A container holds 80-byte records by value. Every benchmark reports the time per ACE. Walks go as a client
-// goes: the node's next link, its element, the element's ACE pointer, and two of the ACE's fields.
-// `bytes_per_ace` is the growth of the process's resident memory while one container is filled.
+// Every benchmark also reports the time per ACE. Walks go as a client goes, by the library's accessors, and
+// read two of each ACE's fields. `bytes_per_ace` is the growth of the process's resident memory while one ACL
+// is filled.
 #include <absl/container/btree_map.h>
 #include <benchmark/benchmark.h>
 #include <pthread.h>
@@ -14,61 +15,64 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
+#include "es_acl/es_acl.h"
 #include "es_acl/es_acl_store.h"
+#include "es_platform/evm.h"
 
-extern "C" void es_acl_api_init_funcs(es_acl_api_table* apis);
+namespace es_acl_bench {
 
 namespace {
 
-void lock(pthread_mutex_t* mutex) {
-  if (pthread_mutex_trylock(mutex) != 0) pthread_mutex_lock(mutex);
-}
-
 const es_acl_api_table& api() {
-  static es_acl_api_table* const table = [] {
-    auto* apis = new es_acl_api_table{};
-    es_acl_api_init_funcs(apis);
-    return apis;
+  static const es_acl_api_table* const table = [] {
+    evm* events = nullptr;
+    evm_create(&events);
+    if (es_acl_clib_init(events) != 0) std::abort();
+    return es_acl_apis;
   }();
   return *table;
 }
 
-// One record serves all additions: the pool below does not really take it back.
-es_acl_ace the_record{};
+class Lock {
+ public:
+  explicit Lock(pthread_mutex_t* mutex) : mutex_(mutex) {
+    if (pthread_mutex_trylock(mutex) != 0) pthread_mutex_lock(mutex);
+  }
+  ~Lock() { pthread_mutex_unlock(mutex_); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
 
 // --- What is compared ---
 
 class Tree {
  public:
-  Tree() : acl_(api().get_header("bench")) {}
-  ~Tree() { api().acl_release("bench"); }
+  Tree() : acl_(api().get_header("bench-store")) {}
+  ~Tree() { api().acl_release("bench-store"); }
   Tree(const Tree&) = delete;
   Tree& operator=(const Tree&) = delete;
 
   void add(uint32_t seq) {
-    lock(&acl_->lock);
-    api().add_acl_item_iter(acl_, &the_record, seq, ES_ACL_ADD_KEEP, nullptr);
-    pthread_mutex_unlock(&acl_->lock);
+    es_acl_ace* ace = es_acl_alloc_rules();
+    const Lock lock(&acl_->lock);
+    api().add_acl_item_iter(acl_, ace, seq, ES_ACL_ADD_KEEP, nullptr);
   }
   const es_acl_ace* find(uint32_t seq) {
-    lock(&acl_->lock);
-    const es_acl_ace* ace = api().search_entry(acl_, seq);
-    pthread_mutex_unlock(&acl_->lock);
-    return ace;
-  }
-  void remove(uint32_t seq) {
-    lock(&acl_->lock);
-    api().delete_entry_iter(acl_, seq, ES_ACL_FORWARD, nullptr);
-    pthread_mutex_unlock(&acl_->lock);
+    const Lock lock(&acl_->lock);
+    return api().search_entry(acl_, seq);
   }
   uint64_t walk() {
     uint64_t sum = 0;
-    for (es_acl_ace_node* node = first(acl_); node != nullptr; node = next(acl_, node)) {
-      const es_acl_ace* ace = data(acl_, node);
+    for (es_acl_ace_node* node = es_get_first_ace(acl_); node != nullptr;
+         node = es_get_next_ace(acl_, node)) {
+      const es_acl_ace* ace = es_get_ace_data(acl_, node);
       if (ace == nullptr) break;
       sum += ace->seq + ace->src_addr[0];
     }
@@ -76,48 +80,29 @@ class Tree {
   }
 
  private:
-  // As the library's accessors are: calls that are not inlined.
-  [[gnu::noinline]] static es_acl_ace_node* first(es_acl_head* acl) {
-    es_acl_ace_node* node = __atomic_load_n(&acl->ace_first, __ATOMIC_ACQUIRE);
-    return node->element == acl->ace_end ? nullptr : node;
-  }
-  [[gnu::noinline]] static es_acl_ace_node* next(es_acl_head* acl, es_acl_ace_node* node) {
-    if (acl == nullptr || node == nullptr || node->element == acl->ace_end) return nullptr;
-    return __atomic_load_n(&node->next, __ATOMIC_ACQUIRE);
-  }
-  [[gnu::noinline]] static const es_acl_ace* data(es_acl_head* acl, es_acl_ace_node* node) {
-    if (acl == nullptr || node == nullptr || node->element == nullptr || node->element == acl->ace_end)
-      return nullptr;
-    return static_cast<es_acl_ace**>(node->element)[ES_ACL_ELEMENT_ACE_WORD];
-  }
-
   es_acl_head* acl_;
 };
 
 template <typename Map>
 class Container {
  public:
+  Container() { api(); }
+
   void add(uint32_t seq) {
-    lock(&mutex_);
-    the_record.seq = seq;
-    map_.try_emplace(seq, the_record);
-    pthread_mutex_unlock(&mutex_);
+    es_acl_ace* ace = es_acl_alloc_rules();
+    const Lock lock(&mutex_);
+    ace->seq = seq;
+    map_.try_emplace(seq, *ace);
+    es_acl_free_rules(ace);
   }
   const es_acl_ace* find(uint32_t seq) {
-    lock(&mutex_);
+    const Lock lock(&mutex_);
     const auto at = map_.find(seq);
-    const es_acl_ace* ace = at != map_.end() ? &at->second : nullptr;
-    pthread_mutex_unlock(&mutex_);
-    return ace;
-  }
-  void remove(uint32_t seq) {
-    lock(&mutex_);
-    map_.erase(seq);
-    pthread_mutex_unlock(&mutex_);
+    return at != map_.end() ? &at->second : nullptr;
   }
   uint64_t walk() {
     uint64_t sum = 0;
-    for (const auto& [seq, ace] : map_) sum += ace.seq + ace.src_addr[0];
+    for (const auto& entry : map_) sum += entry.second.seq + entry.second.src_addr[0];
     return sum;
   }
 
@@ -205,23 +190,6 @@ void walk(benchmark::State& state) {
   per_ace(state, count);
 }
 
-template <typename C>
-void remove(benchmark::State& state) {
-  const auto count = static_cast<size_t>(state.range(0));
-  const auto seqs = numbers(count, Order::kRandom, 2);
-  for (auto _ : state) {
-    state.PauseTiming();
-    auto container = filled<C>(count, Order::kRandom);
-    state.ResumeTiming();
-    for (uint32_t seq : seqs) container->remove(seq);
-    state.PauseTiming();
-    container.reset();
-    state.ResumeTiming();
-  }
-  per_ace(state, count);
-}
-
-// Several containers at once for the small sizes, so that pages do not hide them.
 template <typename C, Order order>
 void memory(benchmark::State& state) {
   const auto count = static_cast<size_t>(state.range(0));
@@ -235,28 +203,33 @@ void memory(benchmark::State& state) {
   }
 }
 
-void sizes(benchmark::internal::Benchmark* b) {
-  for (const int count : {1'000, 10'000, 100'000, 1'000'000}) b->Arg(count);
+using Benchmark = void (*)(benchmark::State&);
+
+void add_group(const std::string& group, Benchmark ours, Benchmark std_map, Benchmark absl_btree) {
+  const std::pair<const char*, Benchmark> all[] = {
+      {"/es_acl", ours}, {"/std_map", std_map}, {"/absl_btree", absl_btree}};
+  for (const auto& [name, run] : all) {
+    auto* added = benchmark::RegisterBenchmark((group + name).c_str(), run)->MinTime(0.1);
+    for (const int count : {1'000, 10'000, 100'000, 1'000'000}) added->Arg(count);
+  }
 }
 
-#define FOR_ALL(...) BENCHMARK_TEMPLATE(__VA_ARGS__)->Apply(sizes)
-#define COMPARE(what, order)           \
-  FOR_ALL(what, Tree, Order::order);   \
-  FOR_ALL(what, StdMap, Order::order); \
-  FOR_ALL(what, AbslBtree, Order::order)
+template <Order order>
+void add_groups(const std::string& suffix) {
+  add_group("store_insert_" + suffix, insert<Tree, order>, insert<StdMap, order>, insert<AbslBtree, order>);
+  add_group("store_search_" + suffix, search<Tree, order>, search<StdMap, order>, search<AbslBtree, order>);
+  add_group("store_walk_" + suffix, walk<Tree, order>, walk<StdMap, order>, walk<AbslBtree, order>);
+  benchmark::RegisterBenchmark(("store_memory_" + suffix).c_str(), memory<Tree, order>)
+      ->Arg(1'000'000)
+      ->Iterations(1);
+}
 
-COMPARE(insert, kAscending);
-COMPARE(insert, kRandom);
-COMPARE(search, kAscending);
-COMPARE(search, kRandom);
-COMPARE(walk, kAscending);
-COMPARE(walk, kRandom);
-FOR_ALL(remove, Tree);
-FOR_ALL(remove, StdMap);
-FOR_ALL(remove, AbslBtree);
-BENCHMARK_TEMPLATE(memory, Tree, Order::kAscending)->Arg(1'000'000)->Iterations(1);
-BENCHMARK_TEMPLATE(memory, Tree, Order::kRandom)->Arg(1'000'000)->Iterations(1);
+[[maybe_unused]] const bool added = [] {
+  add_groups<Order::kAscending>("ascending");
+  add_groups<Order::kRandom>("random");
+  return true;
+}();
 
 }  // namespace
 
-BENCHMARK_MAIN();
+}  // namespace es_acl_bench

@@ -18,18 +18,24 @@ void SeqIndex::drop_inners(void* node, unsigned level) noexcept {
 
 // --- Finding ---
 
-Leaf* SeqIndex::descend(uint32_t seq, Path* path) const noexcept {
+inline Leaf* SeqIndex::leaf_for(uint32_t seq) const noexcept {
   void* node = root_;
   for (unsigned depth = 0; depth != height_; ++depth) {
-    auto* inner = static_cast<Inner*>(node);
-    const uint32_t at = inner->child_of(seq);
-    if (path != nullptr) {
-      path->node[depth] = inner;
-      path->at[depth] = at;
-    }
-    node = inner->values[at];
+    const auto* inner = static_cast<Inner*>(node);
+    node = inner->values[inner->child_of(seq)];
   }
   return static_cast<Leaf*>(node);
+}
+
+SeqIndex::Path SeqIndex::path_to(uint32_t seq) const noexcept {
+  Path path;
+  void* node = root_;
+  for (unsigned depth = 0; depth != height_; ++depth) {
+    path.node[depth] = static_cast<Inner*>(node);
+    path.at[depth] = path.node[depth]->child_of(seq);
+    node = path.node[depth]->values[path.at[depth]];
+  }
+  return path;
 }
 
 es_acl_iter SeqIndex::word(const Place& place) noexcept {
@@ -48,10 +54,10 @@ Leaf* SeqIndex::hinted(es_acl_iter hint, uint32_t* pos) const noexcept {
 SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
   if (root_ == nullptr) return {};
   uint32_t near = 0;
-  Leaf* leaf = hinted(hint, &near);
+  Leaf* leaf = hint != nullptr ? hinted(hint, &near) : nullptr;
   if (leaf != nullptr && !leaf->spans(seq)) leaf = direction == ES_ACL_FORWARD ? leaf->next : leaf->prev;
   if (leaf == nullptr || !leaf->spans(seq)) {
-    leaf = descend(seq, nullptr);
+    leaf = leaf_for(seq);
     leaf->prefetch_values();
   } else {
     // The usual run asks for one number after the other, or for the same one again.
@@ -73,12 +79,12 @@ SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
   if (last_->count != 0 && last_->last_key() < seq) {
     leaf = last_;
   } else if (leaf == nullptr || !leaf->spans(seq)) {
-    leaf = descend(seq, nullptr);
+    leaf = leaf_for(seq);
   }
   const uint32_t pos = leaf->lower_bound(seq);
   const Place place{leaf, pos, pos < leaf->count && leaf->keys[pos] == seq};
   if (!place.found && leaf->full()) {
-    descend(seq, &path_);
+    path_ = path_to(seq);
     reserve(path_);
   }
   return place;
@@ -147,7 +153,7 @@ Leaf* SeqIndex::split(Leaf* leaf, bool append, uint32_t seq) noexcept {
 }
 
 // Enters a new node to the right of the one that the path ends in, and splits the full nodes above.
-void SeqIndex::add_child(Path& path, uint32_t key, void* child, bool append) noexcept {
+void SeqIndex::add_child(const Path& path, uint32_t key, void* child, bool append) noexcept {
   for (unsigned depth = height_; depth-- != 0;) {
     Inner* parent = path.node[depth];
     const uint32_t pos = path.at[depth] + 1;
@@ -190,17 +196,14 @@ void SeqIndex::drop_inner(Inner* inner) noexcept {
 SeqIndex::Place SeqIndex::erase(Place place, SlotPool& pool) noexcept {
   Leaf* leaf = place.leaf;
   const uint32_t seq = leaf->keys[place.pos];
-  Path path;
-  // The way to the leaf is found by its number, so before that is gone.
-  const bool repairs = height_ != 0 && leaf->count <= kFanout / 4;
-  if (repairs) descend(seq, &path);
   leaf->erase_at(place.pos);
-  if (repairs) repair(path, pool);
+  // The inner nodes still lead to where the number was.
+  if (height_ != 0 && leaf->scarce()) repair(path_to(seq), pool);
   return {leaf, place.pos, false};
 }
 
 // Goes up from the leaf that the path ends in, as long as nodes have too few children left.
-void SeqIndex::repair(Path& path, SlotPool& pool) noexcept {
+void SeqIndex::repair(const Path& path, SlotPool& pool) noexcept {
   for (unsigned depth = height_; depth-- != 0;) {
     Inner* parent = path.node[depth];
     const uint32_t at = path.at[depth];

@@ -83,7 +83,8 @@ class SeqIndex {
     std::array<uint32_t, kMaxHeight> at;
   };
 
-  Leaf* descend(uint32_t seq, Path* path) const noexcept;
+  Leaf* leaf_for(uint32_t seq) const noexcept;
+  Path path_to(uint32_t seq) const noexcept;
   Leaf* hinted(es_acl_iter hint, uint32_t* pos) const noexcept;
   void reserve(const Path& path);
   void reserve_leaf();
@@ -94,8 +95,8 @@ class SeqIndex {
   void drop_inner(Inner* inner) noexcept;
   void drop_inners(void* node, unsigned level) noexcept;
   Leaf* split(Leaf* leaf, bool append, uint32_t seq) noexcept;
-  void add_child(Path& path, uint32_t key, void* child, bool append) noexcept;
-  void repair(Path& path, SlotPool& pool) noexcept;
+  void add_child(const Path& path, uint32_t key, void* child, bool append) noexcept;
+  void repair(const Path& path, SlotPool& pool) noexcept;
   bool join_leaves(Inner* parent, uint32_t at, SlotPool& pool) noexcept;
   bool join_inners(Inner* parent, uint32_t at) noexcept;
   uint32_t rebuild_bounds(void* node, unsigned level) noexcept;
