@@ -25,6 +25,14 @@ struct Operation {
   uint64_t null_result;
 };
 
+// A refused record stays the caller's.
+es_acl_ace* offered = nullptr;
+uint32_t give_back_refused(uint32_t status) {
+  const Backstage backstage;
+  if (status != 0) es_acl_free_rules(offered);
+  return status;
+}
+
 uint64_t number(const void* pointer) { return reinterpret_cast<uint64_t>(pointer); }
 
 const Operation kOperations[] = {
@@ -53,16 +61,20 @@ const Operation kOperations[] = {
      {"I: Entering : es_acl_search_item_biter", "trace w", "E: es_acl_search_item_biter: Invalid arguments."},
      0},
     {"add_acl_item_common",
-     [](es_acl_head* acl) { return es_acl_add_acl_item_common(acl, make_ace(7), 7, 1, &position); },
+     [](es_acl_head* acl) {
+       return give_back_refused(es_acl_add_acl_item_common(acl, offered = make_ace(7), 7, 1, &position));
+     },
      {"pool_take(pool)", "I: Entering : es_acl_add_acl_item_common"},
      {"store.add_acl_item_iter(head:edge, 7, 1, position)"},
      {},
      [] { store().add_acl_item_iter.next(77); },
      {"pool_take(pool)", "I: Entering : es_acl_add_acl_item_common",
-      "E: es_acl_add_acl_item_common: ACL or ace is NULL", "trace w"},
+      "E: es_acl_add_acl_item_common: ACL or ace is NULL", "trace w", "pool_give(pool)"},
      22},
     {"add_acl_item",
-     [](es_acl_head* acl) { return es_acl_add_acl_item(acl, make_ace(7), 7, 0); },
+     [](es_acl_head* acl) {
+       return give_back_refused(es_acl_add_acl_item(acl, offered = make_ace(7), 7, 0));
+     },
      {"pool_take(pool)", "main[40]", "I: Entering : es_acl_add_acl_item",
       "I: Entering : es_acl_add_acl_item_common"},
      {"store.add_acl_item_iter(head:edge, 7, 0, null)"},
@@ -70,7 +82,7 @@ const Operation kOperations[] = {
      [] { store().add_acl_item_iter.next(77); },
      {"pool_take(pool)", "main[40]", "I: Entering : es_acl_add_acl_item",
       "I: Entering : es_acl_add_acl_item_common", "E: es_acl_add_acl_item_common: ACL or ace is NULL",
-      "trace w"},
+      "trace w", "pool_give(pool)"},
      22},
     {"delete_item_common",
      [](es_acl_head* acl) {
