@@ -131,12 +131,9 @@ void Background::signal(int number) const {
   if (pid_ > 0) kill(pid_, number);
 }
 
-int Background::wait(std::chrono::milliseconds deadline) {
-  int status = 0;
-  const bool ended = eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, deadline);
-  if (!ended) return -1;
-  pid_ = -1;
-  return code_of(status);
+void Background::stop() const {
+  signal(SIGSTOP);
+  waitpid(pid_, nullptr, WUNTRACED);
 }
 
 bool Background::running() {

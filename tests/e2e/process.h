@@ -42,8 +42,8 @@ class Background {
   Background& operator=(const Background&) = delete;
 
   void signal(int number) const;
-  // Waits for its end; the code as in Ended.
-  int wait(std::chrono::milliseconds deadline = kRunDeadline);
+  // Stops it, and returns when it stands still.
+  void stop() const;
   bool running();
 
  private:
