@@ -19,6 +19,8 @@ namespace es_acl::tool {
 
 namespace {
 
+evm* events;  // the process's, and never destroyed: the library uses it until the process ends
+
 constexpr char kDefaultStore[] = "libes_acl_tree.dll";
 
 std::string status_text(uint32_t status) {
@@ -100,10 +102,10 @@ BusDirectory bus_directory() {
 }
 
 std::optional<Problem> Client::start(const std::string& store) {
-  uint32_t status = evm_create(&events_);
+  uint32_t status = evm_create(&events);
   if (status != 0) return Problem{State::kFailed, status, "cannot initialise: " + status_text(status)};
   if (!store.empty()) status = es_acl_use_db_dll(store.c_str());
-  if (status == 0) status = es_acl_clib_init(events_);
+  if (status == 0) status = es_acl_clib_init(events);
   if (status != 0) return store_problem(store, status);
   return std::nullopt;
 }

@@ -14,8 +14,6 @@
 
 #include "es_acl/es_acl.h"
 
-struct evm;
-
 namespace es_acl::tool {
 
 enum class State {
@@ -76,7 +74,6 @@ class Client {
   std::optional<Problem> explain_empty(const std::string& name);
   uint32_t query_producer(const std::string& name) const;
 
-  evm* events_ = nullptr;         // never destroyed: the library uses it until the process ends
   bool producer_silent_ = false;  // it let a deadline pass: no further name waits for it
 };
 
