@@ -3,8 +3,8 @@
  *     cc $(pkg-config --cflags es_acl) first_client.c $(pkg-config --libs es_acl) -o first_client
  *     ./first_client edge-in
  *
- * The copy that is walked here stays current for as long as it is held: a process that keeps its handle sees the
- * producer's later changes in the next walk. */
+ * The copy that is walked here stays current for as long as it is held: a process that keeps its handle sees
+ * the producer's later changes in the next walk. */
 #include <inttypes.h>
 #include <stdio.h>
 

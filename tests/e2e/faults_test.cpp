@@ -124,7 +124,7 @@ TEST(Producer, FaultyOneIsFineWithoutItsFault) {
 
 TEST(Producer, StoppedOneCostsOneDeadlineHoweverManyNames) {
   World world;
-  constexpr milliseconds kDeadline{400};
+  constexpr milliseconds kDeadline{800};
   world.environment["ES_PCX_DEADLINE_MS"] = std::to_string(kDeadline.count());
   const auto producer = world.produce(json::array({one_entry("a")}));
   producer->stop();
