@@ -248,7 +248,7 @@ TEST_F(Read, AnswerOfTheWrongSizeIsNotUsed) {
 }
 
 TEST_F(Read, FullBatchThatDoesNotAdvanceEndsTheRead) {
-  platform().pcx_read.always(answer(ace_records({5, 9})));
+  platform().pcx_read.next(answer(ace_records({5, 9})), 5);
   EXPECT_EQ(read(), 22U);
   EXPECT_LE(reads().size(), 2U);
   EXPECT_EQ(strays(), 2) << "the two stored";
@@ -261,7 +261,7 @@ TEST_F(Read, FullBatchThatGoesBackEndsTheRead) {
 }
 
 TEST_F(Read, FullBatchOfNumberZeroDoesNotRepeat) {
-  platform().pcx_read.always(answer(ace_records({0, 0})));
+  platform().pcx_read.next(answer(ace_records({0, 0})), 5);
   EXPECT_EQ(read(), 22U);
   EXPECT_EQ(reads().size(), 1U);
 }
