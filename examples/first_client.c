@@ -1,10 +1,9 @@
 /* A first client: gets one ACL, walks it, gives it back.
  *
  *     cc $(pkg-config --cflags es_acl) first_client.c $(pkg-config --libs es_acl) -o first_client
- *     ./first_client edge-in
+ *     ./first_client edge-user-in
  *
- * The copy that is walked here stays current for as long as it is held: a process that keeps its handle sees
- * the producer's later changes in the next walk. */
+ * The copy that is walked stays for as long as its handle is held. */
 #include <inttypes.h>
 #include <stdio.h>
 

@@ -22,23 +22,21 @@
  * Conventions
  *
  *  1. Status: 32 bits unsigned, 0 for success (es_acl_status.h).
- *  2. An ACL handle is got, shared and counted: every get that yields it takes one reference,
- * es_acl_release() gives one back, and the last one removes the local copy. A handle may not be used after
- * its release.
+ *  2. An ACL handle is got, shared and counted: every get that yields it takes one reference, es_acl_release()
+ *     gives one back, and the last one removes the local copy. A handle may not be used after its release.
  *  3. Names are zero-terminated, at most 64 characters of [-_.:a-z0-9A-Z], the first a letter or digit.
  *  4. Sequence numbers are unsigned 32-bit and unique within an ACL; lists are in ascending order of them.
  *  5. Threads: initialise once, before anything else, on one thread. Afterwards any thread may call any
- * operation. Operations on one ACL's list are serialised by its lock, one store call at a time; different
- * ACLs do not wait for each other. Getting and releasing the same ACL is to be serialised by the client.
- *  6. The producer's changes arrive on the bus's delivery thread and are applied there: two calls may see two
- * states.
+ *     operation. Operations on one ACL's list are serialised by its lock, one store call at a time; different
+ *     ACLs do not wait for each other. Getting and releasing the same ACL is to be serialised by the client.
+ *  6. What the producer pushes arrives on the bus's delivery thread. This release logs it there and leaves the
+ *     local copies as they were fetched.
  *  7. No exception leaves the library; where memory runs out the status is 12.
- *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says
- * otherwise.
+ *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
  *  9. Nothing is ever torn down: there is no shutdown operation.
- * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline, and
- * what fails for a passing reason is tried four times, a second apart. Nothing else here blocks but for an
- * ACL's lock.
+ * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline, and what
+ *     fails for a passing reason is tried four times, a second apart. Nothing else here blocks but for an ACL's
+ *     lock.
  * 11. What an operation prints and traces is described in docs/diagnostics.md. */
 #ifndef ES_ACL_H_
 #define ES_ACL_H_
