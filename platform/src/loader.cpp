@@ -14,8 +14,12 @@ namespace {
 
 thread_local char last_error[512] = "no error";
 
+// The system's own words mostly name the file and the symbol already, but not when it is a library that the
+// file needs that cannot be had.
 void set_error(const char* what, const char* why) {
-  std::snprintf(last_error, sizeof last_error, "%s: %s", what, why != nullptr ? why : "unknown error");
+  if (why == nullptr) why = "unknown error";
+  const bool named = std::strstr(why, what) != nullptr;
+  std::snprintf(last_error, sizeof last_error, "%s%s%s", named ? "" : what, named ? "" : ": ", why);
 }
 
 // Writes the path of `name` beside this library's file; false when that cannot be told or is no file.
