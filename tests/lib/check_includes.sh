@@ -1,51 +1,26 @@
 #!/bin/sh
 # Which part of the tree may include which headers. Usage: check_includes.sh ROOT
 #
-# A quoted or bracketed include is the project's when it begins with es_acl/ or es_platform/, local when it is quoted
-# otherwise, and the system's when it is bracketed otherwise. Local headers must stand in the including part itself.
+# A header of the project begins with es_acl/ or es_platform/ in quotes or brackets. Any other quoted one is local and
+# stands in the including part itself; any other bracketed one is the system's or a package's.
 set -eu
 cd "$1"
 bad=0
 
-complain() {
-  echo "$1: $2" >&2
-  bad=1
+includes() {
+  grep -rnE --include='*.h' --include='*.c' --include='*.cpp' '^[[:space:]]*#[[:space:]]*include' "$@"
 }
 
-# check DIRECTORY PATTERN: the sources below DIRECTORY include only project headers that match the extended PATTERN.
+# check DIRECTORY PATTERN: the sources below DIRECTORY include only project headers that match PATTERN.
 check() {
-  [ -d "$1" ] || return 0
-  grep -rnoE --include='*.h' --include='*.hpp' --include='*.c' --include='*.cpp' --include='*.cc' \
-    '^[[:space:]]*#[[:space:]]*include[[:space:]]*["<][^">]+[">]' "$1" >"$found" || true
-  while IFS= read -r line; do
-    place=${line%%:[[:space:]#]*}
-    header=$(printf '%s' "$line" | sed -E 's/.*include[[:space:]]*["<]([^">]+)[">]$/\1/')
-    case $header in
-      es_acl/* | es_platform/*)
-        printf '%s' "$header" | grep -qxE "$2" || complain "$place" "$1 may not see $header"
-        ;;
-      *..*) complain "$place" "$header leaves its directory" ;;
-      *)
-        case $line in
-          *\") [ -n "$(find "$1" -path "*/$header" | head -n 1)" ] ||
-            complain "$place" "$header is not a header of $1" ;;
-        esac
-        ;;
-    esac
-  done <"$found"
-}
-
-# Nothing but the language's library and the host below these: no header of a package.
-check_host_only() {
-  [ -d "$1" ] || return 0
-  if grep -rnE --include='*.h' --include='*.cpp' '^[[:space:]]*#[[:space:]]*include[[:space:]]*<[^>]+/' "$1" |
-    grep -vE '<(sys|linux|net|netinet|arpa|sanitizer)/' >&2; then
+  local_headers=$(find "$1" -name '*.h' -printf '%f|')
+  if includes "$1" |
+    grep -vP "include\s*([\"<]($2)[\">]|\"([a-z_]+/)*(${local_headers}none)\"|<(?!es_acl/|es_platform/|.*\.\.)[^>]+>)" >&2; then
+    echo "$1 may not include the headers above" >&2
     bad=1
   fi
 }
 
-found=$(mktemp)
-trap 'rm -f "$found"' EXIT
 check include 'es_acl/[a-z_]+\.h'
 check lib/src '(es_acl|es_platform)/[a-z_]+\.h'
 check platform/include 'es_platform/[a-z_]+\.h'
@@ -54,5 +29,11 @@ check store 'es_acl/[a-z_]+\.h'
 check producer 'es_acl/es_acl_(wire|types|export)\.h|es_platform/[a-z_]+\.h'
 check tools '(es_acl|es_platform)/[a-z_]+\.h'
 check examples '(es_acl|es_platform)/[a-z_]+\.h'
-for part in include lib/src platform/include platform/src store; do check_host_only "$part"; done
+
+# Nothing but the language's library and the host below these: no header of a package.
+if includes include lib/src platform/include platform/src store | grep -E '<[^>]+/' |
+  grep -vE '<(sys|linux|net|netinet|arpa|sanitizer)/' >&2; then
+  echo "the headers above are none of the host's" >&2
+  bad=1
+fi
 exit "$bad"
