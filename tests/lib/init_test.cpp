@@ -159,6 +159,7 @@ TEST_F(InitTest, WrappingTraceBufferFailsAndBothAreClosed) {
 
 TEST_F(InitTest, ReopenedTraceBufferFailsAndBothAreClosed) {
   initialise_owner();
+  platform().acl_rlog_init.next(open_trace_buffer);
   platform().acl_rlog_init.next(28);
   EXPECT_EQ(es_acl_db_owner_clib_init(ctx()), 28U);
   clear_log();

@@ -72,6 +72,7 @@ es_acl_head* make_head(const char* name) {
   head.name = list->name.c_str();
   head.refcount = 1;
   head.ace_end = &list->end;
+  list->end.words[ES_ACL_ELEMENT_ACE_WORD] = &list->end;  // no ACE: who follows it has walked too far
   pthread_mutex_init(&head.lock, store().lock_type);
   relink(list.get());
   name_head(list.get());
