@@ -1,66 +1,49 @@
+// What the store takes from outside: the clock, the rules pool, which is the library's, and memory. The test
+// programs are linked with --wrap for the calls that it allocates by.
 #include "fixture.h"
 
-#include <atomic>
 #include <cstdlib>
+#include <new>
 
 #include "clock.h"
 
-namespace {
+using store_test::allocations, store_test::failing;
 
-std::atomic<int64_t> out{0};
-std::atomic<uint64_t> clock_ms{1000};
+uint64_t es_tree::now_ms() noexcept { return store_test::clock_ms; }
 
-}  // namespace
-
-// The library's part of the bargain.
 void es_acl_free_rules(es_acl_ace* rules) {
   std::free(rules);
-  --out;
+  --store_test::records_out;
 }
 
-namespace es_tree {
-
-uint64_t now_ms() noexcept { return clock_ms; }
-
-}  // namespace es_tree
-
-extern "C" void es_acl_api_init_funcs(es_acl_api_table* apis);
-
-namespace store_test {
-
-es_acl_ace* offer(uint32_t seq, uint32_t tag) {
+es_acl_ace* store_test::offer(uint32_t seq, uint32_t tag) {
   auto* ace = static_cast<es_acl_ace*>(std::calloc(1, sizeof(es_acl_ace)));
   ace->seq = seq;
   ace->capture = tag;
-  ++out;
+  ++records_out;
   return ace;
 }
 
-int64_t records_out() { return out; }
+extern "C" {
+void* __real_aligned_alloc(size_t alignment, size_t size);
+void* __real__Znwm(size_t size);
+void* __real__ZnwmSt11align_val_t(size_t size, std::align_val_t alignment);
 
-void advance_clock_ms(uint64_t ms) { clock_ms += ms; }
+void* __wrap_aligned_alloc(size_t alignment, size_t size) {
+  return allocations++ == failing ? nullptr : __real_aligned_alloc(alignment, size);
+}
+void* __wrap__Znwm(size_t size) {
+  return allocations++ == failing ? throw std::bad_alloc() : __real__Znwm(size);
+}
+void* __wrap__ZnwmSt11align_val_t(size_t size, std::align_val_t alignment) {
+  return allocations++ == failing ? throw std::bad_alloc() : __real__ZnwmSt11align_val_t(size, alignment);
+}
 
-const es_acl_api_table& api() {
-  static const es_acl_api_table table = [] {
-    es_acl_api_table apis{};
-    es_acl_api_init_funcs(&apis);
-    return apis;
-  }();
+void es_acl_api_init_funcs(es_acl_api_table* apis);
+}
+
+const es_acl_api_table& store_test::api() {
+  static es_acl_api_table table{};
+  if (table.init == nullptr) es_acl_api_init_funcs(&table);
   return table;
 }
-
-std::vector<uint32_t> AclTest::walk() const {
-  std::vector<uint32_t> seqs;
-  const auto* sentinel = reinterpret_cast<const es_acl_ace_node*>(&acl->ace_first);
-  const es_acl_ace_node* before = sentinel;
-  es_acl_ace_node* node = first_of(acl);
-  for (; !is_end(acl, node); before = node, node = next_of(node)) {
-    EXPECT_EQ(node->aux, before);
-    seqs.push_back(seq_of(ace_of(node)));
-  }
-  EXPECT_EQ(acl->ace_count, seqs.size());
-  EXPECT_EQ(node, sentinel) << "a walk ends at the sentinel";
-  return seqs;
-}
-
-}  // namespace store_test
