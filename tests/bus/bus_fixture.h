@@ -1,5 +1,5 @@
-// What the bus's tests share: a directory of their own, producers here and in child processes, consumers that
-// write down what reaches them. Everything goes through the public headers.
+// What the bus's tests share: a class of their own, producers here and in child processes, consumers that write
+// down what reaches them. Everything goes through the public headers.
 #ifndef TESTS_BUS_BUS_FIXTURE_H_
 #define TESTS_BUS_BUS_FIXTURE_H_
 
@@ -7,7 +7,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -20,17 +19,18 @@
 namespace bus_test {
 
 constexpr uint32_t kWrite = 6, kSync = 18;
-constexpr uint32_t kDeadlineMs = 1000;  // of the tests' process; short, since some tests wait for it to pass
+constexpr uint32_t kDeadlineMs = 1000;  // of the tests' process; short, since one test waits for it to pass
 
 // Waits for a condition, for at most ten seconds.
 bool eventually(const std::function<bool()>& condition);
 uint64_t now_ms();
-size_t open_descriptors();
 
 // A class name no other test uses.
 std::string fresh_class();
 std::string bus_directory();
 uint32_t class_handle(const std::string& class_name);
+// The bus address of a published name; null when it has none.
+void* address(const std::string& class_name, const std::string& name);
 
 // What a consumer's handler was given. Handlers get the recorder as their context.
 class Recorder {
@@ -39,10 +39,9 @@ class Recorder {
                      uint32_t* response_length);
   uint64_t context() { return reinterpret_cast<uint64_t>(this); }
   std::vector<std::string> messages();
-  size_t count() { return messages().size(); }
-  // Runs in the handler, before the message is written down; may be empty.
-  std::function<void(uint32_t mtype, const std::string& message)> during;
-  std::string response;  // to synchronous requests; empty: none
+  bool has(size_t count);
+  std::function<void()> during;  // runs in the handler, before the message is written down; may be empty
+  std::string response;          // to synchronous requests; empty: none
 
  private:
   std::mutex mutex_;
@@ -50,7 +49,7 @@ class Recorder {
 };
 
 // A producer in this process. Request "echo X" is answered with X, "fill N C" with N times C, "fail N"
-// refused with N.
+// refused with N. The log begins anew with each producer.
 class Producer {
  public:
   explicit Producer(const std::string& class_name, uint64_t queue_limit = 0);
@@ -59,16 +58,14 @@ class Producer {
   uint32_t status() const { return status_; }
   uint32_t push(const std::string& name, const std::string& message);
   bool has_consumers(const std::string& name, uint32_t count);
+  static std::vector<std::string> take_log();
 
   std::atomic<int> gone{0};
   std::function<void(const pcx_peer&, const std::string&)> on_read;
 
+ private:
   static uint32_t read(void* user, const pcx_peer* peer, void* request, uint32_t request_length, void* answer,
                        uint32_t capacity, uint32_t* answer_length);
-  static std::vector<std::string> log_lines();
-  static void clear_log();
-
- private:
   pcx_producer* handle_ = nullptr;
   uint32_t status_;
 };
@@ -80,11 +77,11 @@ struct Registration {
   void* handle = nullptr;
 };
 
-// A child process that runs `body` and is killed with the object. It starts from this program's image anew,
-// since a bus in use does not survive a fork: `role` picks its body from child_roles().
+// A child process, killed with the object: "serve" publishes the name "n"; a consumer of that name does "hang"
+// or "die" when a message comes.
 class Child {
  public:
-  Child(const std::string& role, const std::string& class_name, const std::string& argument = "");
+  Child(const std::string& what, const std::string& class_name);
   ~Child() { kill_now(); }
   void kill_now();
   pid_t pid() const { return pid_; }
@@ -101,8 +98,10 @@ struct Read {
 };
 Read read(void* handle, const std::string& request, uint32_t capacity = 1000);
 
-// The bus address of a published name; null when it has none.
-void* address(const std::string& class_name, const std::string& name);
+struct Bus : testing::Test {
+  const std::string name = fresh_class();
+  Recorder recorder;
+};
 
 }  // namespace bus_test
 
