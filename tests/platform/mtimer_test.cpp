@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <limits>
@@ -114,41 +113,17 @@ TEST_F(Mtimer, AStoppedOrRestartedLeafIsNotExpired) {
   EXPECT_EQ(after(second), "b");
 }
 
-TEST_F(Mtimer, AHandlerMayStartItsLeafAgain) {
-  mtimer_leaf* one = leaf(&a);
+TEST_F(Mtimer, AHandlerMayStartItsLeafAgainOrFreeIt) {
+  mtimer_leaf *again = leaf(&a), *once = leaf(&b), *freed = leaf(&c), *far = leaf(&c);
   timers.serve = [&](mtimer_leaf* expired) {
-    served += 'x';
-    mtimer_leaf_start(expired, second);
+    served += *static_cast<char*>(mtimer_leaf_get_context(expired));
+    expired == again ? mtimer_leaf_start(again, second) : mtimer_leaf_free(expired);
   };
-  mtimer_leaf_start(one, second);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(after(second), "x");
-}
-
-TEST_F(Mtimer, FreedLeavesAndFarOnesNeverExpire) {
-  mtimer_leaf *freed = leaf(&a), *far = leaf(&b);
-  mtimer_leaf_start(freed, second);
+  for (mtimer_leaf* one : {again, once, freed}) mtimer_leaf_start(one, second);
   mtimer_leaf_start(far, std::numeric_limits<uint64_t>::max());
   mtimer_leaf_free(freed);
-  mtimer_leaf_free(nullptr);
-  EXPECT_EQ(after(3600 * second), "");
-}
-
-TEST_F(Mtimer, AHandlerMayFreeItsLeaf) {
-  mtimer_leaf* one = leaf(&a);
-  timers.serve = [&](mtimer_leaf* expired) {
-    served += 'f';
-    mtimer_leaf_free(expired);
-  };
-  mtimer_leaf_start(one, second);
-  EXPECT_EQ(after(second), "f");
-}
-
-TEST_F(Mtimer, RefusesBadArguments) {
-  EXPECT_EQ(mtimer_tree_new(nullptr, 0), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  errno = 0;
-  EXPECT_EQ(mtimer_leaf_new(nullptr, 0, 0, nullptr), nullptr);
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(after(second), "ab");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(after(second), "a");
 }
 
 // The freeing thread must see the end of the service of its leaf, and must not wait for that of the next one.
@@ -180,7 +155,7 @@ TEST_F(Mtimer, FreeWaitsForTheServiceOfThatLeafOnly) {
 // Leaves die while they expire: the context of a freed leaf is gone at once, and the sanitizers watch who
 // still uses it.
 TEST(MtimerRace, NobodyUsesAFreedLeafsContext) {
-  constexpr int kRounds = 3000;
+  constexpr int kRounds = 1000;
   tree_fixture timers;
   std::atomic<uint64_t> uses{0};
   timers.serve = [&](mtimer_leaf* leaf) { uses += *static_cast<int*>(mtimer_leaf_get_context(leaf)); };
@@ -192,7 +167,7 @@ TEST(MtimerRace, NobodyUsesAFreedLeafsContext) {
       mtimer_leaf* leaf = mtimer_leaf_new(timers.tree, 0, 0, context.get());
       mtimer_leaf_start(leaf, random() % 20000);
       if (random() % 4 == 0) mtimer_leaf_start(leaf, 0);
-      for (unsigned spin = random() % 200; spin > 0; --spin) std::this_thread::yield();
+      for (unsigned spin = random() % 20; spin > 0; --spin) std::this_thread::yield();
       mtimer_leaf_free(leaf);
     }
   };

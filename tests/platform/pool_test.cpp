@@ -55,15 +55,6 @@ TEST(Pool, WhatWasGivenIsTakenAgainBeforeThePoolGrows) {
   EXPECT_EQ(first, second);
 }
 
-TEST(Pool, RefusesWhatCannotBe) {
-  EXPECT_EQ(pool_create("x", 0, 100, 0, 0, 0), nullptr);
-  EXPECT_EQ(pool_create("x", 80, 0, 0, 0, 0), nullptr);
-  EXPECT_EQ(pool_take(nullptr), nullptr);
-  const owned_pool from = make(80, 1);
-  pool_give(from.get(), nullptr);
-  EXPECT_EQ(pool_in_use(from.get()), 0u);
-}
-
 #if defined(__SANITIZE_ADDRESS__)
 TEST(Pool, AFreeElementIsPoisoned) {
   const owned_pool from = make(80, 10);
