@@ -126,19 +126,6 @@ TEST(Configuration, EveryEtherTypeNameHasItsNumber) {
   EXPECT_FALSE(name.empty());
 }
 
-TEST(Configuration, ExamplesLoad) {
-  const std::tuple<const char*, size_t, size_t, size_t> table[] = {{"campus-edge.json", 3, 22, 6},
-                                                                   {"q-in-q.xml", 2, 11, 3},
-                                                                   {"datacenter.json", 4, 16, 3},
-                                                                   {"large.json", 1, 10000, 100}};
-  for (const auto& [file, acls, aces, remarks] : table) {
-    const auto database = YangModel().load(std::string(ES_ACL_EXAMPLES_DIR "/") + file);
-    EXPECT_EQ(std::tuple(database->acls().size(), database->ace_count(), database->remark_count()),
-              std::tuple(acls, aces, remarks))
-        << file;
-  }
-}
-
 // The text of the page's first block of that kind.
 std::string fenced(const std::string& page, const std::string& kind) {
   const std::string fence = "```" + kind + "\n";

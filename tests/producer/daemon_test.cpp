@@ -14,7 +14,8 @@
 
 namespace es_acl::producer {
 
-const std::string kGood = "--config " ES_ACL_EXAMPLES_DIR "/q-in-q.xml ";
+const std::string kExample = "--config " ES_ACL_EXAMPLES_DIR "/";
+const std::string kGood = kExample + "q-in-q.xml ";
 
 // Runs the program; what it writes to standard output and error is one text.
 class Program {
@@ -49,12 +50,14 @@ TEST(Daemon, ServesAConsumerUntilItIsEnded) {
   Program("--help").expect_end(0, "Exit codes");
   Program("--print-yang").expect_end(0, "module es-acl {");
   Program(kGood + "--check").expect_end(0, "ok: 2 ACLs, 11 entries, 3 of them remarks");
+  Program(kExample + "campus-edge.json --check").expect_end(0, "ok: 3 ACLs, 22 entries, 6 of them remarks");
+  Program(kExample + "datacenter.json --check").expect_end(0, "ok: 4 ACLs, 16 entries, 3 of them remarks");
   Program("--config " + bad).expect_end(2, "bad.json:2: ");
   Program(kGood + "--ready-file " + files.path("no/such/directory")).expect_end(4, "--ready-file");
   Program(kGood + "--ready-fd 77").expect_end(4, "--ready-fd 77");
 
   const std::string ready_file = files.path("ready");
-  Program producer("--ready-fd 1 --config " ES_ACL_EXAMPLES_DIR "/large.json --ready-file " + ready_file);
+  Program producer(kExample + "large.json --ready-fd 1 --ready-file " + ready_file);
   ASSERT_EQ(producer.line(), "ready\n");
   pid_t pid = 0;
   std::ifstream(ready_file) >> pid;

@@ -13,7 +13,7 @@ constexpr uint32_t kMax = UINT32_MAX;
 
 // --- Names and heads ---
 
-TEST_F(AclTest, AHeadIsFindableOnceAndUntilItIsReleased) {
+TEST_F(AclTest, AHeadIsFindableOnceAndUntilItIsDiscarded) {
   const auto* root = static_cast<es_acl_tree_root*>(api().get_db_pointer(0, 0, 0, 0, 0, 0));
   EXPECT_STREQ(acl->name, "acl-1");
   EXPECT_EQ(acl->refcount, 1);
@@ -21,16 +21,11 @@ TEST_F(AclTest, AHeadIsFindableOnceAndUntilItIsReleased) {
   EXPECT_EQ(api().init(nullptr), 0u) << "once more, and nothing is lost";
   EXPECT_EQ(api().acl_lookup("acl-1"), acl);
   EXPECT_EQ(root->acl_count, 1u);
-  api().acl_release("acl-1");
-  EXPECT_EQ(root->acl_count, 0u);
-  EXPECT_EQ(api().acl_lookup("acl-1"), nullptr);
-}
-
-TEST_F(AclTest, FreelistDiscardsAndCounts) {
   fill(3);
   uint32_t discarded = 99;
   api().freelist(acl, &discarded);
   EXPECT_EQ(discarded, 3u);
+  EXPECT_EQ(root->acl_count, 0u);
   EXPECT_EQ(api().acl_lookup("acl-1"), nullptr);
 }
 
@@ -44,6 +39,7 @@ TEST(Names, LongestAndThoseThatCannotBe) {
   const std::string longest(64, 'a');
   EXPECT_NE(api().get_header(longest.c_str()), nullptr);
   api().acl_release(longest.c_str());
+  EXPECT_EQ(api().acl_lookup(longest.c_str()), nullptr);
 }
 
 // --- Entries ---
@@ -101,7 +97,6 @@ TEST_F(AclTest, RenumberingGivesAllTheirNumbersOrChangesNothing) {
       {100, 5, {110, 100, 105, 105, 7}, {115, 120, 125}},  // in no order, twice, below the start
       {100, 5, {101, 120}, {100, 105, 110}},               // on no new number, behind the last
       {kMax - 2, 1, {}, {kMax - 2, kMax - 1, kMax}},
-      {kMax - 3, 1, {kMax - 3}, {kMax - 2, kMax - 1, kMax}},
       {kMax - 1, 1, {}, {}},
       {kMax - 2, 1, {kMax}, {}},
       {1, kMax, {}, {}},
@@ -161,7 +156,6 @@ const struct {
     {ES_ACL_MATCH_VLAN, [](Frame& frame) { frame.vlan = 200; }, true},
     {ES_ACL_MATCH_VLAN, [](Frame& frame) { frame.vlan = 201; }, false},
     {ES_ACL_MATCH_IVLAN, [](Frame& frame) { frame.ivlan = 299; }, false},
-    {ES_ACL_MATCH_IVLAN, [](Frame& frame) { frame.ivlan = 400; }, true},
     {ES_ACL_MATCH_IVLAN, [](Frame& frame) { frame.ivlan = 401; }, false},
     {ES_ACL_MATCH_ETH_TYPE, [](Frame& frame) { frame.eth_type = 0x86dd; }, false},
     {ES_ACL_MATCH_COS, [](Frame& frame) { frame.cos = 5; }, false},
