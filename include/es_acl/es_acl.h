@@ -1,4 +1,4 @@
-/* es-acl: local, current copies of Layer-2 access control lists. Start here.
+/* es-acl: local copies of Layer-2 access control lists. Start here.
  *
  *     evm* events;
  *     evm_create(&events);                                   // es_platform/evm.h
@@ -28,15 +28,18 @@
  *  4. Sequence numbers are unsigned 32-bit and unique within an ACL; lists are in ascending order of them.
  *  5. Threads: initialise once, before anything else, on one thread. Afterwards any thread may call any
  *     operation. Operations on one ACL's list are serialised by its lock, one store call at a time; different
- *     ACLs do not wait for each other. Getting and releasing the same ACL is to be serialised by the client.
+ *     ACLs do not wait for each other. Getting and releasing the same ACL is to be serialised by the client, and
+ *     its last release may not run beside any operation that names it or uses its handle: a lookup, a count, a
+ *     snapshot or a traversal takes no reference (and may show an ACL that another thread's get still fills).
  *  6. What the producer pushes arrives on the bus's delivery thread. This release logs it there and leaves the
  *     local copies as they were fetched.
  *  7. No exception leaves the library; where memory runs out the status is 12.
  *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
  *  9. Nothing is ever torn down: there is no shutdown operation.
- * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline, and what
- *     fails for a passing reason is tried four times, a second apart. Nothing else here blocks but for an ACL's
- *     lock.
+ * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline; what fails
+ *     for a passing reason is tried four times, a second's sleep after each, so that a name may take four deadlines
+ *     and four seconds for each of its exchanges. The initialisation may sleep four seconds. A release waits for a
+ *     message of the ACL that is just being handled. Nothing else here blocks but for an ACL's lock.
  * 11. What an operation prints and traces is described in docs/diagnostics.md. */
 #ifndef ES_ACL_H_
 #define ES_ACL_H_
@@ -51,10 +54,6 @@
 struct acl_client_relay_entry; /* es_platform/process.h */
 struct debug_category;         /* es_platform/diag.h */
 struct rlog_ctx;               /* es_platform/diag.h */
-
-/* A visitor of es_acl_traverse_list(), of the type that the store defines (es_acl_visitor in es_acl_store.h).
- */
-typedef uint32_t (*es_acl_traverse_fn)(es_acl_head* acl, const es_acl_ace* ace, va_list* args);
 
 ES_ACL_BEGIN_DECLS
 
@@ -71,7 +70,7 @@ ES_ACL_API es_acl_status es_acl_db_owner_clib_init(void* ctx);
 
 /* --- Names. Any thread, once initialised. --- */
 
-/* 0 when `name` can be an ACL's name, else ES_ACL_E_NAME (also for null). */
+/* 0 when `name` can be an ACL's name, else ES_ACL_E_NAME (also for null); 12 when memory is too short to tell. */
 ES_ACL_API es_acl_status es_acl_check_acl_name(const char* name);
 /* 1 when `name` is one of the words that cannot name an ACL: standby, maximum, summary, trace, usage. */
 ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
@@ -82,12 +81,13 @@ ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
  * from the producer.
  *
  *   names    names->entries[i] is a `const char*`
- *   handles  entries is the caller's array of at least names->count slots; count is set, every slot is
- * written: the handle, or null results  results[i] is name i's status
+ *   handles  entries is the caller's array of at least names->count slots; count is set and every slot is written:
+ *            the handle, or null
+ *   results  results[i] is name i's status; may be null
  *
- * Without a producer a valid name yields a handle to an empty ACL, which is filled by nothing but later
- * pushes. Returns the status of the last name processed: look at `results` and the handles. es_acl_get_acl()
- * refuses a null list with 22; es_acl_getlist_acl() does not check its pointers.
+ * Without a producer a valid name yields a handle to an empty ACL. It stays empty, and later gets share it: release it
+ * and get it again when there is a producer. Returns the status of the last name processed: look at `results` and the
+ * handles. es_acl_get_acl() refuses a null list with 22; es_acl_getlist_acl() does not check its pointers.
  *
  * check_count non-zero: the producer is asked for the ACL's size first, and a name without ACEs yields a null
  * handle and leaves its results entry unwritten. */
@@ -96,10 +96,10 @@ ES_ACL_API es_acl_status es_acl_get_acl(const es_acl_handle_list* names, es_acl_
 ES_ACL_API es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
                                             uint32_t* results, uint32_t check_count);
 
-/* The number of ACEs of an ACL, remarks included, and of its remarks. An ACL held locally with ACEs is
- * answered without the producer, and then *num_remark_aces is not written. A name that nobody registered has
- * 0 ACEs (status 0; *num_remark_aces is not written). On failure *num_aces is 0, or unwritten for a null name
- * (22). */
+/* The number of ACEs of an ACL, remarks included, and of its remarks. Initialise both: *num_remark_aces is written only
+ * when the answer comes from the producer, not for an ACL held locally with ACEs, nor for a name that nobody registered
+ * (which has 0 ACEs, status 0). On failure *num_aces is 0. 22: null arguments, which leave both unwritten, or an answer
+ * of a wrong size. */
 ES_ACL_API es_acl_status es_acl_get_ace_count(const char* name, uint32_t* num_aces,
                                               uint32_t* num_remark_aces);
 
@@ -108,14 +108,13 @@ ES_ACL_API void es_acl_release(const es_acl_handle_list* handles);
 
 /* --- Walking. No lock, no call into the store; any thread that holds the handle. ---
  *
- * A walk may run while the producer's changes are applied: each step sees the list as it then is. A node
- * removed meanwhile keeps its links and its ACE for a grace time (see the store); memory stays valid as long
- * as the handle. */
+ * A walk may run while this process changes the list: each step sees the list as it then is. A node removed meanwhile
+ * keeps its links and its ACE for a grace time (docs/store.md); a walk that stands on it longer may find another ACE of
+ * the same ACL there, but always valid memory, as long as the handle is held. */
 
 /* First node, or null for an empty list. */
 ES_ACL_API es_acl_ace_node* es_get_first_ace(es_acl_head* acl);
-/* The node after `node`; after the last, a node that es_get_ace_data() and this operation answer with null.
- */
+/* The node after `node`; after the last, a node that es_get_ace_data() and this operation answer with null. */
 ES_ACL_API es_acl_ace_node* es_get_next_ace(es_acl_head* acl, es_acl_ace_node* node);
 /* The node's ACE, or null past the end. */
 ES_ACL_API es_acl_ace* es_get_ace_data(es_acl_head* acl, es_acl_ace_node* node);
@@ -124,17 +123,16 @@ ES_ACL_API const char* es_acl_get_acl_name(es_acl_head* acl);
 
 /* --- Looking up and searching. Any thread. --- */
 
-/* The ACL of that name if this process holds it, else null. Takes no reference. */
+/* The ACL of that name if this process holds it, else null (also for a null name). Takes no reference: see 5. */
 ES_ACL_API es_acl_head* es_acl_lookup(const char* name);
 
 /* A copy of the head record (include es_acl_store.h for its fields), without its list, registries and timer.
- * Taken without a lock. 2: not held. */
+ * Taken without a lock and without a reference: see 5. 2: not held. 22: held, but `out` is null. */
 ES_ACL_API es_acl_status es_acl_lookup_read(const char* name, es_acl_head* out);
 
 /* Calls the visitor for each ACE in order, under the ACL's lock, with the further arguments. `flags` must be
  * 0. ES_ACL_E_INVALID, ES_ACL_E_NOT_FOUND. */
-ES_ACL_API es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_traverse_fn visitor,
-                                              ...);
+ES_ACL_API es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_visitor visitor, ...);
 
 /* The ACE with that sequence number, or null. With a position, a run of nearby searches is quick. */
 ES_ACL_API es_acl_ace* es_acl_search_item(es_acl_head* acl, uint32_t seq);
@@ -143,8 +141,8 @@ ES_ACL_API es_acl_ace* es_acl_search_item_biter(es_acl_head* acl, uint32_t seq, 
 
 /* First match of a frame, in sequence order. With the store that comes with the library:
  *   key      an es_acl_match_key
- *   value64  0, or the address of an es_acl_match_hit that is written when the result is not
- * ES_ACL_MATCH_NONE result   ES_ACL_MATCH_*; 0 also for null arguments */
+ *   value64  0, or the address of an es_acl_match_hit, written when there is a match
+ *   result   ES_ACL_MATCH_*; 0 also for null arguments */
 ES_ACL_API uint32_t es_acl_match_complex(es_acl_head* acl, const void* key, uint32_t value32,
                                          uint64_t value64);
 
@@ -154,7 +152,8 @@ ES_ACL_API uint32_t es_acl_match_complex(es_acl_head* acl, const void* key, uint
 ES_ACL_API uint32_t es_acl_match_complex_2(es_acl_head* acl, const void* key, uint32_t value32,
                                            uint64_t value64);
 
-/* How replaced ACEs are reported, ES_ACL_MODIFY_*. Set it during configuration. */
+/* How pushed ACEs that replace others are to be reported, ES_ACL_MODIFY_*. Set it during configuration. Kept for when
+ * pushes are applied: this release only stores it. */
 ES_ACL_API void es_acl_set_modify_mode(uint32_t mode);
 ES_ACL_API uint32_t es_acl_get_modify_mode(void);
 
@@ -176,8 +175,8 @@ ES_ACL_API extern struct acl_client_relay_entry* acl_client_relay_hdl;
 ES_ACL_API extern struct acl_client_relay_entry* acl_client_err_relay_hdl;
 ES_ACL_API extern void* acl_client_relay_hist_hdl;
 ES_ACL_API extern void* es_acl_cb_timer_tree; /* timers of the deferred notifications */
-ES_ACL_API extern uint32_t
-    es_acl_lib_timer_type; /* belongs to the timer interface; the library does not use it */
+/* Belongs to the timer interface; the library does not use it. */
+ES_ACL_API extern uint32_t es_acl_lib_timer_type;
 
 ES_ACL_END_DECLS
 

@@ -4,10 +4,12 @@
  *   - a plain POSIX errno value (2, 12, 22, ...), its Linux number;
  *   - one of the library's own codes below;
  *   - a code of the platform services (bus, name service), passed through unchanged.
- * A code whose top three bits are binary 100 is transient: the library itself has already retried it.
+ * A code whose top three bits are binary 100 is transient: it may pass. Class creation, the registration of a name and
+ * the read of an ACL have retried it already when they return it.
  * errcode_string() of the platform (es_platform/diag.h) gives the text of all three.
  *
- * This list is the only place where a code's name, value and text stand. */
+ * This list is the only place where a code's name, value and text stand. In C the names are objects, not constant
+ * expressions: compare with `if`, they cannot label a `case`. */
 #ifndef ES_ACL_STATUS_H_
 #define ES_ACL_STATUS_H_
 

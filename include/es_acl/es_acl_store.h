@@ -74,10 +74,6 @@ ES_ACL_STATIC_ASSERT(offsetof(es_acl_head, ace_end) - offsetof(es_acl_head, ace_
                          offsetof(es_acl_ace_node, element),
                      "the sentinel has the shape of a node");
 
-/* Called for each entry of a traversal, in list order, with a fresh copy of the caller's further arguments.
- * A non-zero result ends the traversal. The ACL's lock is held. */
-typedef uint32_t (*es_acl_visitor)(es_acl_head* acl, const es_acl_ace* ace, va_list* args);
-
 /* Directions of the iterator operations. */
 enum { ES_ACL_BACKWARD = 0, ES_ACL_FORWARD = 1 };
 
@@ -93,12 +89,12 @@ typedef struct es_acl_api_table {
   /*  0 Prepares the store. `ctx` is the context the library is initialised with. Called once per
    * initialisation, so possibly again. A non-zero status fails the initialisation. */
   es_acl_status (*init)(void* ctx);
-  /*  1 The head of an ACL in the store, or null. Not counted. */
+  /*  1 The head of an ACL in the store, or null. Takes no reference. `name` may be null. */
   es_acl_head* (*acl_lookup)(const char* name);
   /*  2 A new head for the name, refcount 1, empty list, lock initialised, findable by acl_lookup; null when
    * it cannot be made (no memory, or the name is present already). */
   es_acl_head* (*get_header)(const char* name);
-  /*  3 Removes the ACL of that name and frees its head, list and records. */
+  /*  3 Removes the ACL of that name and frees its head, list and records. `name` may be the head's own. */
   void (*acl_release)(const char* name);
   /*  4 Like slot 5 without a position. The library does not call it. */
   es_acl_status (*add_acl_item)(es_acl_head* acl, es_acl_ace* ace, uint32_t seq, uint32_t flag);
@@ -115,8 +111,8 @@ typedef struct es_acl_api_table {
   es_acl_ace* (*search_entry)(es_acl_head* acl, uint32_t seq);
   /*  9 [locked] The same, from the position and updating it. `iter` may be null. */
   es_acl_ace* (*search_entry_iter)(es_acl_head* acl, uint32_t seq, uint32_t direction, es_acl_iter* iter);
-  /* 10 Discards a head that was never handed out, with its list. *out, when non-null, receives a value that
-   * the library does not read. */
+  /* 10 Discards a head that was never handed out: takes it out of the index, destroys its lock, frees it with its
+   * list. *out, when non-null, receives a value that the library does not read. */
   void (*freelist)(es_acl_head* acl, uint32_t* out);
   /* 11 [locked] Evaluates a key. The library passes the arguments on as they are. */
   uint32_t (*match_complex)(es_acl_head* acl, const void* key, uint32_t value32, uint64_t value64);

@@ -6,6 +6,7 @@
 #ifndef ES_ACL_TYPES_H_
 #define ES_ACL_TYPES_H_
 
+#include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -148,7 +149,11 @@ typedef void* es_acl_iter;
  * es_acl_store.h). */
 typedef struct es_acl_ace_node es_acl_ace_node;
 
-/* How a pushed ACE that replaces another is reported to the update callbacks. */
+/* Called for each entry of a traversal, in list order, with a fresh copy of the caller's further arguments. A non-zero
+ * result ends the traversal. The ACL's lock is held: call none of its locked operations. */
+typedef uint32_t (*es_acl_visitor)(es_acl_head* acl, const es_acl_ace* ace, va_list* args);
+
+/* How a pushed ACE that replaces another is to be reported. */
 enum {
   ES_ACL_MODIFY_DELETE_AND_ADD = 0, /* as a removal and an addition */
   ES_ACL_MODIFY_ADD_ONLY = 1        /* as one addition that carries the ACE stored so far */

@@ -171,8 +171,8 @@ static inline uint32_t es_acl_wire_32(uint32_t value) {
 #endif
 }
 
-static inline void es_acl_wire_words16(uint16_t* words, int count) {
-  for (int i = 0; i < count; ++i) words[i] = es_acl_wire_16(words[i]);
+static inline void es_acl_wire_words16(uint16_t* words, uint32_t count) {
+  for (uint32_t i = 0; i < count; ++i) words[i] = es_acl_wire_16(words[i]);
 }
 
 static inline void es_acl_wire_words32(uint32_t* words, uint32_t count) {

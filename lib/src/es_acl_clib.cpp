@@ -1,10 +1,12 @@
 // The library's frame: process-wide state and the two initialisations.
 //
 // Initialisation runs early, on one thread. Nothing is torn down again; what a failed initialisation had set
-// up stays, and the next call builds on it.
+// up stays (but for trace buffers that could not both be opened), and the next call builds on it.
+#include <locale.h>
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "es_acl/es_acl.h"
@@ -78,8 +80,31 @@ uint32_t open_traces() {
   return status;
 }
 
+// A letter of a name is an ASCII letter, whatever the client's locale takes for one.
+class PlainLocale {
+ public:
+  PlainLocale() : plain_(newlocale(LC_ALL_MASK, "C", nullptr)), before_(nullptr) {
+    if (plain_ != nullptr) before_ = uselocale(plain_);
+  }
+  ~PlainLocale() {
+    if (plain_ == nullptr) return;
+    uselocale(before_);
+    freelocale(plain_);
+  }
+  PlainLocale(const PlainLocale&) = delete;
+  PlainLocale& operator=(const PlainLocale&) = delete;
+
+  bool in_force() const { return plain_ != nullptr; }
+
+ private:
+  locale_t plain_;
+  locale_t before_;
+};
+
 // Compiles aside, so that the pattern in force is replaced by a good one or not at all.
 uint32_t compile_name_pattern() {
+  const PlainLocale locale;
+  if (!locale.in_force()) return ENOMEM;
   regex_t fresh;
   const int rc = regcomp(&fresh, "^[a-z0-9A-Z][-_.:a-z0-9A-Z]*$", REG_EXTENDED);
   if (rc != 0) return static_cast<uint32_t>(rc);

@@ -1,4 +1,5 @@
 // Which names can be an ACL's. Reads constant data and the compiled pattern only; any thread.
+#include <cerrno>
 #include <cstring>
 
 #include "es_acl/es_acl.h"
@@ -36,7 +37,9 @@ es_acl_status es_acl_check_acl_name(const char* name) {
     DBG_ERR("%s: acl name is reserved", __func__);
     return ES_ACL_E_NAME;
   }
-  if (regexec(&es_acl_name_regex, name, 0, nullptr, 0) != 0) {
+  const int rc = regexec(&es_acl_name_regex, name, 0, nullptr, 0);
+  if (rc == REG_ESPACE) return ENOMEM;  // says nothing about the name
+  if (rc != 0) {
     DBG_ERR("%s: acl name failed regexp match", __func__);
     return ES_ACL_E_NAME;
   }

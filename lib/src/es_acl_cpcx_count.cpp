@@ -23,9 +23,10 @@ constexpr uint32_t kAnswerSize = sizeof(acl_pcx_query_resp);
 
 void publish_address(void* address) { __atomic_store_n(&es_acl_global_handle, address, __ATOMIC_RELAXED); }
 
-// The producer's address for the name; null, with status 0, when nobody registered it.
-uint32_t find_address(const char* operation, const char* acl_name, void** address) {
+// The producer's address for the name. *found is false, with status 0, when nobody registered it.
+uint32_t find_address(const char* operation, const char* acl_name, void** address, bool* found) {
   const uint32_t rc = dsv_lookup_data(es_acl_dsv_class, acl_name, address);
+  *found = rc == 0;
   if (rc == 0) {
     publish_address(*address);
     return 0;
@@ -33,7 +34,6 @@ uint32_t find_address(const char* operation, const char* acl_name, void** addres
   if (rc == DSV_NO_DATA) {
     DBG_ERR("%s: dsv_lookup_data data not found for acl %s", operation, acl_name);
     trace_name(operation, "name not registered", acl_name, rc);
-    *address = nullptr;
     return 0;
   }
   DBG_ERR("%s: dsv_lookup_data acl_name %s failed %s", operation, acl_name, errcode_string(rc));
@@ -58,22 +58,25 @@ uint32_t ask(const char* operation, void* address, const char* acl_name, acl_pcx
   return rc;
 }
 
-// The version is looked at first: an answer of another version may well have another size.
-uint32_t accept(const char* operation, acl_pcx_query_resp* answer, uint32_t answer_length) {
-  if (answer_length > kAnswerSize) {
-    DBG_ERR("%s: answer of %u bytes is not a count", operation, answer_length);
-    return EINVAL;
-  }
-  es_acl_wire_query_resp_order(answer);
-  if (answer->ver != ES_ACL_PCX_VERSION) {
+uint32_t refuse_length(const char* operation, uint32_t answer_length) {
+  DBG_ERR("%s: answer of %u bytes is not a count", operation, answer_length);
+  trace(operation, "answer of a wrong length", answer_length);
+  return EINVAL;
+}
+
+// Looks at no byte that was not received. An answer that carries a version is judged by it before its size:
+// another version may well have another size.
+uint32_t check_answer(const char* operation, acl_pcx_query_resp* answer, uint32_t answer_length) {
+  if (answer_length < sizeof answer->ver || answer_length > kAnswerSize)
+    return refuse_length(operation, answer_length);
+  const uint32_t version = es_acl_wire_32(answer->ver);
+  if (version != ES_ACL_PCX_VERSION) {
     DBG_ERR("%s:acl_pcx_query_req ver: crnt %d, rcv %d", operation, ES_ACL_PCX_VERSION,
-            static_cast<int>(answer->ver));
+            static_cast<int>(version));
     return ES_ACL_E_ANSWER_VERSION;
   }
-  if (answer_length < kAnswerSize) {
-    DBG_ERR("%s: answer of %u bytes is not a count", operation, answer_length);
-    return EINVAL;
-  }
+  if (answer_length != kAnswerSize) return refuse_length(operation, answer_length);
+  es_acl_wire_query_resp_order(answer);
   return 0;
 }
 
@@ -95,8 +98,9 @@ es_acl_status es_acl_cpcx_query_acl_count(const char* acl_name, uint32_t* num_ac
   if (*num_aces != 0) return 0;
 
   void* address = nullptr;
-  uint32_t rc = find_address(__func__, acl_name, &address);
-  if (rc != 0 || address == nullptr) return rc;
+  bool found = false;
+  uint32_t rc = find_address(__func__, acl_name, &address, &found);
+  if (!found) return rc;
   const Buffer<acl_pcx_query_resp> answer = zeroed<acl_pcx_query_resp>(1);
   if (answer == nullptr) {
     DBG_ERR("%s: Memory allocation failed", __func__);
@@ -105,7 +109,7 @@ es_acl_status es_acl_cpcx_query_acl_count(const char* acl_name, uint32_t* num_ac
   DBG_DETAIL("%s: need to get acl count", __func__);
   uint32_t answer_length = 0;
   rc = ask(__func__, address, acl_name, answer.get(), &answer_length);
-  if (rc == 0) rc = accept(__func__, answer.get(), answer_length);
+  if (rc == 0) rc = check_answer(__func__, answer.get(), answer_length);
   if (rc != 0) return rc;
   *num_aces = answer[0].num_aces;
   *num_remark_aces = answer[0].num_remark_aces;

@@ -140,6 +140,7 @@ uint32_t Read::run() {
   max_entries_ = max_entries_per_request();
   if (max_entries_ == 0) {
     DBG_ERR("%s: the bus's messages have no room for one record", kReadStep);
+    trace(kReadStep, "no room for one record", EINVAL);
     return EINVAL;
   }
   if (!prepare()) return ENOMEM;
@@ -153,6 +154,7 @@ uint32_t Read::run() {
     // A producer that sends the same batch again would keep us here for ever.
     if (last_seq_ <= request_.start_seq) {
       DBG_ERR("%s: sequence %u does not advance", kReadStep, last_seq_);
+      trace(kReadStep, "sequence does not advance", last_seq_);
       return EINVAL;
     }
     request_.start_seq = last_seq_;
@@ -180,7 +182,11 @@ uint32_t query_producer(const char* operation, es_acl_head* head) {
 es_acl_status read_acl(es_acl_head* head, bool* head_released) {
   constexpr char kOperation[] = "es_acl_cpcx_read_acl";
   *head_released = false;
-  if (head == nullptr) return EINVAL;
+  if (head == nullptr) {
+    DBG_ERR("%s: Invalid arguments", kOperation);
+    trace(kOperation, "null head", EINVAL);
+    return EINVAL;
+  }
   DBG_INFO("Entering %s for %s", kOperation, shown(head->name));
   uint32_t rc = query_producer(kOperation, head);
   if (rc != 0) return rc == ENOENT ? 0 : rc;

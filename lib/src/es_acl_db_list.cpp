@@ -23,14 +23,18 @@ constexpr uint64_t kCountAdd = 40;
 constexpr uint64_t kCountDelete = 41;
 constexpr uint64_t kCountMatch = 42;
 
+// Entry line and argument check of the searches.
+bool may_search(const char* operation, const es_acl_head* acl) {
+  DBG_INFO("Entering : %s", operation);
+  if (acl != nullptr) return true;
+  trace(operation, "invalid arguments", EINVAL);
+  DBG_ERR("%s: Invalid arguments.", operation);
+  return false;
+}
+
 es_acl_ace* search_iter(const char* operation, es_acl_head* acl, uint32_t seq, uint32_t direction,
                         es_acl_iter* iter) {
-  DBG_INFO("Entering : %s", operation);
-  if (acl == nullptr) {
-    trace(operation, "invalid arguments", EINVAL);
-    DBG_ERR("%s: Invalid arguments.", operation);
-    return nullptr;
-  }
+  if (!may_search(operation, acl)) return nullptr;
   const AclLock lock(acl);
   return es_acl_apis->search_entry_iter(acl, seq, direction, iter);
 }
@@ -45,12 +49,7 @@ const char* modify_mode_text(uint32_t mode) {
 using namespace es_acl;
 
 es_acl_ace* es_acl_search_item(es_acl_head* acl, uint32_t seq) {
-  DBG_INFO("Entering : %s", __func__);
-  if (acl == nullptr) {
-    trace(__func__, "invalid arguments", EINVAL);
-    DBG_ERR("%s: Invalid arguments.", __func__);
-    return nullptr;
-  }
+  if (!may_search(__func__, acl)) return nullptr;
   const AclLock lock(acl);
   return es_acl_apis->search_entry(acl, seq);
 }

@@ -86,7 +86,7 @@ es_acl_status es_acl_lookup_read(const char* name, es_acl_head* out) {
   return 0;
 }
 
-es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_traverse_fn visitor, ...) {
+es_acl_status es_acl_traverse_list(const char* name, uint32_t flags, es_acl_visitor visitor, ...) {
   DBG_INFO("Entering %s: ACL %s", __func__, shown(name));
   if (name == nullptr || flags != 0 || visitor == nullptr) {
     DBG_ERR("%s: Invalid args.", __func__);

@@ -90,7 +90,7 @@ Outcome create(const char* name) {
   return rc == 0 ? Outcome{head, 0, true} : failed(rc);
 }
 
-// The count check: an outcome when the name is done with, a null head and status 0 when it is to be got.
+// The count check. True when the name is done with; *outcome then says how.
 bool rejected_by_count(const char* name, Outcome* outcome) {
   uint32_t num_aces = 0;
   uint32_t num_remark_aces = 0;
@@ -135,7 +135,7 @@ es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_acl_handle_
   for (uint32_t i = 0; i < names->count; ++i) {
     const Outcome outcome = get_one(static_cast<const char*>(names->entries[i]), check_count);
     handles->entries[i] = outcome.head;
-    if (outcome.has_result) results[i] = outcome.status;
+    if (outcome.has_result && results != nullptr) results[i] = outcome.status;
     status = outcome.status;
   }
   return status;
@@ -144,7 +144,7 @@ es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_acl_handle_
 es_acl_status es_acl_get_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
                              uint32_t* results) {
   DBG_INFO("Entering %s", __func__);
-  if (names == nullptr || handles == nullptr || results == nullptr) {
+  if (names == nullptr || handles == nullptr) {
     DBG_ERR("%s: Invalid arguments", __func__);
     return EINVAL;
   }

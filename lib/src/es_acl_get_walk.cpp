@@ -1,7 +1,8 @@
 // Walking an ACL without a lock and without a call into the store.
 //
 // The store publishes links with release stores and keeps what it removes readable (es_acl_store.h), so the
-// reads here are acquire loads of the three words of a node and of one word of its element.
+// reads here are acquire loads of a node's link and element and of the element's ACE word. The end marker never
+// changes.
 #include <cerrno>
 
 #include "es_acl/es_acl.h"

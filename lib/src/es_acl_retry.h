@@ -1,5 +1,5 @@
 // The one way in which the library retries a platform call: four attempts, a second's sleep after each
-// retryable failure, the fourth included. A result of -1 is replaced by errno first.
+// retryable failure, the fourth included. A result of -1 is replaced by errno first; it stays a failure when errno says nothing.
 #ifndef ES_ACL_SRC_RETRY_H_
 #define ES_ACL_SRC_RETRY_H_
 
@@ -18,16 +18,22 @@ inline bool is_transient(uint32_t status) { return (status & 0xe0000000u) == 0x8
 // Passing failures of a count query or a bulk read.
 inline bool is_bus_passing(uint32_t status) { return status == ESRCH || status == EAGAIN || status == ETIME; }
 
+// The whole second, also when signals arrive.
+inline void sleep_a_second() {
+  timespec left = {1, 0};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
 template <typename Attempt>
 uint32_t with_retries(bool (*retryable)(uint32_t), Attempt attempt) {
   constexpr int kAttempts = 4;
   uint32_t status = 0;
   for (int i = 0; i < kAttempts; ++i) {
     status = attempt();
-    if (status == PLATFORM_FAILED) status = static_cast<uint32_t>(errno);
+    if (status == PLATFORM_FAILED && errno != 0) status = static_cast<uint32_t>(errno);
     if (!retryable(status)) break;
-    const timespec second = {1, 0};
-    nanosleep(&second, nullptr);
+    sleep_a_second();
   }
   return status;
 }

@@ -1,8 +1,8 @@
 // The per-ACL lock pair and the counted reference, shared by the sources that reach into a head record.
 //
 // The lock is held around exactly one store call or one short change of the head. It belongs to the store,
-// which creates and destroys it; whether it is recursive is the store's choice. No callback, debug line or
-// trace record runs under it.
+// which creates and destroys it; whether it is recursive is the store's choice. No registered
+// callback, debug line or trace record runs under it; a traversal's visitor does.
 #ifndef ES_ACL_SRC_ES_DB_PRIVATE_H_
 #define ES_ACL_SRC_ES_DB_PRIVATE_H_
 
@@ -16,25 +16,31 @@
 
 namespace es_acl {
 
-// A lock step that fails for another reason than "busy" means a destroyed or foreign mutex, and ends the
-// process.
+// What a blocked thread and a broken lock are called in diagnostics. The texts are fixed: people search logs for
+// them, so they do not follow this file's name and lines.
+inline constexpr char kLockSource[] = "apps/acl/es/lib/src/es_db_private";
+inline constexpr uint32_t kLockBlockedAt = 254;
+inline constexpr int kLockAssertedAt = 258;
+inline constexpr int kUnlockAssertedAt = 268;
+
+// A lock step that fails for another reason than "busy" means a destroyed or foreign mutex, and ends the process.
 inline void lock_assert(int _err, int line, const char* function) {
   if (_err != 0) [[unlikely]]
-    assert_fail("_err == 0", "apps/acl/es/lib/src/es_db_private", line, function);
+    assert_fail("_err == 0", kLockSource, line, function);
 }
 
 inline void es_acl_lock(es_acl_head* acl) {
   int _err = pthread_mutex_trylock(&acl->lock);
   if (_err == EBUSY) {
-    thread_mark_mutex_block(&acl->lock, "es_acl_lock", 254);
+    thread_mark_mutex_block(&acl->lock, "es_acl_lock", kLockBlockedAt);
     _err = pthread_mutex_lock(&acl->lock);
     thread_unmark_mutex_block();
   }
-  lock_assert(_err, 258, "es_acl_lock");
+  lock_assert(_err, kLockAssertedAt, "es_acl_lock");
 }
 
 inline void es_acl_unlock(es_acl_head* acl) {
-  lock_assert(pthread_mutex_unlock(&acl->lock), 268, "es_acl_unlock");
+  lock_assert(pthread_mutex_unlock(&acl->lock), kUnlockAssertedAt, "es_acl_unlock");
 }
 
 class AclLock {
