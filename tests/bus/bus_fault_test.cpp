@@ -111,7 +111,8 @@ class RawProducer {
  private:
   void accept_all() {
     std::vector<std::thread> connections;
-    for (int fd; (fd = accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; ++accepted) {
+    for (int fd; (fd = accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      ++accepted;
       connections.emplace_back([this, fd] { serve(fd); });
     }
     for (std::thread& connection : connections) connection.join();
