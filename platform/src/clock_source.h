@@ -11,12 +11,15 @@ namespace es_platform {
 
 class clock_source {
  public:
-  virtual ~clock_source() = default;
   // Nanoseconds; never goes back.
   virtual uint64_t now_ns() = 0;
   // Lets the timerfd become readable once, when the time has come to `at_ns` (at once when that has passed);
   // replaces what was armed before. 0 disarms. 0, or an errno value.
   virtual int arm(int timer_fd, uint64_t at_ns) = 0;
+
+ protected:
+  // Trivial, so that the system's source is still there for threads that outlive the end of main().
+  ~clock_source() = default;
 };
 
 // The source in use.
