@@ -1,7 +1,6 @@
 // What es-acl says of configured ACLs, beside what the configuration says.
 #include <gtest/gtest.h>
 
-#include "expected.h"
 #include "world.h"
 
 namespace es_acl::e2e {
@@ -9,7 +8,6 @@ namespace {
 
 using nlohmann::json;
 
-// One of everything.
 json one_of_everything() {
   return json::parse(R"([{"name": "all", "aces": {"ace": [
     {"sequence": 4294967295, "actions": {"forwarding": "drop", "logging": true}},
@@ -28,13 +26,10 @@ json one_of_everything() {
   ]}}, {"name": "nothing"}])");
 }
 
-TEST(Show, TablesReadAsConfigured) {
+TEST(Text, IsATableOfWhatIsConfigured) {
   World world;
-  const auto producer = world.produce(one_of_everything());
-  const Ended ended = world.client({"show", "all", "nothing"});
-  EXPECT_EQ(ended.code, 0) << ended.err;
-  EXPECT_EQ(ended.err, "");
-  EXPECT_EQ(ended.out, &R"(
+  world.produce(one_of_everything());
+  EXPECT_EQ(world.client("show all nothing").out, &R"(
 all: 6 entries, 1 of them a remark
          Seq  Action  Source/mask                          Destination/mask   EtherType  Outer VLAN     Inner VLAN          Options
            5  remark
@@ -46,119 +41,83 @@ all: 6 entries, 1 of them a remark
 
 nothing: 0 entries
 )"[1]);
+  EXPECT_EQ(world.client("count all nothing").out, &R"(
+ACL         Entries     Remarks
+all               6           1
+nothing           0           0
+)"[1]);
 }
 
-TEST(Show, ExamplesAreToldAsTheyAreConfigured) {
-  for (const char* file : {"campus-edge.json", "datacenter.json", "large.json"}) {
-    SCOPED_TRACE(file);
+// A configured entry as the answer has it: the defaults filled in.
+json expected_entry(const json& ace) {
+  if (ace.contains("remark")) return {{"sequence", ace["sequence"]}, {"remark", true}};
+  json entry = {{"matches", {{"eth", json::object()}}},
+                {"actions", {{"capture", false}, {"logging", false}}}};
+  entry.merge_patch(ace);
+  json& eth = entry["matches"]["eth"];
+  if (eth.value("ethertype", "") == "ipv4") eth["ethertype"] = "0x0800";
+  return entry;
+}
+
+void expect_as_configured(const World& world, const json& acl) {
+  const std::string name = acl["name"];
+  const json& aces = acl["aces"]["ace"];
+  json told = world.client("--json show " + name).acls()[0];
+  const json entries = told["ace"];
+  ASSERT_EQ(entries.size(), aces.size());
+  int remarks = 0;
+  for (size_t i = 0; i < aces.size(); ++i) {
+    ASSERT_EQ(entries[i], expected_entry(aces[i]));
+    remarks += aces[i].contains("remark");
+  }
+  told.erase("ace");
+  EXPECT_EQ(told["entries"], aces.size());
+  EXPECT_EQ(told["remarks"], remarks);
+  EXPECT_EQ(world.client("--json count " + name).acls()[0], told);
+}
+
+TEST(Json, IsTheConfigurationWhateverTheSizes) {
+  // Entries in each ACL, ACLs, and entries to a remark; entries that fit in one message.
+  const std::pair<std::string, int> cases[] = {{E2E_MANY " 1 100", 2000},
+                                               {"40 3 7", 7},
+                                               {"12 1 5", 1},
+                                               {"12 1 5", 3},
+                                               {"12 1 5", 5},
+                                               {"12 1 5", 12},
+                                               {"12 1 5", 13}};
+  for (const auto& [size, records] : cases) {
+    SCOPED_TRACE(size + " in messages of " + std::to_string(records));
     World world;
-    const std::string configuration = std::string(E2E_EXAMPLES) + "/" + file;
-    const auto producer = world.produce(configuration);
-    const json configured = configured_acls(configuration);
-    Arguments arguments = {"show"};
-    for (const json& acl : configured) arguments.push_back(acl["name"]);
-    const json told = world.document(arguments)["acls"];
-    arguments[0] = "count";
-    const json counted = world.document(arguments)["acls"];
-    ASSERT_EQ(told.size(), configured.size());
-    for (size_t i = 0; i < configured.size(); ++i) {
-      const json expected = expected_entries(configured[i]);
-      size_t remarks = 0;
-      for (const json& entry : expected) remarks += entry.contains("remark");
-      EXPECT_EQ(told[i]["ace"], expected) << configured[i]["name"];
-      for (const json* answer : {&told[i], &counted[i]}) {
-        EXPECT_EQ((*answer)["name"], configured[i]["name"]);
-        EXPECT_EQ((*answer)["entries"], expected.size());
-        EXPECT_EQ((*answer)["remarks"], remarks);
-      }
-    }
-  }
-}
-
-TEST(Show, XmlConfigurationOfDoubleTaggedFrames) {
-  World world;
-  const auto producer = world.produce(std::string(E2E_EXAMPLES) + "/q-in-q.xml");
-  const std::string names =
-      world.shell("sed -n 's:.*<name>\\(.*\\)</name>.*:\\1:p' " E2E_EXAMPLES "/q-in-q.xml").out;
-  const std::string first = names.substr(0, names.find('\n'));
-  const json told = world.document({"show", first})["acls"][0];
-  size_t with_inner_tag = 0;
-  for (const json& entry : told["ace"])
-    with_inner_tag += entry.contains("matches") && entry["matches"]["eth"].contains("inner-vlan");
-  EXPECT_GT(with_inner_tag, 0u) << told;
-}
-
-TEST(Show, EveryBatchSizeGivesTheWholeAcl) {
-  World world;
-  json aces = json::array();
-  for (int seq = 1; seq <= 12; ++seq)
-    aces.push_back({{"sequence", seq}, {"actions", {{"forwarding", "drop"}}}});
-  const json acl = {{"name", "twelve"}, {"aces", {{"ace", aces}}}};
-  const auto producer = world.produce(json::array({acl}));
-  for (const int records :
-       {1, 3, 5, 12, 13}) {  // one at a time, a divisor of twelve, none, all, room to spare
     world.environment["ES_PCX_OPTIMUM_SIZE"] = std::to_string(160 * records + 159);
-    EXPECT_EQ(world.document({"show", "twelve"})["acls"][0]["ace"], expected_entries(acl)) << records;
+    const json configuration = json::parse(world.shell("generate-acl " + size).out);
+    const json& acls = configuration["es-acl:acls"]["acl"];
+    world.produce(acls);
+    for (const json& acl : acls) expect_as_configured(world, acl);
   }
-}
-
-TEST(Count, TextIsATable) {
-  World world;
-  const auto producer = world.produce(one_of_everything());
-  EXPECT_EQ(world.client({"count", "all", "nothing"}).out,
-            "ACL         Entries     Remarks\n"
-            "all               6           1\n"
-            "nothing           0           0\n");
 }
 
 TEST(Match, FirstEntryInOrderDecides) {
-  struct Case {
-    Arguments frame;
-    const char* says;
-  };
-  const Case cases[] = {
-      {{"--src", "02:ab:00:00:00:99", "--dst", "01:80:c2:00:00:0e"}, "all: deny by entry 10, capture, log ("},
-      {{"--src", "02ab.0000.0199", "--dst", "01-80-C2-00-00-0E"}, "all: deny by entry 4294967295, log ("},
-      {{"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02", "--vlan", "100", "--pcp", "5",
-        "--ethertype", "ipv6"},
-       "all: permit by entry 20 ("},
-      {{"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02", "--vlan", "199", "--pcp", "5",
-        "--ethertype", "0x86dd"},
-       "all: permit by entry 20 ("},
-      {{"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02", "--vlan", "200", "--pcp", "5",
-        "--ethertype", "ipv6"},
-       "all: deny by entry 4294967295, log ("},
-      {{"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02", "--vlan", "7", "--dei", "1",
-        "--inner-vlan", "4094"},
-       "all: permit by entry 30, capture ("},
-      {{"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02", "--vlan", "7", "--dei", "1"},
-       "all: deny by entry 4294967295, log ("},
-      {{"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02", "--vlan", "1", "--pcp", "7",
-        "--ethertype", "9000"},
-       "all: deny by entry 40 ("},
+  const std::pair<std::string, std::string> cases[] = {
+      {"--src 02:ab:00:00:00:99 --dst 01:80:c2:00:00:0e", "deny by entry 10, capture, log"},
+      {"--src 02ab.0000.0199 --dst 01-80-C2-00-00-0E", "deny by entry 4294967295, log"},
+      {"$ADDRESSES --vlan 100 --pcp 5 --ethertype ipv6", "permit by entry 20"},
+      {"$ADDRESSES --vlan 199 --pcp 5 --ethertype 0x86dd", "permit by entry 20"},
+      {"$ADDRESSES --vlan 200 --pcp 5 --ethertype ipv6", "deny by entry 4294967295, log"},
+      {"$ADDRESSES --vlan 7 --dei 1 --inner-vlan 4094", "permit by entry 30, capture"},
+      {"$ADDRESSES --vlan 7 --dei 1", "deny by entry 4294967295, log"},
+      {"$ADDRESSES --vlan 1 --pcp 7 --ethertype 9000", "deny by entry 40"},
   };
   World world;
-  const auto producer = world.produce(one_of_everything());
-  for (const Case& c : cases) {
-    Arguments arguments = {"match", "all"};
-    arguments.insert(arguments.end(), c.frame.begin(), c.frame.end());
-    const Ended ended = world.client(arguments);
-    EXPECT_EQ(ended.code, 0) << ended.err;
-    EXPECT_EQ(ended.out.substr(0, std::string(c.says).size()), c.says) << ended.out;
+  world.environment["ADDRESSES"] = "--src 02:00:00:00:00:01 --dst 02:00:00:00:00:02";
+  world.produce(one_of_everything());
+  for (const auto& [frame, verdict] : cases) {
+    const Ended ended = world.client("match all " + frame);
+    EXPECT_EQ(ended.out.substr(0, ended.out.find(" (")), "all: " + verdict) << ended.err;
   }
-}
-
-TEST(Match, JsonSaysWhichEntryAndWhatItAsksFor) {
-  World world;
-  const auto producer = world.produce(one_of_everything());
-  const Arguments frame = {"--src", "02:00:00:00:00:01", "--dst", "02:00:00:00:00:02"};
-  const auto match = [&](const std::string& name) {
-    return world.document({"match", name, frame[0], frame[1], frame[2], frame[3]})["acls"][0];
-  };
-  EXPECT_EQ(match("all"), json::parse(R"({"name": "all", "state": "ok", "status": 0, "result": "deny",
-                                          "sequence": 4294967295, "capture": false, "logging": true})"));
-  EXPECT_EQ(match("nothing"),
-            json::parse(R"({"name": "nothing", "state": "ok", "status": 0, "result": "none"})"));
+  EXPECT_EQ(world.client("--json match all $ADDRESSES").acls()[0], json::parse(R"(
+            {"name": "all", "state": "ok", "status": 0, "result": "deny", "sequence": 4294967295,
+             "capture": false, "logging": true})"));
+  EXPECT_EQ(world.client("--json match nothing $ADDRESSES").acls()[0]["result"], "none");
 }
 
 }  // namespace

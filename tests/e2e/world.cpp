@@ -1,26 +1,51 @@
 #include "world.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <thread>
 
 namespace es_acl::e2e {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr unsigned kAlarmSeconds = 60;  // sanitizers on a busy machine take their time
+
+std::string content(const std::string& file) {
+  std::ostringstream text;
+  text << std::ifstream(file, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
 
 World::World() {
   std::string pattern = (std::filesystem::temp_directory_path() / "es-acl-e2e.XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no directory for the test");
   directory_ = pattern;
-  environment["PATH"] = "/usr/bin:/bin";
   environment["ES_PCX_DIR"] = path("bus");
   environment["ES_DIAG_DIR"] = path("diag");
-  for (const char* passed_on : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+  for (const char* passed_on : {"PATH", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
     if (const char* value = std::getenv(passed_on)) environment[passed_on] = value;
+  environment["PATH"].insert(0, E2E_PATH ":");
 }
 
 World::~World() {
+  if (producer_ > 0 && kill(producer_, SIGKILL) == 0) waitpid(producer_, nullptr, 0);
   std::error_code ignored;
   std::filesystem::remove_all(directory_, ignored);
 }
@@ -30,52 +55,51 @@ std::string World::write(const std::string& leaf, const std::string& content) co
   return path(leaf);
 }
 
-std::unique_ptr<Background> World::start(Arguments arguments) const {
+// Runs a command in the root directory with the files OUTPUT.out and OUTPUT.err as its outputs.
+pid_t World::start(const std::string& command, const std::string& output) const {
+  std::string script = "cd / && exec </dev/null >" + path(output + ".out") + " 2>" + path(output + ".err");
+  for (const auto& [variable, value] : environment) script += "\nexport " + variable + "='" + value + "'";
+  script += "\n" + command;
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("cannot fork");
+  if (pid > 0) return pid;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  alarm(kAlarmSeconds);
+  const char* const nothing[] = {nullptr};
+  if (getppid() == parent) execle("/bin/sh", "sh", "-c", script.c_str(), nullptr, nothing);
+  _exit(127);
+}
+
+void World::start_producer(const std::string& command) {
   const std::string ready = path("ready");
-  arguments.insert(arguments.end(), {"--ready-file", ready});
-  auto process = std::make_unique<Background>(arguments, environment, path("producer.log"));
-  const bool serves = eventually([&] { return std::filesystem::exists(ready) || !process->running(); });
-  std::filesystem::remove(ready);
-  if (serves && process->running()) return process;
-  std::ifstream log(path("producer.log"));
-  ADD_FAILURE() << arguments[0] << " does not serve: " << log.rdbuf();
-  throw std::runtime_error("no producer");
+  producer_ = start("exec " + command + " --ready-file " + ready, "producer");
+  while (!std::filesystem::exists(ready)) {
+    if (waitpid(producer_, nullptr, WNOHANG) != 0) {
+      producer_ = 0;
+      throw std::runtime_error(command + ": " + content(path("producer.err")));
+    }
+    std::this_thread::sleep_for(milliseconds(5));
+  }
 }
 
-std::unique_ptr<Background> World::produce(const std::string& configuration) const {
-  return start({E2E_PRODUCER, "--config", configuration});
-}
-
-std::unique_ptr<Background> World::produce(const nlohmann::json& acls) const {
+void World::produce(const std::vector<nlohmann::json>& acls) {
   const nlohmann::json tree = {{"es-acl:acls", {{"acl", acls}}}};
-  return produce(write("configuration.json", tree.dump()));
+  start_producer("es-acl-producer --config " + write("configuration.json", tree.dump()));
 }
 
-std::unique_ptr<Background> World::produce_faulty(int entries, int good_reads,
-                                                  const std::string& fault) const {
-  return start({E2E_FAULTY_PRODUCER, std::to_string(entries), std::to_string(good_reads), fault});
-}
-
-Ended World::client(const Arguments& arguments, Stdout kind) const {
-  Arguments all = {E2E_CLIENT};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  return run(all, environment, kind);
-}
-
-nlohmann::json World::document(const Arguments& arguments, int code) const {
-  Arguments all = {"--json"};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  const Ended ended = client(all);
-  EXPECT_EQ(ended.code, code) << ended.err << ended.out.substr(0, 2000);
-  auto parsed = nlohmann::json::parse(ended.out, nullptr, false);
-  EXPECT_FALSE(parsed.is_discarded()) << ended.out.substr(0, 2000);
-  return parsed;
+void World::signal_producer(int number) const {
+  kill(producer_, number);
+  waitpid(producer_, nullptr, WUNTRACED | WCONTINUED);
 }
 
 Ended World::shell(const std::string& command) const {
-  Environment with_client = environment;
-  with_client["CLIENT"] = E2E_CLIENT;
-  return run({"/bin/sh", "-c", command}, with_client);
+  const auto begin = steady_clock::now();
+  int status = 0;
+  waitpid(start(command, "command"), &status, 0);
+  const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return {code, content(path("command.out")), content(path("command.err")), took};
 }
 
 }  // namespace es_acl::e2e

@@ -1,15 +1,32 @@
 // A world of its own for each test: a directory with the bus, the diagnostics and the configurations, and the
-// processes that meet there.
+// processes that meet there. What they are told is the shell's language, with the built programs in its path.
+//
+// One thread. Every process ends with the test program, and by an alarm when it hangs.
 #ifndef ES_ACL_TESTS_E2E_WORLD_H_
 #define ES_ACL_TESTS_E2E_WORLD_H_
 
-#include <memory>
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
-
-#include "process.h"
+#include <vector>
 
 namespace es_acl::e2e {
+
+bool contains(const std::string& text, const std::string& part);
+
+// What came of a command. `code` is its exit code or 128 + the signal that ended it.
+struct Ended {
+  int code;
+  std::string out;
+  std::string err;
+  std::chrono::milliseconds took;
+
+  // What the JSON document that the command wrote has of the ACLs.
+  nlohmann::json acls() const { return nlohmann::json::parse(out)["acls"]; }
+};
 
 class World {
  public:
@@ -18,32 +35,29 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  // Of every process started here from now on.
-  Environment environment;
+  // The whole environment of every process started here from now on.
+  std::map<std::string, std::string> environment;
 
   std::string path(const std::string& leaf) const { return directory_ + "/" + leaf; }
   // Makes a file in the directory and returns its path.
   std::string write(const std::string& leaf, const std::string& content) const;
 
-  // Starts a producer with that configuration and waits until it serves.
-  std::unique_ptr<Background> produce(const std::string& configuration) const;
-  // The same with a configuration that is one ACL list.
-  std::unique_ptr<Background> produce(const nlohmann::json& acls) const;
-  // Starts a producer of one ACL "victim" that keeps a fault until it has served so many requests for
-  // entries.
-  std::unique_ptr<Background> produce_faulty(int entries, int good_reads, const std::string& fault) const;
+  // Starts a producer of these ACLs and waits until it serves. It is killed at the end.
+  void produce(const std::vector<nlohmann::json>& acls);
+  // The same with any other program that takes --ready-file.
+  void start_producer(const std::string& command);
+  // Stops the producer or lets it go on, and returns when it has.
+  void signal_producer(int number) const;
 
-  // Runs the command es-acl.
-  Ended client(const Arguments& arguments, Stdout kind = Stdout::kPipe) const;
-  // Runs it with --json and returns the document; the exit code must be `code`.
-  nlohmann::json document(const Arguments& arguments, int code = 0) const;
-  // Runs a shell command in which $CLIENT is es-acl.
   Ended shell(const std::string& command) const;
+  // Runs the command es-acl.
+  Ended client(const std::string& arguments) const { return shell("exec es-acl " + arguments); }
 
  private:
-  std::unique_ptr<Background> start(Arguments arguments) const;
+  pid_t start(const std::string& command, const std::string& output) const;
 
   std::string directory_;
+  pid_t producer_ = 0;
 };
 
 }  // namespace es_acl::e2e
