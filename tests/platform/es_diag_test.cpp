@@ -30,6 +30,8 @@ outcome run(const std::string& arguments) {
   return result;
 }
 
+using nlohmann::literals::operator""_json_pointer;
+
 class EsDiag : public testing::Test {
  protected:
   void SetUp() override {
@@ -57,7 +59,6 @@ TEST_F(EsDiag, ExitCodesSayWhatHappened) {
   } cases[] = {
       {"--help", 0},
       {"trace --help", 0},
-      {"list", 0},
       {"list --dir /no/such/directory", 0},
       {"threads", 0},
       {"trace --buffer _wr" + mine, 0},
@@ -73,15 +74,16 @@ TEST_F(EsDiag, ExitCodesSayWhatHappened) {
   for (const auto& one : cases) EXPECT_EQ(run(one.arguments).code, one.code) << one.arguments;
 }
 
-TEST_F(EsDiag, PrintsTheRecordsOfOneBuffer) {
+TEST_F(EsDiag, PrintsRecordsAndCounters) {
   _rlog_str(ctx, "op", "ev\x1bnt", "a name", 1, 254);
+  main_block[42].count = 7;
   const outcome lines = run("trace --buffer /command/_wr" + mine);
   EXPECT_NE(lines.out.find("op: ev?nt \"a name\" 1 254(0xfe)\n"), std::string::npos) << lines.out;
-  const auto document = nlohmann::json::parse(run("trace --json --buffer _wr" + mine).out);
-  ASSERT_EQ(document["buffers"].size(), 1u);
-  const auto& record = document["buffers"][0]["records"][0];
-  EXPECT_EQ(record["text"], "a name");
-  EXPECT_EQ(record["values"][1], 254);
+  const auto trace = nlohmann::json::parse(run("trace --json --buffer _wr" + mine).out);
+  EXPECT_EQ(trace.at("/buffers/0/records/0/values/1"_json_pointer), 254);
+  const outcome counters = run("counters --json" + mine);
+  EXPECT_NE(nlohmann::json::parse(counters.out).dump().find(R"("main":{"42":7})"), std::string::npos)
+      << counters.out;
 }
 
 TEST_F(EsDiag, SwitchesTheCategoriesThatWereNamed) {
@@ -90,21 +92,8 @@ TEST_F(EsDiag, SwitchesTheCategoriesThatWereNamed) {
   EXPECT_EQ(categories[2].enabled, 0u);
   run("debug --on /debug/command/category2" + mine);
   EXPECT_EQ(categories[2].enabled, 1u);
-  const outcome shown = run("debug --off all --json" + mine);
+  EXPECT_EQ(run("debug --off all --json" + mine).out.find(":true"), std::string::npos);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(categories[i].enabled, 0u);
-  for (const auto& category : nlohmann::json::parse(shown.out)["categories"])
-    EXPECT_EQ(category["enabled"], false);
-}
-
-TEST_F(EsDiag, PrintsCountersThatAreNotZero) {
-  main_block[42].count = 7;
-  const auto document = nlohmann::json::parse(run("counters --json" + mine).out);
-  for (const auto& component : document["components"]) {
-    if (component["component"] != "command") continue;
-    EXPECT_EQ(component["main"].dump(), R"({"42":7})");
-    return;
-  }
-  FAIL() << document;
 }
 
 }  // namespace

@@ -44,17 +44,6 @@ TEST(Pool, ElementsAreApartAlignedAndCounted) {
   }
 }
 
-TEST(Pool, WhatWasGivenIsTakenAgainBeforeThePoolGrows) {
-  const owned_pool from = make(80, 10);
-  std::vector<void*> first(10), second(10);
-  for (void*& element : first) element = pool_take(from.get());
-  for (void* element : first) pool_give(from.get(), element);
-  for (void*& element : second) element = pool_take(from.get());
-  std::sort(first.begin(), first.end());
-  std::sort(second.begin(), second.end());
-  EXPECT_EQ(first, second);
-}
-
 #if defined(__SANITIZE_ADDRESS__)
 TEST(Pool, AFreeElementIsPoisoned) {
   const owned_pool from = make(80, 10);

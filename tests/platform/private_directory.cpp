@@ -1,5 +1,6 @@
 #include "private_directory.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -31,3 +32,11 @@ const owned_directory directory;
 std::string private_directory() { return directory.path; }
 std::string diagnostics_directory() { return directory.path + "/diag"; }
 std::string debug_file() { return directory.path + "/debug.log"; }
+
+es_diag::region region_called(es_diag::diag_kind kind, const std::string& name) {
+  for (es_diag::region& one : es_diag::read_directory(diagnostics_directory(), kind, getpid()).regions) {
+    if (one.name == name) return std::move(one);
+  }
+  ADD_FAILURE() << "no region " << name;
+  return {};
+}
