@@ -13,7 +13,7 @@
 class virtual_clock final : public es_platform::clock_source {
  public:
   virtual_clock() { es_platform::clock_replace(this); }
-  ~virtual_clock() override { es_platform::clock_replace(nullptr); }
+  ~virtual_clock() { es_platform::clock_replace(nullptr); }
 
   uint64_t now_ns() override {
     const std::lock_guard lock(mutex_);
