@@ -9,7 +9,6 @@
 #include <memory>
 #include <random>
 #include <thread>
-#include <vector>
 
 #include "virtual_clock.h"
 
