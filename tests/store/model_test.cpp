@@ -119,6 +119,7 @@ TEST_P(Model, AgreesWithAnOrderedMap) {
       if (random() % 2048 == 0) compare();
     }
     compare();
+    if (HasFatalFailure()) return;
   }
   // Down to nothing, in random order, and up again.
   Seqs rest = walk();
