@@ -1,13 +1,18 @@
 #include "client.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "es_acl/es_acl_store.h"
+#include "es_acl/es_acl_wire.h"
 #include "es_platform/diag.h"
 #include "es_platform/dsv.h"
 #include "es_platform/evm.h"
@@ -70,6 +75,32 @@ Problem invalid_name(const std::string& name, uint32_t status) {
           ? ": this word is reserved"
           : ": a name has 1 to 64 of the characters A-Z a-z 0-9 - _ . : and starts with a letter or digit";
   return {State::kInvalidName, status, text};
+}
+
+// Whether the bus would talk to the socket's owner: this user, root, or the directory's owner.
+bool is_trusted(const struct stat& socket, const std::string& directory) {
+  struct stat info;
+  if (socket.st_uid == geteuid() || socket.st_uid == 0) return true;
+  return stat(directory.c_str(), &info) == 0 && info.st_uid == socket.st_uid;
+}
+
+// Why nobody can be reached at the producer's socket: an errno value; 0 when there is just nobody. The bus
+// calls both "no producer".
+int obstacle(const std::string& directory) {
+  const std::string socket = directory + "/" ES_ACL_DSV_CLASS_NAME ".sock";
+  if (socket.size() >= sizeof(sockaddr_un::sun_path)) return ENAMETOOLONG;
+  struct stat info;
+  if (access(socket.c_str(), W_OK) != 0 || stat(socket.c_str(), &info) != 0)
+    return errno == ENOENT ? 0 : errno;
+  return is_trusted(info, directory) ? 0 : EPERM;
+}
+
+Problem no_producer() {
+  const int error = obstacle(bus_directory().path);
+  if (error == 0) return {State::kNoProducer, ENOENT, "no producer serves " + producer_place()};
+  std::string text = "no producer can be reached in " + producer_place() + ": ";
+  text += error == EPERM ? "the socket belongs to a user who is not trusted" : std::strerror(error);
+  return {State::kUnreachable, static_cast<uint32_t>(error), text};
 }
 
 // What a status of an exchange means to whoever waits for the ACL.
@@ -140,7 +171,7 @@ std::optional<Problem> Client::explain_empty(const std::string& name) {
   if (status == 0) return std::nullopt;
   if (status != DSV_NO_DATA) return failure(status);
   status = query_producer(name);
-  if (status == ENOENT) return Problem{State::kNoProducer, status, "no producer serves " + producer_place()};
+  if (status == ENOENT) return no_producer();
   if (status != 0) return failure(status);
   return Problem{State::kNotConfigured, DSV_NO_DATA,
                  "not configured at the producer: " + status_text(DSV_NO_DATA)};

@@ -21,7 +21,8 @@ enum class State {
   kInvalidName,
   kNotConfigured,  // the producer has no ACL of that name
   kNoProducer,
-  kFailed,  // the status tells
+  kUnreachable,  // its socket cannot be used; the status, an errno value, says why
+  kFailed,       // the status tells
 };
 
 // Why an ACL, or the library as a whole, could not be had. `text` is the explanation, without the ACL's name.

@@ -45,7 +45,7 @@ class Runner {
 
   void tell(const std::string& name, const Problem& problem) {
     missing_ = true;
-    no_producer_ |= problem.state == State::kNoProducer;
+    no_producer_ |= problem.state == State::kNoProducer || problem.state == State::kUnreachable;
     report_.problem(name, problem);
   }
 

@@ -27,6 +27,8 @@ const char* state_name(State state) {
       return "not-configured";
     case State::kNoProducer:
       return "no-producer";
+    case State::kUnreachable:
+      return "unreachable";
     case State::kFailed:
       break;
   }

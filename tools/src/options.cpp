@@ -17,7 +17,8 @@ constexpr char kFooter[] =
     "$XDG_RUNTIME_DIR/es-acl, else /run/es-acl); ES_PCX_DEADLINE_MS is how long an exchange with the\n"
     "producer may take (5000); NO_COLOR switches colour off.\n\n"
     "Exit codes: 0 all ACLs were had; 1 at least one could not be had; 2 wrong command line; 3 the\n"
-    "library could not be initialised; 4 there is no producer; 5 the output could not be written.";
+    "library could not be initialised; 4 there is no producer, or none can be reached; 5 the output\n"
+    "could not be written.";
 
 void set_words(uint16_t (&field)[3], const MacWords& words) { std::copy(words.begin(), words.end(), field); }
 
