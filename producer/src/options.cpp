@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <iostream>
 
 #include "log.h"
@@ -10,7 +11,16 @@ namespace {
 
 constexpr const char* kFooter =
     "Serves the ACLs of the configuration until SIGTERM or SIGINT.\n"
-    "Exit codes: 0 done, 1 usage, 2 configuration refused, 3 bus, 4 system.";
+    "Exit codes: 0 done, 1 configuration refused, 2 usage, 3 bus, 4 system.";
+
+// What is wrong with a descriptor's number; nothing when it is one.
+std::string check_descriptor(const std::string& text) {
+  int number = -1;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  if (error == std::errc() && stop == end && number >= 0) return {};
+  return "'" + text + "' is not the number of a descriptor";
+}
 
 }  // namespace
 
@@ -27,7 +37,7 @@ std::optional<Options> parse_options(int argc, char** argv, int* exit_code) {
   app.add_option("--ready-fd", options.ready_fd,
                  "Write \"ready\" and a newline to this descriptor when serving")
       ->type_name("N")
-      ->check(CLI::NonNegativeNumber);
+      ->check(check_descriptor);
   app.add_option("--ready-file", options.ready_file,
                  "Make this file, with the process id in it, when serving")
       ->type_name("FILE");

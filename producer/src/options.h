@@ -9,8 +9,8 @@ namespace es_acl::producer {
 
 enum ExitCode {
   kExitOk = 0,
-  kExitUsage = 1,          // the command line is wrong
-  kExitConfiguration = 2,  // the configuration is refused
+  kExitConfiguration = 1,  // the configuration is refused
+  kExitUsage = 2,          // the command line is wrong
   kExitBus = 3,            // the bus could not be opened, or a name not published
   kExitSystem = 4,         // memory, or the readiness report
 };

@@ -45,14 +45,14 @@ TEST(Daemon, ServesAConsumerUntilItIsEnded) {
   const test::TempDir files;
   ::setenv("ES_PCX_DIR", files.path("bus").c_str(), 1);
   const std::string bad = files.write("bad.json", "{\"es-acl:acls\": {\"acl\": [\n{\"name\": \"trace\"}]}}");
-  Program("").expect_end(1, "--config is required");
-  Program(kGood + "--nonsense").expect_end(1, "--nonsense");
+  Program("").expect_end(2, "--config is required");
+  Program(kGood + "--nonsense").expect_end(2, "--nonsense");
   Program("--help").expect_end(0, "Exit codes");
   Program("--print-yang").expect_end(0, "module es-acl {");
   Program(kGood + "--check").expect_end(0, "ok: 2 ACLs, 11 entries, 3 of them remarks");
   Program(kExample + "campus-edge.json --check").expect_end(0, "ok: 3 ACLs, 22 entries, 6 of them remarks");
   Program(kExample + "datacenter.json --check").expect_end(0, "ok: 4 ACLs, 16 entries, 3 of them remarks");
-  Program("--config " + bad).expect_end(2, "bad.json:2: ");
+  Program("--config " + bad).expect_end(1, "bad.json:2: ");
   Program(kGood + "--ready-file " + files.path("no/such/directory")).expect_end(4, "--ready-file");
   Program(kGood + "--ready-fd 77").expect_end(4, "--ready-fd 77");
 
