@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -53,6 +54,29 @@ bool item_names(std::string_view item, std::string_view path, std::string_view n
   std::string_view prefix = item.substr(0, item.size() - name.size());
   while (path.ends_with('/')) path.remove_suffix(1);
   return prefix.ends_with('/') && prefix.substr(0, prefix.size() - 1) == path;
+}
+
+// Whether some path may have a category of this name: the library's, or a number of another path's.
+bool can_be_category(std::string_view name) {
+  const bool of_library = std::any_of(std::begin(kLibraryCategories), std::end(kLibraryCategories),
+                                      [name](const category_text& one) { return name == one.name; });
+  return of_library || (name.starts_with("category") && name.size() > 8 &&
+                        name.find_first_not_of("0123456789", 8) == name.npos);
+}
+
+// The items of ES_DEBUG that no path will ever answer to. The path itself is not looked at: it may come later.
+void warn_of_unknown_items() {
+  const char* value = std::getenv("ES_DEBUG");
+  std::string_view rest = value != nullptr ? value : "";
+  while (!rest.empty()) {
+    const std::string_view item = rest.substr(0, rest.find(','));
+    rest.remove_prefix(std::min(item.size() + 1, rest.size()));
+    if (item.empty() || item == "all" || can_be_category(item.substr(item.rfind('/') + 1))) continue;
+    std::string known;
+    for (const category_text& one : kLibraryCategories) known += std::string(one.name) + ", ";
+    es_platform::log_line("ES_DEBUG: \"%.*s\" is no debug category; there are %sand all",
+                          static_cast<int>(std::min<size_t>(item.size(), 64)), item.data(), known.c_str());
+  }
 }
 
 bool starts_enabled(std::string_view path, std::string_view name) {
@@ -155,6 +179,7 @@ uint32_t acl_debug_init(debug_category** handle, void*, const char* path, uint32
   return es_platform::guarded([&]() -> uint32_t {
     registered_paths& all = registered_paths::instance();
     const std::lock_guard lock(all.mutex);
+    if (all.bodies.empty()) warn_of_unknown_items();
     debug_body*& body = all.bodies[path];
     if (body == nullptr) {
       body = static_cast<debug_body*>(

@@ -2,6 +2,8 @@
 // output: a pipe that is left, a full disk, a terminal.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "es_acl/es_acl_status.h"
 #include "world.h"
 
@@ -36,6 +38,17 @@ TEST(CommandLine, WhatIsWrongIsSaid) {
     EXPECT_EQ(ended.out, "");
     EXPECT_PRED2(contains, ended.err, message);
   }
+}
+
+// A path that this process does not have may belong to another one: only the category's name is judged.
+TEST(Debug, AWordThatNamesNoCategoryIsTold) {
+  World world;
+  world.environment["ES_DEBUG"] = "bogus,/other/path/info,category7,/debug/es_acl_dll/nope";
+  const std::string told = world.client("count a").err;
+  EXPECT_PRED2(contains, told, "ES_DEBUG: \"bogus\" is no debug category; there are error, info, detail,");
+  EXPECT_PRED2(contains, told, "ES_DEBUG: \"/debug/es_acl_dll/nope\"");
+  EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 3)
+      << told << "two of them, and that there is no producer";
 }
 
 TEST(Store, OneThatCannotServeIsToldWithPlaceAndReason) {
