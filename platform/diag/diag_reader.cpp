@@ -95,6 +95,7 @@ region read_region(const std::string& path) {
               text_of(header.process),
               text_of(header.name),
               header.wall_offset_ns,
+              diag_is_dead(header),
               {}};
   for (std::vector<char>& body : read.body) {
     body.resize(header.size - sizeof header);
@@ -121,18 +122,15 @@ std::optional<file_name> parse_name(const std::string& name) {
   return file_name{pid, name.substr(first + 1, second - first - 1)};
 }
 
-bool is_wanted(const std::string& name, std::optional<diag_kind> kind, std::optional<int32_t> pid) {
-  const std::optional<file_name> parsed = parse_name(name);
-  if (!parsed) return false;
-  return (!kind || parsed->kind == diag_kind_word(*kind)) && (!pid || parsed->pid == *pid);
-}
-
-void read_into(directory& all, const std::filesystem::path& path) {
+void read_into(directory& all, const std::filesystem::path& path, std::optional<diag_kind> kind) {
   try {
-    all.regions.push_back(read_region(path));
+    region read = read_region(path);
+    if (kind && read.kind != *kind) fail(path, "is not of the kind that its name says");
+    all.regions.push_back(std::move(read));
   } catch (const std::runtime_error& error) {
     // A process that has ended meanwhile took its file with it.
-    if (std::filesystem::exists(path)) all.errors.push_back(error.what());
+    std::error_code gone;
+    if (std::filesystem::exists(path, gone) || gone) all.errors.push_back(error.what());
   }
 }
 
@@ -177,11 +175,13 @@ std::vector<counter> nonzero(const acl_client_relay_entry (&block)[ACL_CLIENT_RE
 }  // namespace
 
 directory read_directory(const std::string& path, std::optional<diag_kind> kind, std::optional<int32_t> pid) {
-  diag_remove_stale(path);
   directory all;
   std::error_code error;
   for (std::filesystem::directory_iterator at(path, error), end; !error && at != end; at.increment(error)) {
-    if (is_wanted(at->path().filename(), kind, pid)) read_into(all, at->path());
+    const std::optional<file_name> name = parse_name(at->path().filename());
+    if (!name || (pid && name->pid != *pid)) continue;
+    ++all.files;
+    if (!kind || name->kind == diag_kind_word(*kind)) read_into(all, at->path(), kind);
   }
   if (error && error != std::errc::no_such_file_or_directory)
     all.errors.push_back(path + ": " + error.message());
@@ -242,6 +242,7 @@ std::vector<blocked_thread> decode_threads(const region& from) {
 }
 
 void switch_category(const region& where, uint32_t index, bool enabled) {
+  if (where.dead) fail(where.path, "its process is gone");
   const open_file file(where.path, O_RDWR);
   const diag_header header = read_header(file, where.path);
   if (header.kind != static_cast<uint32_t>(diag_kind::debug) || index >= kMaxCategories) {

@@ -25,16 +25,18 @@ struct region {
   std::string process;
   std::string name;
   int64_t wall_offset_ns;
+  bool dead;  // the process has ended, and not by the door
   std::vector<char> body[3];
 };
 
 struct directory {
   std::vector<region> regions;  // by process, kind and name
   std::vector<std::string> errors;
+  size_t files = 0;  // of any kind, of that process if one was given
 };
 
-// Reads all regions of the kind (none: of all kinds), of one process if `pid` is given. Files of processes
-// that are gone are removed first. A directory that is missing holds no regions.
+// Reads all regions of the kind (none: of all kinds), of one process if `pid` is given. Changes nothing. A
+// directory that is missing holds no regions.
 directory read_directory(const std::string& path, std::optional<diag_kind> kind, std::optional<int32_t> pid);
 
 struct trace_entry {

@@ -1,12 +1,13 @@
-// es-diag: shows the diagnostics of running processes, and switches their debug categories.
+// es-diag: shows the diagnostics of processes, and switches debug categories of running ones.
 //
 // Every command reads the files of its kind, shows what it can, and says on standard error what it could not
-// read.
+// read or find. Reading changes nothing; what dead processes have left goes with `clean` only.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <iostream>
+#include <set>
 #include <stdexcept>
 
 #include "diag_file.h"
@@ -29,7 +30,7 @@ constexpr const char* kFooter =
     "\n"
     "Exit codes:\n"
     "  0  done\n"
-    "  1  nothing matches what was asked for (--pid, --buffer, --on, --off)\n"
+    "  1  there is nothing, or nothing that matches what was asked for (--pid, --buffer, --on, --off)\n"
     "  2  wrong usage\n"
     "  3  a file could not be read or was damaged; everything else has been shown";
 
@@ -41,6 +42,13 @@ struct options {
   std::vector<std::string> off;
   bool as_json = false;
 };
+
+void say(const std::string& what) { std::cerr << "es-diag: " << printable(what) << '\n'; }
+
+// Where a command has looked: " of process 12 under DIR".
+std::string place(const options& asked) {
+  return (asked.pid ? " of process " + std::to_string(*asked.pid) : "") + " under " + asked.directory;
+}
 
 // One run of a command: what has been read and found, and what will be the exit code.
 class session {
@@ -62,20 +70,22 @@ class session {
   void found() { ++found_; }
   bool as_json() const { return asked_.as_json; }
 
-  int finish(const json& document) const {
+  // `none`, unless empty, is said when nothing was found although the process or directory holds something;
+  // `none_code` is the exit code then.
+  int finish(const json& document, const std::string& none, exit_code none_code = kNoMatch) const {
     if (asked_.as_json) {
       std::cout << document.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
     }
-    for (const std::string& error : files_.errors) std::cerr << "es-diag: " << printable(error) << '\n';
+    std::cout.flush();
+    for (const std::string& error : files_.errors) say(error);
     if (!files_.errors.empty()) return kDamaged;
-    return found_ == 0 && asked_for_something() ? kNoMatch : kDone;
+    if (files_.files == 0) none_code = kNoMatch;
+    const std::string missing = files_.files == 0 ? "nothing" : none;
+    if (found_ == 0 && !missing.empty()) say(missing + place(asked_));
+    return found_ == 0 ? none_code : kDone;
   }
 
  private:
-  bool asked_for_something() const {
-    return asked_.pid || !asked_.buffer.empty() || !asked_.on.empty() || !asked_.off.empty();
-  }
-
   const options& asked_;
   es_diag::directory files_;
   int found_ = 0;
@@ -92,7 +102,7 @@ int list(const options& asked) {
       std::cout << es_diag::heading(one) << " (" << shown["kind"].get<std::string>() << ")\n";
     regions.push_back(std::move(shown));
   });
-  return run.finish({{"regions", regions}});
+  return run.finish({{"regions", regions}}, "nothing");
 }
 
 void print_trace(const region& of, const es_diag::trace_dump& dump) {
@@ -117,7 +127,8 @@ int trace(const options& asked) {
       shown["records"].push_back(es_diag::to_json(entry));
     buffers.push_back(std::move(shown));
   });
-  return run.finish({{"buffers", buffers}});
+  return run.finish({{"buffers", buffers}},
+                    asked.buffer.empty() ? "no trace buffer" : "no trace buffer '" + asked.buffer + '\'');
 }
 
 void print_counters(const char* block, const std::vector<es_diag::counter>& counters) {
@@ -142,34 +153,61 @@ int counters(const options& asked) {
     shown["error"] = es_diag::to_json(dump.error);
     components.push_back(std::move(shown));
   });
-  return run.finish({{"components", components}});
+  return run.finish({{"components", components}}, "no counters");
 }
 
-// Whether a category is meant by one of the names: its own, PATH/NAME, or "all".
-bool is_named(const std::vector<std::string>& names, const region& of, const es_diag::category& category) {
-  const std::string path = of.name.ends_with('/') ? of.name : of.name + '/';
-  return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-    return name == "all" || name == category.name || name == path + category.name;
-  });
-}
+// Switches the categories that the command line names: by their own name, PATH/NAME, or "all". Remembers which
+// of the names meant something.
+class category_switch {
+ public:
+  explicit category_switch(const options& asked)
+      : on_(!asked.on.empty()), names_(on_ ? asked.on : asked.off), unknown_(names_.begin(), names_.end()) {}
 
-// Switches the category if that was asked for. Whether it is to be shown: all are when nothing is switched.
-bool switch_as_asked(const options& asked, const region& of, es_diag::category& category) {
-  const bool on = is_named(asked.on, of, category);
-  const bool off = is_named(asked.off, of, category);
-  if (on || off) {
-    es_diag::switch_category(of, category.index, on);
-    category.enabled = on;
+  // Whether the category is to be shown: all are when nothing is switched.
+  bool apply(const region& of, es_diag::category& category) {
+    if (names_.empty()) return true;
+    if (of.dead || !is_named(of, category)) return false;
+    es_diag::switch_category(of, category.index, on_);
+    category.enabled = on_;
+    return true;
   }
-  return on || off || (asked.on.empty() && asked.off.empty());
+
+  const std::set<std::string>& unknown() const { return unknown_; }
+
+ private:
+  bool is_named(const region& of, const es_diag::category& category) {
+    const std::string path = of.name.ends_with('/') ? of.name : of.name + '/';
+    bool named = false;
+    for (const std::string& name : names_) {
+      if (name != "all" && name != category.name && name != path + category.name) continue;
+      named = true;
+      unknown_.erase(name);
+    }
+    return named;
+  }
+
+  const bool on_;
+  const std::vector<std::string>& names_;
+  std::set<std::string> unknown_;
+};
+
+// What was named and does not exist is told even when other names did.
+int finish_debug(const session& run, const json& categories, const options& asked,
+                 const std::set<std::string>& unknown) {
+  // With names given, the lines below say it.
+  const int code = run.finish({{"categories", categories}}, unknown.empty() ? "no debug category" : "");
+  for (const std::string& name : unknown)
+    say("no running process has a category '" + name + '\'' + place(asked));
+  return code == kDone && !unknown.empty() ? kNoMatch : code;
 }
 
 int debug(const options& asked) {
   session run(asked, diag_kind::debug);
+  category_switch switches(asked);
   json categories = json::array();
   run.each([&](const region& one) {
     for (es_diag::category& category : es_diag::decode_categories(one)) {
-      if (!switch_as_asked(asked, one, category)) continue;
+      if (!switches.apply(one, category)) continue;
       run.found();
       json shown = es_diag::identity(one, "path");
       shown["category"] = category.name;
@@ -181,44 +219,67 @@ int debug(const options& asked) {
                 << (category.enabled ? " on" : " off") << " (" << printable(category.text) << ")\n";
     }
   });
-  return run.finish({{"categories", categories}});
+  return finish_debug(run, categories, asked, switches.unknown());
+}
+
+void print_blocked(const region& of, const json& shown) {
+  std::cout << of.pid << ' ' << printable(of.process) << (of.dead ? " (dead)" : "") << " thread "
+            << shown["thread"] << " waits for mutex " << shown["mutex"].get<std::string>() << " in "
+            << printable(shown["name"]) << ' ' << shown["number"];
+  if (!of.dead) std::cout << " for " << shown["blocked_ms"] << " ms";
+  std::cout << '\n';
+}
+
+json to_json(const region& of, const es_diag::blocked_thread& thread) {
+  char mutex[32];
+  std::snprintf(mutex, sizeof mutex, "0x%llx", static_cast<unsigned long long>(thread.mutex));
+  json shown = {{"pid", of.pid},           {"process", of.process}, {"dead", of.dead},
+                {"thread", thread.thread}, {"mutex", mutex},        {"name", thread.name},
+                {"number", thread.number}};
+  // When a dead one stopped to wait, nobody knows.
+  const uint64_t now = clock_now_ns();
+  if (!of.dead) shown["blocked_ms"] = now > thread.since_ns ? (now - thread.since_ns) / 1'000'000 : 0;
+  return shown;
 }
 
 int threads(const options& asked) {
   session run(asked, diag_kind::threads);
   json blocked = json::array();
   run.each([&](const region& one) {
-    run.found();
     for (const es_diag::blocked_thread& thread : es_diag::decode_threads(one)) {
-      const uint64_t now = clock_now_ns();
-      const uint64_t for_ms = now > thread.since_ns ? (now - thread.since_ns) / 1'000'000 : 0;
-      char mutex[32];
-      std::snprintf(mutex, sizeof mutex, "0x%llx", static_cast<unsigned long long>(thread.mutex));
-      blocked.push_back({{"pid", one.pid},
-                         {"process", one.process},
-                         {"thread", thread.thread},
-                         {"mutex", mutex},
-                         {"name", thread.name},
-                         {"number", thread.number},
-                         {"blocked_ms", for_ms}});
-      if (asked.as_json) continue;
-      std::cout << one.pid << ' ' << printable(one.process) << " thread " << thread.thread
-                << " waits for mutex " << mutex << " in " << printable(thread.name) << ' ' << thread.number
-                << " for " << for_ms << " ms\n";
+      run.found();
+      blocked.push_back(to_json(one, thread));
+      if (!asked.as_json) print_blocked(one, blocked.back());
     }
   });
-  return run.finish({{"blocked", blocked}});
+  return run.finish({{"blocked", blocked}}, "no thread waits for a mutex", kDone);
+}
+
+int clean(const options& asked) {
+  const es_platform::diag_removal done =
+      es_platform::diag_remove_dead(asked.directory, {.pid = asked.pid}, 0);
+  if (asked.as_json)
+    std::cout << json{{"processes", done.processes}, {"files", done.files}}.dump(2) << '\n';
+  else
+    std::cout << "removed " << done.files << " files of " << done.processes << " dead processes\n";
+  for (const std::string& failure : done.failures) say(failure);
+  return done.failures.empty() ? kDone : kDamaged;
 }
 
 using command = int (*)(const options&);
 
+// They may stand before the command and behind it.
+void add_common(CLI::App& app, options& asked) {
+  app.add_option("--pid", asked.pid, "Only this process")->check(CLI::PositiveNumber);
+  app.add_flag("--json", asked.as_json, "Print one JSON document");
+  app.add_option("--dir", asked.directory, "Directory of the diagnostics files");
+  app.footer(kFooter);
+}
+
 CLI::App* add_command(CLI::App& app, const char* name, const char* text, command run, options& asked,
                       command& chosen) {
   CLI::App* made = app.add_subcommand(name, text);
-  made->add_option("--pid", asked.pid, "Only this process")->check(CLI::PositiveNumber);
-  made->add_flag("--json", asked.as_json, "Print one JSON document");
-  made->add_option("--dir", asked.directory, "Directory of the diagnostics files");
-  made->footer(kFooter);
+  add_common(*made, asked);
   made->callback([&chosen, run] { chosen = run; });
   return made;
 }
@@ -233,20 +294,29 @@ void add_commands(CLI::App& app, options& asked, command& chosen) {
   CLI::Option* on = switches->add_option("--on", asked.on, "Switch on a category: NAME, PATH/NAME or all");
   switches->add_option("--off", asked.off, "Switch off a category, likewise")->excludes(on);
   add_command(app, "threads", "Lists threads that wait for a mutex", threads, asked, chosen);
+  add_command(app, "clean", "Removes what dead processes have left", clean, asked, chosen);
+}
+
+// The parser misses the command before it looks at the words that are there.
+int refuse(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> words = app.remaining();
+  const bool unknown = app.get_subcommands().empty() && !words.empty();
+  say((unknown ? "no such command: " + words.front() : error.what()) + " (try --help)");
+  return kUsage;
 }
 
 int run_command(int argc, char** argv) {
   options asked;
   command chosen = nullptr;
-  CLI::App app("Diagnostics of running processes: debug categories, traces, counters, blocked threads",
-               "es-diag");
+  CLI::App app("Diagnostics of processes: debug categories, traces, counters, blocked threads", "es-diag");
   app.require_subcommand(1);
-  app.footer(kFooter);
+  app.set_version_flag("--version", "es-diag " ES_ACL_VERSION);
+  add_common(app, asked);
   add_commands(app, asked, chosen);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    return error.get_exit_code() == 0 ? app.exit(error) : refuse(app, error);
   }
   return chosen(asked);
 }

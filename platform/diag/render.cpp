@@ -28,11 +28,12 @@ std::string printable(const std::string& text) {
 }
 
 std::string heading(const region& of) {
-  return std::to_string(of.pid) + ' ' + printable(of.process) + ' ' + printable(of.name);
+  return std::to_string(of.pid) + ' ' + printable(of.process) + ' ' + printable(of.name) +
+         (of.dead ? " (dead)" : "");
 }
 
 json identity(const region& of, const char* name_key) {
-  return {{"pid", of.pid}, {"process", of.process}, {name_key, of.name}};
+  return {{"pid", of.pid}, {"process", of.process}, {"dead", of.dead}, {name_key, of.name}};
 }
 
 json to_json(const trace_entry& entry) {

@@ -15,10 +15,10 @@ using json = nlohmann::ordered_json;
 std::string time_text(int64_t wall_ns);
 // Without control characters: texts come from other processes.
 std::string printable(const std::string& text);
-// "PID PROCESS NAME"
+// "PID PROCESS NAME", and whether the process is dead
 std::string heading(const region& of);
 
-// The members that every shown region begins with: pid, process, and its name under `name_key`.
+// The members that every shown region begins with: pid, process, whether it is dead, and its name under `name_key`.
 json identity(const region& of, const char* name_key);
 
 json to_json(const trace_entry& entry);

@@ -56,7 +56,8 @@ class region_table {
   }
 
   bool prepare_directory();
-  region map_file(diag_kind kind, const diag_header& header);
+  std::string next_path(const diag_header& header);
+  region map_file(const diag_header& header);
   void after_fork_in_child();
 
   std::mutex mutex_;
@@ -71,24 +72,35 @@ bool region_table::prepare_directory() {
   looked_for_directory_ = true;
   const std::string wanted = diag_directory();
   if (make_runtime_dir(wanted) != 0) return false;
-  diag_remove_stale(wanted);
+  diag_remove_dead(wanted, {.owner = geteuid()}, kDeadProcessesKept);
   directory_ = wanted;
   return true;
 }
 
-// Gives the file its space now: a store to a page for which there is none would end the process.
+// Gives the file its space now: a store to a page for which there is none would end the process. The header
+// comes first, so that an unfinished file of a dead process is known for what it is.
 void* fill_and_map(int fd, const diag_header& header) {
-  if (posix_fallocate(fd, 0, static_cast<off_t>(header.size)) != 0) return nullptr;
   if (pwrite(fd, &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) return nullptr;
+  if (posix_fallocate(fd, 0, static_cast<off_t>(header.size)) != 0) return nullptr;
   void* base = mmap(nullptr, header.size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   return base != MAP_FAILED ? base : nullptr;
 }
 
+// A name that no file has: a dead process of the same id may have left some.
+std::string region_table::next_path(const diag_header& header) {
+  const std::string stem = directory_ + '/' + std::to_string(header.pid) + '.' +
+                           diag_kind_word(static_cast<diag_kind>(header.kind)) + '.';
+  std::string path;
+  do {
+    path = stem + std::to_string(++last_number_);
+  } while (access(path.c_str(), F_OK) == 0);
+  return path;
+}
+
 // The file gets its final name when it is complete. A region without base when there can be no file.
-region region_table::map_file(diag_kind kind, const diag_header& header) {
+region region_table::map_file(const diag_header& header) {
   if (!prepare_directory()) return {};
-  const std::string path = directory_ + '/' + std::to_string(header.pid) + '.' + diag_kind_word(kind) + '.' +
-                           std::to_string(++last_number_);
+  const std::string path = next_path(header);
   const std::string unfinished = path + ".new";
   unlink(unfinished.c_str());
   const int fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
@@ -130,7 +142,7 @@ void* region_table::make(diag_kind kind, const char* name, const char* process, 
   const std::lock_guard lock(mutex_);
   const diag_header header = make_header(kind, name, process, size);
   regions_.reserve(regions_.size() + 1);
-  region made = map_file(kind, header);
+  region made = map_file(header);
   if (made.base == nullptr) {
     made.base = map_private(size);
     if (made.base == nullptr) return nullptr;

@@ -1,13 +1,17 @@
-// Which diagnostics files belong to processes that are gone.
+// Which diagnostics files belong to processes that are gone, and their removal.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <tuple>
 
 #include "diag_file.h"
 #include "runtime_dir.h"
@@ -23,24 +27,53 @@ int32_t pid_of(const char* file_name) {
   return end != file_name && *end == '.' && pid > 0 && pid <= INT32_MAX ? static_cast<int32_t>(pid) : 0;
 }
 
-// The start noted in the file's header; 0 when there is none to read.
-uint64_t noted_start(int directory, const char* file_name) {
+struct close_listing {
+  void operator()(DIR* listing) const { closedir(listing); }
+};
+using listing = std::unique_ptr<DIR, close_listing>;
+
+struct dead_process {
+  int32_t pid;
+  uint64_t start;
+  timespec made;
+  std::vector<std::string> files;
+};
+
+// False when the file is none of ours.
+bool read_header(int directory, const char* file_name, diag_header* header, struct stat* info) {
   const int fd = openat(directory, file_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return 0;
-  diag_header header;
-  const ssize_t got = pread(fd, &header, sizeof header, 0);
+  if (fd < 0) return false;
+  const bool ours = fstat(fd, info) == 0 && S_ISREG(info->st_mode) &&
+                    pread(fd, header, sizeof *header, 0) == static_cast<ssize_t>(sizeof *header) &&
+                    std::memcmp(header->magic, kDiagMagic, sizeof kDiagMagic) == 0;
   close(fd);
-  if (got != sizeof header || std::memcmp(header.magic, kDiagMagic, sizeof kDiagMagic) != 0) return 0;
-  return header.process_start;
+  return ours;
 }
 
-bool is_stale(int directory, const char* file_name) {
-  const int32_t pid = pid_of(file_name);
-  if (pid == 0) return false;
-  const uint64_t running = diag_process_start(pid);
-  if (running == 0) return kill(pid, 0) != 0 && errno == ESRCH;
-  const uint64_t noted = noted_start(directory, file_name);
-  return noted != 0 && noted != running;
+void add_file(std::vector<dead_process>& all, const diag_header& header, const timespec& made,
+              const char* file_name) {
+  auto at = std::find_if(all.begin(), all.end(), [&](const dead_process& one) {
+    return one.pid == header.pid && one.start == header.process_start;
+  });
+  if (at == all.end()) at = all.insert(at, {header.pid, header.process_start, made, {}});
+  at->files.push_back(file_name);
+}
+
+// Those that have left files, the one that started last first.
+std::vector<dead_process> dead_processes(DIR* from, const diag_choice& choice) {
+  std::vector<dead_process> all;
+  while (const dirent* file = readdir(from)) {
+    const int32_t pid = pid_of(file->d_name);
+    if (pid == 0 || (choice.pid && pid != *choice.pid)) continue;
+    diag_header header;
+    struct stat info;
+    if (!read_header(dirfd(from), file->d_name, &header, &info) || !diag_is_dead(header)) continue;
+    if (!choice.owner || info.st_uid == *choice.owner) add_file(all, header, info.st_mtim, file->d_name);
+  }
+  std::sort(all.begin(), all.end(), [](const dead_process& a, const dead_process& b) {
+    return std::tie(a.made.tv_sec, a.made.tv_nsec) > std::tie(b.made.tv_sec, b.made.tv_nsec);
+  });
+  return all;
 }
 
 }  // namespace
@@ -78,13 +111,30 @@ uint64_t diag_process_start(int32_t pid) {
   return at != nullptr ? std::strtoull(at, nullptr, 10) : 0;
 }
 
-void diag_remove_stale(const std::string& directory) {
-  DIR* listing = opendir(directory.c_str());
-  if (listing == nullptr) return;
-  while (const dirent* file = readdir(listing)) {
-    if (is_stale(dirfd(listing), file->d_name)) unlinkat(dirfd(listing), file->d_name, 0);
+bool diag_is_dead(const diag_header& header) {
+  const uint64_t running = diag_process_start(header.pid);
+  if (running == 0) return kill(header.pid, 0) != 0 && errno == ESRCH;
+  return header.process_start != 0 && header.process_start != running;
+}
+
+diag_removal diag_remove_dead(const std::string& directory, const diag_choice& choice, size_t keep) {
+  diag_removal done;
+  const listing from(opendir(directory.c_str()));
+  if (!from) {
+    if (errno != ENOENT) done.failures.push_back(directory + ": " + std::strerror(errno));
+    return done;
   }
-  closedir(listing);
+  const std::vector<dead_process> dead = dead_processes(from.get(), choice);
+  for (size_t i = keep; i < dead.size(); ++i) {
+    ++done.processes;
+    for (const std::string& file : dead[i].files) {
+      if (unlinkat(dirfd(from.get()), file.c_str(), 0) == 0)
+        ++done.files;
+      else if (errno != ENOENT)
+        done.failures.push_back(directory + '/' + file + ": " + std::strerror(errno));
+    }
+  }
+  return done;
 }
 
 }  // namespace es_platform

@@ -1,11 +1,11 @@
 #include "diag_file.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -81,26 +81,43 @@ TEST_F(DiagFile, AForkedChildWritesToMemoryOfItsOwn) {
   EXPECT_EQ(entries[1].operation, "parent");
 }
 
-TEST_F(DiagFile, FilesOfProcessesThatEndedAreRemoved) {
+TEST_F(DiagFile, ExitTakesTheFilesAway) {
   const size_t mine = files_of(getpid());
-  const ended_child killed = in_child(open_only_buffer);
   const ended_child ended = in_child([]() -> int { std::exit(open_only_buffer()); });
-  ASSERT_EQ(killed.code + ended.code, 0);
-  EXPECT_EQ(files_of(ended.pid), 0u) << "it cleans up itself";
-  EXPECT_EQ(files_of(killed.pid), 1u) << "it had no time to";
-  EXPECT_TRUE(regions_of(killed.pid).empty());
-  EXPECT_EQ(files_of(killed.pid), 0u);
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(files_of(ended.pid), 0u);
   EXPECT_EQ(files_of(getpid()), mine) << "and those of nobody else";
 }
 
-TEST_F(DiagFile, AFileOfAnEarlierProcessWithThisIdIsRemoved) {
-  const std::string earlier = diagnostics_directory() + '/' + std::to_string(getpid()) + ".trace.9999";
-  es_platform::diag_header header{};
-  std::copy(std::begin(es_platform::kDiagMagic), std::end(es_platform::kDiagMagic), header.magic);
-  header.process_start = es_platform::diag_process_start(getpid()) - 1;
-  std::ofstream(earlier).write(reinterpret_cast<const char*>(&header), sizeof header);
-  regions_of(getpid());
-  EXPECT_FALSE(fs::exists(earlier));
+TEST_F(DiagFile, WhatTheDeadLeaveStaysReadableUntilItIsRemoved) {
+  const ended_child older = in_child(open_only_buffer), dead = in_child(open_only_buffer);
+  const std::string directory = diagnostics_directory(), mine = directory + '/' + std::to_string(getpid());
+  const std::string not_ours = directory + '/' + std::to_string(dead.pid) + ".trace.77";
+  std::ofstream(not_ours) << std::string(1000, 'x');
+  for (const es_diag::region& one : regions_of(older.pid))
+    fs::last_write_time(one.path, fs::last_write_time(one.path) - std::chrono::hours(1));
+  for (int i = 0; i < 2; ++i) {
+    const auto left = regions_of(dead.pid);
+    ASSERT_EQ(left.size(), 1u) << "reading removes nothing";
+    EXPECT_TRUE(left[0].dead);
+  }
+  // The id of this process, which started later.
+  es_platform::diag_header earlier{};
+  std::copy(std::begin(es_platform::kDiagMagic), std::end(es_platform::kDiagMagic), earlier.magic);
+  earlier.pid = getpid();
+  earlier.process_start = es_platform::diag_process_start(getpid()) - 1;
+  std::ofstream(mine + ".trace.9999").write(reinterpret_cast<const char*>(&earlier), sizeof earlier);
+  const size_t files = files_of(getpid());
+
+  es_platform::diag_remove_dead(directory, {.owner = geteuid() + 1}, 0);
+  es_platform::diag_remove_dead(directory, {}, 2);
+  EXPECT_EQ(files_of(older.pid), 0u) << "the oldest go first";
+  EXPECT_EQ(files_of(dead.pid), 2u);
+  EXPECT_EQ(files_of(getpid()), files);
+  es_platform::diag_remove_dead(directory, {}, 0);
+  EXPECT_EQ(files_of(getpid()), files - 1);
+  EXPECT_EQ(files_of(dead.pid), 1u) << "what is no diagnostics file stays";
+  EXPECT_TRUE(fs::remove(not_ours));
 }
 
 // 0 when every service that keeps diagnostics works where there can be no files.

@@ -59,7 +59,11 @@ TEST_F(EsDiag, ExitCodesSayWhatHappened) {
   } cases[] = {
       {"--help", 0},
       {"trace --help", 0},
-      {"list --dir /no/such/directory", 0},
+      {"--version", 0},
+      {"list --dir /no/such/directory", 1},
+      {"--dir /no/such/directory list", 1},
+      {"clean --dir /no/such/directory", 0},
+      {"debug --on nothing category1" + mine, 1},
       {"threads", 0},
       {"trace --buffer _wr" + mine, 0},
       {"trace --pid 999999999", 1},
