@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -22,15 +23,24 @@ void set_error(const char* what, const char* why) {
   std::snprintf(last_error, sizeof last_error, "%s%s%s", named ? "" : what, named ? "" : ": ", why);
 }
 
+// The directory of the file that holds this library, empty when it cannot be told. Asked while the library is loaded:
+// the loader may know a relative path, which holds only until the process changes its directory.
+struct Directory {
+  char path[PATH_MAX] = "";
+
+  Directory() {
+    Dl_info here;
+    if (dladdr(this, &here) == 0 || here.dli_fname == nullptr || realpath(here.dli_fname, path) == nullptr)
+      return;
+    if (char* slash = std::strrchr(path, '/')) *slash = '\0';
+  }
+};
+const Directory own_directory;
+
 // Writes the path of `name` beside this library's file; false when that cannot be told or is no file.
 bool path_beside(const char* name, char (&path)[PATH_MAX]) {
-  static const char anchor = 0;  // something of this library, to ask for the file that holds it
-  Dl_info here;
-  if (dladdr(&anchor, &here) == 0) return false;
-  const char* slash = here.dli_fname != nullptr ? std::strrchr(here.dli_fname, '/') : nullptr;
-  if (slash == nullptr) return false;
-  const int length = std::snprintf(path, sizeof path, "%.*s/%s", static_cast<int>(slash - here.dli_fname),
-                                   here.dli_fname, name);
+  if (*own_directory.path == '\0') return false;
+  const int length = std::snprintf(path, sizeof path, "%s/%s", own_directory.path, name);
   return length < static_cast<int>(sizeof path) && access(path, F_OK) == 0;
 }
 
