@@ -1,5 +1,6 @@
 // Many client threads at once: what the counters and the store then hold, and, under ThreadSanitizer, that
 // nothing raced on the way.
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -11,61 +12,48 @@ using namespace es_test;
 namespace {
 
 constexpr int kThreads = 4;
-constexpr int kRounds = 25;
+constexpr uint32_t kRounds = 25;
 
 class Concurrency : public LibraryTest {
  protected:
   void SetUp() override { initialise(); }
-  static void run(const std::function<void(int)>& body) {
+  // Every thread runs the body; how many of its calls return false is told.
+  static uint32_t failures(const std::function<bool(int thread, uint32_t round)>& body) {
+    std::atomic<uint32_t> failed{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) threads.emplace_back(body, i);
+    for (int i = 0; i < kThreads; ++i)
+      threads.emplace_back([&body, &failed, i] {
+        for (uint32_t round = 1; round <= kRounds; ++round) failed += body(i, round) ? 0 : 1;
+      });
     for (std::thread& thread : threads) thread.join();
+    return failed;
   }
 };
 
-// Numbers of the ACEs that a walk shows.
-std::vector<uint32_t> walk(es_acl_head* acl) {
-  std::vector<uint32_t> seen;
-  es_acl_ace_node* node = es_get_first_ace(acl);
-  for (; es_get_ace_data(acl, node) != nullptr; node = es_get_next_ace(acl, node))
-    seen.push_back(es_get_ace_data(acl, node)->seq);
-  return seen;
-}
-
 // Gets, walks, matches and releases an ACL of its own; the status of the first step that fails.
 uint32_t one_round(const char* name) {
-  void* name_entry = const_cast<char*>(name);
-  void* handle = nullptr;
-  uint32_t result = 0, aces = 0, remarks = 0;
-  const es_acl_handle_list names = {1, &name_entry};
-  es_acl_handle_list handles = {0, &handle};
-  if (const uint32_t rc = es_acl_get_acl(&names, &handles, &result)) return rc;
-  auto* const acl = static_cast<es_acl_head*>(handle);
-  if (walk(acl) != std::vector<uint32_t>{5, 9, 11}) return 1000;
+  uint32_t aces = 0, remarks = 0;
+  const Got got = get({name});
+  if (got.status != 0) return got.status;
+  es_acl_head* const acl = got.heads[0];
+  if (walk(acl) != Numbers{5, 9, 11}) return 1000;
   if (es_acl_lookup(name) != acl || es_acl_search_item(acl, 9) == nullptr) return 1001;
-  es_acl_match_complex(acl, &names, 0, 0);
+  es_acl_match_complex(acl, &got, 0, 0);
   if (const uint32_t rc = es_acl_get_ace_count(name, &aces, &remarks)) return rc;
   es_acl_delete_item(acl, 5);
-  es_acl_release(&handles);
+  release({acl});
   return aces == 3 ? 0 : 1002;
 }
 
 TEST_F(Concurrency, DifferentAcls) {
   platform().pcx_read.always(answer(ace_records({5, 9, 11})));
-  std::atomic<uint32_t> failures{0};
-  run([&failures](int i) {
-    const std::string name = "acl-" + std::to_string(i);
-    for (int round = 0; round < kRounds; ++round)
-      if (one_round(name.c_str()) != 0) ++failures;
-  });
-  EXPECT_EQ(failures, 0U);
+  EXPECT_EQ(failures([](int i, uint32_t) { return one_round(("acl-" + std::to_string(i)).c_str()) == 0; }),
+            0U);
   EXPECT_EQ(held_names(), Lines{});
   constexpr uint32_t kRuns = kThreads * kRounds;
-  EXPECT_EQ(main_counters()[15].count, kRuns);
-  EXPECT_EQ(main_counters()[22].count, kRuns);
-  EXPECT_EQ(main_counters()[40].count, 3 * kRuns);
-  EXPECT_EQ(main_counters()[41].count, kRuns);
-  EXPECT_EQ(main_counters()[42].count, kRuns);
+  const std::pair<size_t, uint32_t> counts[] = {
+      {15, kRuns}, {22, kRuns}, {40, 3 * kRuns}, {41, kRuns}, {42, kRuns}};
+  for (const auto& [counter, count] : counts) EXPECT_EQ(main_counters[counter].count, count) << counter;
 }
 
 TEST_F(Concurrency, CountQueriesUseTheAddressesTheyFound) {
@@ -75,29 +63,23 @@ TEST_F(Concurrency, CountQueriesUseTheAddressesTheyFound) {
         if (pointer_name(address) != "address:" + get_name(Bytes(bytes, bytes + 76), 8)) return 5;
         return answer(count_answer(1, 0))(address, request, 76, buffer, length);
       });
-  std::atomic<uint32_t> failures{0};
-  run([&failures](int i) {
-    const std::string name = "acl-" + std::to_string(i);
-    uint32_t aces = 0, remarks = 0;
-    for (int round = 0; round < kRounds; ++round)
-      if (es_acl_get_ace_count(name.c_str(), &aces, &remarks) != 0) ++failures;
-  });
-  EXPECT_EQ(failures, 0U);
+  EXPECT_EQ(failures([](int i, uint32_t) {
+              uint32_t aces = 0, remarks = 0;
+              return es_acl_get_ace_count(("acl-" + std::to_string(i)).c_str(), &aces, &remarks) == 0;
+            }),
+            0U);
 }
 
 TEST_F(Concurrency, OneAclGrowsWhileItIsRead) {
   es_acl_head* const acl = make_acl("edge");
-  std::atomic<uint32_t> disorders{0};
-  run([acl, &disorders](int i) {
-    for (uint32_t round = 1; round <= kRounds; ++round) {
-      const uint32_t seq = round * kThreads - static_cast<uint32_t>(i);
-      es_acl_add_acl_item(acl, make_ace(seq), seq, ES_ACL_ADD_KEEP);
-      const std::vector<uint32_t> seen = walk(acl);
-      if (!std::is_sorted(seen.begin(), seen.end()) || es_acl_search_item(acl, seq) == nullptr) ++disorders;
-      es_acl_set_modify_mode(es_acl_get_modify_mode() ^ 1);
-    }
-  });
-  EXPECT_EQ(disorders, 0U);
+  EXPECT_EQ(failures([acl](int i, uint32_t round) {
+              const uint32_t seq = round * kThreads - static_cast<uint32_t>(i);
+              es_acl_add_acl_item(acl, make_ace(seq), seq, ES_ACL_ADD_KEEP);
+              es_acl_set_modify_mode(es_acl_get_modify_mode() ^ 1);
+              const Numbers seen = walk(acl);
+              return std::is_sorted(seen.begin(), seen.end()) && es_acl_search_item(acl, seq) != nullptr;
+            }),
+            0U);
   EXPECT_EQ(walk(acl).size(), static_cast<size_t>(kThreads * kRounds));
 }
 

@@ -1,250 +1,53 @@
 // Getting ACLs by name: shared, new and failed handles, and what a failure leaves behind.
-#include <functional>
-
 #include "library_fixture.h"
 
 using namespace es_test;
 
 namespace {
 
-constexpr uint32_t kUntouched = 4711;
 constexpr uint32_t kBadName = 0xc6b18a00;
 
-Lines operator+(Lines left, const Lines& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
+const Lines kChecked = {"I: Entering es_acl_getlist_acl: number of handles: 1", "trace w",
+                        "I: Entering es_acl_check_acl_name: acl_name: edge"};
+const Lines kLookedUp =
+    lines(kChecked, "I: Entering es_acl_lookup_internal: name = edge", "store.acl_lookup(\"edge\")");
+const Lines kCreated =
+    lines(kLookedUp, "D: es_acl_getlist_acl: Creating new ACL head type", "store.get_header(\"edge\")");
+const std::string kDsv = "dsv_register(793173, \"edge\", ptr)";
+const Lines kUpToDsv = lines(kCreated, kDsv);
+const Lines kUpToBus = lines(kUpToDsv, "pcx_register(reg:edge, 0, 0, es_acl_cpcx_handler)");
+const Lines kUpToProducer =
+    lines(kUpToBus, "I: Entering es_acl_cpcx_read_acl for edge", "pcx_query_producer(reg:edge)");
 
-const Lines kStart = {"I: Entering es_acl_getlist_acl: number of handles: 1", "trace w"};
-const Lines kChecked = {"I: Entering es_acl_check_acl_name: acl_name: edge"};
-const Lines kLookedUp = {"I: Entering es_acl_lookup_internal: name = edge", "store.acl_lookup(\"edge\")"};
-const Lines kCreated = {"D: es_acl_getlist_acl: Creating new ACL head type", "store.get_header(\"edge\")"};
-const std::string kDsv = "dsv_register(793173, \"edge\")";
-const std::string kBus = "pcx_register(reg:edge, 0, 0, es_acl_cpcx_handler)";
-const std::string kSleep = "nanosleep(1, 0)";
-const Lines kReading = {"I: Entering es_acl_cpcx_read_acl for edge", "pcx_query_producer(reg:edge)"};
+// What the log ends with when one step of a new head fails with this status.
+Lines failed(const std::string& step, const std::string& code) {
+  return {"E: es_acl_getlist_acl: " + step + " failed: " + code, "trace w"};
+}
+const std::string kUnregistered = "pcx_unregister(reg:edge)";
 const Lines kDiscarded = {"I: Entering : es_acl_freelist", "store.freelist(head:edge, null)"};
-const Lines kUpToHead = kStart + kChecked + kLookedUp + kCreated;
 
-class Get : public LibraryTest {
- protected:
-  void SetUp() override { initialise(); }
-
-  // A get of these names; handles_ and results_ have one slot more than needed, which must stay as it is.
-  uint32_t get(std::vector<const char*> names, uint32_t check_count = 0) {
-    handles_.assign(names.size() + 1, this);
-    results_.assign(names.size() + 1, kUntouched);
-    const es_acl_handle_list in = {static_cast<uint32_t>(names.size()),
-                                   const_cast<void**>(reinterpret_cast<const void**>(names.data()))};
-    out_ = {kUntouched, handles_.data()};
-    const uint32_t status = es_acl_getlist_acl(&in, &out_, results_.data(), check_count);
-    EXPECT_EQ(out_.count, names.size());
-    EXPECT_EQ(handles_.back(), this);
-    EXPECT_EQ(results_.back(), kUntouched);
-    handles_.pop_back();
-    results_.pop_back();
-    return status;
-  }
-
-  es_acl_head* head(size_t i) const { return static_cast<es_acl_head*>(handles_.at(i)); }
-
-  std::vector<void*> handles_;
-  std::vector<uint32_t> results_;
-  es_acl_handle_list out_{};
-};
-
-TEST_F(Get, NewAcl) {
-  platform().pcx_read.next(answer(ace_records({10, 20})));
-  EXPECT_EQ(get({"edge"}), 0U);
-  ASSERT_EQ(head(0), held("edge"));
-  EXPECT_EQ(results_, (std::vector<uint32_t>{0}));
-  EXPECT_EQ(head(0)->refcount, 1);
-  EXPECT_EQ(head(0)->created_by_get, 1);
-  EXPECT_EQ(head(0)->evm_ctx, ctx());
-  EXPECT_EQ(pointer_name(head(0)->reg_handle), "reg:edge");
-  EXPECT_EQ(held_sequence(head(0)), (std::vector<uint32_t>{10, 20}));
-  Lines until_read = log();
-  until_read.resize(kUpToHead.size() + 4);
-  EXPECT_EQ(until_read, (kUpToHead + Lines{kDsv, kBus} + kReading));
-}
-
-TEST_F(Get, HeadIsPreparedBeforeItIsRegistered) {
-  platform().dsv_register.next([this](uint32_t, const char* name, void**) {
-    EXPECT_EQ(held(name)->created_by_get, 1);
-    EXPECT_EQ(held(name)->evm_ctx, ctx());
-    return 5U;
-  });
-  EXPECT_EQ(get({"edge"}), 5U);
-}
-
-TEST_F(Get, HeldAclIsShared) {
-  EXPECT_EQ(get({"edge"}), 0U);
-  es_acl_head* const first = head(0);
-  clear_log();
-  EXPECT_EQ(get({"edge"}), 0U);
-  EXPECT_EQ(head(0), first);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{0}));
-  EXPECT_EQ(first->refcount, 2);
-  EXPECT_EQ(log(), (kStart + kChecked + kLookedUp + Lines{"trace w"}));
-  es_acl_release(&out_);
-  EXPECT_EQ(held("edge"), first);
-  es_acl_release(&out_);
-  EXPECT_EQ(held("edge"), nullptr);
-}
-
-TEST_F(Get, SameNameTwiceInOneList) {
-  EXPECT_EQ(get({"edge", "edge"}), 0U);
-  EXPECT_EQ(head(0), head(1));
-  EXPECT_EQ(head(0)->refcount, 2);
-}
-
-TEST_F(Get, EmptyList) {
-  EXPECT_EQ(get({}), 0U);
-  EXPECT_EQ(log(), (Lines{"I: Entering es_acl_getlist_acl: number of handles: 0", "trace w"}));
-}
-
-TEST_F(Get, WithoutAProducerTheAclIsEmpty) {
-  platform().pcx_query_producer.always(2);
-  EXPECT_EQ(get({"edge"}), 0U);
-  ASSERT_NE(head(0), nullptr);
-  EXPECT_EQ(es_get_first_ace(head(0)), nullptr);
-}
-
-// --- One list, several fates ---
-
-TEST_F(Get, InvalidNamesAreReportedAndSkipped) {
-  const std::string too_long = long_name(65);
-  EXPECT_EQ(get({"edge", "", "a b", nullptr, "trace", too_long.c_str(), "core"}), 0U);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{0, kBadName, kBadName, kBadName, kBadName, kBadName, 0}));
-  for (size_t i = 1; i < 6; ++i) EXPECT_EQ(head(i), nullptr);
-  EXPECT_EQ(held_names(), (std::vector<std::string>{"core", "edge"}));
-  EXPECT_THAT(log(),
-              ::testing::IsSupersetOf({"E: es_acl_getlist_acl: acl name a b is invalid: <0xc6b18a00>",
-                                       "E: es_acl_getlist_acl: acl name (null) is invalid: <0xc6b18a00>",
-                                       "E: es_acl_getlist_acl: acl name trace is invalid: <0xc6b18a00>"}));
-}
-
-TEST_F(Get, TheLastNamesStatusIsReturned) {
-  EXPECT_EQ(get({"edge", "a b"}), kBadName);
-  EXPECT_EQ(log(kAll & ~kCall).back(), "trace w");
-  EXPECT_EQ(get({"a b", "edge"}), 0U);
-  platform().dsv_register.next(5);
-  EXPECT_EQ(get({"core"}), 5U);
-  store().get_header.next(nullptr);
-  EXPECT_EQ(get({"edge", "core"}), 12U);
-}
-
-// --- Asking for the count first ---
-
-TEST_F(Get, CheckCountVariants) {
-  platform().pcx_read.next(answer(count_answer(2, 1)));
-  EXPECT_EQ(get({"edge"}, 1), 0U);
-  EXPECT_NE(head(0), nullptr);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{0}));
-
-  platform().pcx_read.next(answer(count_answer(0, 0)));
-  clear_log();
-  EXPECT_EQ(get({"core"}, 7), 0U);
-  EXPECT_EQ(head(0), nullptr);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{kUntouched}));
-  EXPECT_EQ(log().back(), "E: es_acl_getlist_acl: ACL is not configured yet");
-
-  platform().dsv_lookup_data.next(0xa2ce3000);
-  EXPECT_EQ(get({"core"}, 1), 0U);
-  EXPECT_EQ(head(0), nullptr);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{kUntouched}));
-  EXPECT_EQ(held("core"), nullptr);
-}
-
-TEST_F(Get, FailedCountLeavesNoHandleEvenForAHeldAcl) {
-  platform().pcx_query_producer.always(2);
-  EXPECT_EQ(get({"edge"}), 0U);
-  es_acl_head* const first = head(0);
-  platform().pcx_read.next(5);
-  clear_log();
-  EXPECT_EQ(get({"edge"}, 1), 5U);
-  EXPECT_EQ(head(0), nullptr);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{5}));
-  EXPECT_EQ(first->refcount, 1);
-  const Lines lines = log();
-  EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
-            (Lines{"E: es_acl_getlist_acl: es_acl_query_acl_type failed <0x5>", "trace w"}));
-}
-
-TEST_F(Get, NotConfiguredYetEndsWithStatus0) {
-  platform().pcx_read.next(5);
-  platform().pcx_read.next(answer(count_answer(0, 0)));
-  EXPECT_EQ(get({"edge", "core"}, 1), 0U);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{5, kUntouched}));
-}
-
-// --- Failures of a new head ---
-
-struct Failure {
-  const char* name;
-  std::function<void()> arrange;
-  uint32_t status;
-  Lines expected;  // behind the head's creation
-};
-
-void PrintTo(const Failure& failure, std::ostream* out) { *out << failure.name; }
-
-const Failure kFailures[] = {
+const Case kFailures[] = {
+    {"no_head", [] { store().get_header.next(nullptr); }, 12,
+     lines(kCreated, "E: es_acl_getlist_acl: acl edge get_header failed", "trace w")},
     {"name_service", [] { platform().dsv_register.next(5); }, 5,
-     Lines{kDsv, "E: es_acl_getlist_acl: DSV register failed: <0x5>", "trace w"} + kDiscarded},
+     lines(kUpToDsv, failed("DSV register", "<0x5>"), kDiscarded)},
     {"name_service_errno", [] { platform().dsv_register.next(failed_with(28)); }, 28,
-     Lines{kDsv, "E: es_acl_getlist_acl: DSV register failed: <0x1c>", "trace w"} + kDiscarded},
+     lines(kUpToDsv, failed("DSV register", "<0x1c>"), kDiscarded)},
     {"name_service_permanent_class", [] { platform().dsv_register.next(0xa0000000); }, 0xa0000000,
-     Lines{kDsv, "E: es_acl_getlist_acl: DSV register failed: <0xa0000000>", "trace w"} + kDiscarded},
+     lines(kUpToDsv, failed("DSV register", "<0xa0000000>"), kDiscarded)},
     {"name_service_other_class", [] { platform().dsv_register.next(0x40000001); }, 0x40000001,
-     Lines{kDsv, "E: es_acl_getlist_acl: DSV register failed: <0x40000001>", "trace w"} + kDiscarded},
+     lines(kUpToDsv, failed("DSV register", "<0x40000001>"), kDiscarded)},
     {"name_service_transient_throughout", [] { platform().dsv_register.next(0x80000001, 4); }, 0x80000001,
-     Lines{kDsv, kSleep, kDsv, kSleep, kDsv, kSleep, kDsv, kSleep,
-           "E: es_acl_getlist_acl: DSV register failed: <0x80000001>", "trace w"} +
-         kDiscarded},
+     lines(kUpToDsv, kSleep, kDsv, kSleep, kDsv, kSleep, kDsv, kSleep, failed("DSV register", "<0x80000001>"),
+           kDiscarded)},
     {"bus", [] { platform().pcx_register.next(17); }, 17,
-     Lines{kDsv, kBus, "E: es_acl_getlist_acl: PCX register failed: <0x11>", "trace w",
-           "pcx_unregister(reg:edge)"} +
-         kDiscarded},
+     lines(kUpToBus, failed("PCX register", "<0x11>"), kUnregistered, kDiscarded)},
     {"bus_is_not_retried", [] { platform().pcx_register.next(0x80000001); }, 0x80000001,
-     Lines{kDsv, kBus, "E: es_acl_getlist_acl: PCX register failed: <0x80000001>", "trace w",
-           "pcx_unregister(reg:edge)"} +
-         kDiscarded},
+     lines(kUpToBus, failed("PCX register", "<0x80000001>"), kUnregistered, kDiscarded)},
     {"producer_query", [] { platform().pcx_query_producer.next(62); }, 62,
-     Lines{kDsv, kBus} + kReading +
-         Lines{"D: es_acl_cpcx_read_acl: pcx_query_producer failed, return code 62", "trace w",
-               "E: es_acl_getlist_acl: PCX read failed: <0x3e>", "trace w", "pcx_unregister(reg:edge)"} +
-         kDiscarded},
+     lines(kUpToProducer, "D: es_acl_cpcx_read_acl: pcx_query_producer failed, return code 62", "trace w",
+           failed("PCX read", "<0x3e>"), kUnregistered, kDiscarded)},
 };
-
-class GetFailure : public Get, public ::testing::WithParamInterface<Failure> {};
-
-TEST_P(GetFailure, LeavesNoTrace) {
-  GetParam().arrange();
-  EXPECT_EQ(get({"edge"}), GetParam().status);
-  EXPECT_EQ(log(), kUpToHead + GetParam().expected);
-  EXPECT_EQ(head(0), nullptr);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{GetParam().status}));
-  EXPECT_EQ(held("edge"), nullptr);
-}
-
-INSTANTIATE_TEST_SUITE_P(Steps, GetFailure, ::testing::ValuesIn(kFailures),
-                         [](const auto& instance) { return instance.param.name; });
-
-TEST_F(Get, TransientNameServiceFailuresPass) {
-  platform().dsv_register.next(0x80000001, 3);
-  EXPECT_EQ(get({"edge"}), 0U);
-  Lines until_bus = log();
-  until_bus.resize(kUpToHead.size() + 8);
-  EXPECT_EQ(until_bus, (kUpToHead + Lines{kDsv, kSleep, kDsv, kSleep, kDsv, kSleep, kDsv, kBus}));
-}
-
-TEST_F(Get, NoHead) {
-  store().get_header.next(nullptr);
-  EXPECT_EQ(get({"edge"}), 12U);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{12}));
-  EXPECT_EQ(log(), (kUpToHead + Lines{"E: es_acl_getlist_acl: acl edge get_header failed", "trace w"}));
-}
 
 // A failed read discards the head, unless the read has released it itself: then only the registration is left
 // to be withdrawn. The status does not tell the two apart.
@@ -254,7 +57,6 @@ struct FailedRead {
   uint32_t status;
   bool released;  // by the read
 };
-
 void PrintTo(const FailedRead& row, std::ostream* out) { *out << row.name; }
 
 const FailedRead kFailedReads[] = {
@@ -265,77 +67,181 @@ const FailedRead kFailedReads[] = {
     {"no_room", [] { platform().pcx_get_optimum_msg_size.next(0); }, 22, false},
     {"no_record",
      [] {
-       platform().pcx_read.next(answer(ace_records({5})));
+       platform().pcx_read.next(answer(ace_record(5)));
        platform().pool_take.next(nullptr);
      },
      12, true},
     {"store_refuses",
      [] {
-       platform().pcx_read.next(answer(ace_records({5})));
+       platform().pcx_read.next(answer(ace_record(5)));
        store().add_acl_item_iter.next(28);
      },
      12, true},
 };
 
+class Get : public LibraryTest {
+ protected:
+  void SetUp() override { initialise(); }
+  static void expect_failed(const Got& got, uint32_t status) {
+    EXPECT_EQ(got.status, status);
+    EXPECT_EQ(got.heads, std::vector<es_acl_head*>{nullptr});
+    EXPECT_EQ(got.results, Numbers{status});
+    EXPECT_EQ(held("edge"), nullptr);
+  }
+};
+
+class GetFailure : public Get, public ::testing::WithParamInterface<Case> {};
+
+TEST_P(GetFailure, LeavesNoTrace) {
+  GetParam().arrange();
+  expect_failed(get({"edge"}), GetParam().status);
+  EXPECT_EQ(log(), GetParam().expected);
+}
+
+INSTANTIATE_CASES(GetFailure, kFailures);
+
 class GetFailedRead : public Get, public ::testing::WithParamInterface<FailedRead> {};
 
 TEST_P(GetFailedRead, TheHeadGoesOnceAndItsRegistrationToo) {
   GetParam().arrange();
-  EXPECT_EQ(get({"edge"}), GetParam().status);
-  EXPECT_EQ(head(0), nullptr);
-  EXPECT_EQ(results_, (std::vector<uint32_t>{GetParam().status}));
-  EXPECT_EQ(held("edge"), nullptr);
-  const Lines lines = log();
-  const auto times = [&lines](const std::string& line) {
-    return std::count(lines.begin(), lines.end(), line);
-  };
-  char reported[128];
-  snprintf(reported, sizeof reported, "E: es_acl_getlist_acl: PCX read failed: <%#x>", GetParam().status);
-  EXPECT_EQ(times(reported), 1);
-  EXPECT_EQ(times("pcx_unregister(reg:edge)"), 1);
-  EXPECT_EQ(times("store.acl_release(\"edge\")"), GetParam().released ? 1 : 0);
-  EXPECT_EQ(times("store.freelist(head:edge, null)"), GetParam().released ? 0 : 1);
-  EXPECT_EQ(times("pool_take(pool)") >= times("pool_give(pool)"), true);
-
-  // And the name can be got again.
-  EXPECT_EQ(get({"edge"}), 0U);
-  EXPECT_NE(head(0), nullptr);
+  expect_failed(get({"edge"}), GetParam().status);
+  EXPECT_EQ(log_of("E: es_acl_getlist_acl"), Lines{failed("PCX read", errcode_string(GetParam().status))[0]});
+  EXPECT_EQ(log_of("pcx_unregister"), Lines{kUnregistered});
+  EXPECT_EQ(log_of("store.acl_release").size(), GetParam().released ? 1U : 0U);
+  EXPECT_EQ(log_of("store.freelist").size(), GetParam().released ? 0U : 1U);
+  EXPECT_NE(get({"edge"}).heads[0], nullptr) << "the name can be got again";
 }
 
-INSTANTIATE_TEST_SUITE_P(Causes, GetFailedRead, ::testing::ValuesIn(kFailedReads),
-                         [](const auto& instance) { return instance.param.name; });
+INSTANTIATE_CASES(GetFailedRead, kFailedReads);
 
-// --- es_acl_get_acl ---
+TEST_F(Get, NewAcl) {
+  platform().dsv_register.next(0x80000001, 2);
+  platform().dsv_register.next([this](uint32_t, const char* name, void**) {
+    EXPECT_EQ(held(name)->created_by_get, 1) << "prepared before it is registered";
+    EXPECT_EQ(held(name)->evm_ctx, ctx());
+    return 0x80000001;
+  });
+  platform().pcx_read.next(answer(ace_records({10, 20})));
+  const Got got = get({"edge"});
+  EXPECT_EQ(got.status, 0U);
+  EXPECT_EQ(got.results, Numbers{0});
+  ASSERT_EQ(got.heads[0], held("edge"));
+  EXPECT_EQ(got.heads[0]->refcount, 1);
+  EXPECT_EQ(pointer_name(got.heads[0]->reg_handle), "reg:edge");
+  EXPECT_EQ(held_sequence(got.heads[0]), (Numbers{10, 20}));
+  Lines until_read = log();
+  until_read.resize(kUpToProducer.size() + 6);
+  EXPECT_EQ(until_read, lines(kUpToDsv, kSleep, kDsv, kSleep, kDsv, kSleep, kDsv,
+                              Lines(kUpToProducer.end() - 3, kUpToProducer.end())));
+}
+
+TEST_F(Get, HeldAclIsShared) {
+  es_acl_head* const first = get({"edge"}).heads[0];
+  clear_log();
+  const Got again = get({"edge"});
+  EXPECT_EQ(again.heads, std::vector{first});
+  EXPECT_EQ(again.results, Numbers{0});
+  EXPECT_EQ(log(), lines(kLookedUp, "trace w"));
+  EXPECT_EQ(get({"edge", "edge"}).heads, (std::vector{first, first})) << "twice in one list";
+  EXPECT_EQ(first->refcount, 4);
+  release({first, first, first});
+  EXPECT_EQ(held("edge"), first);
+  release({first});
+  EXPECT_EQ(held("edge"), nullptr);
+}
+
+TEST_F(Get, NothingToRead) {
+  EXPECT_EQ(get({}).status, 0U);
+  EXPECT_EQ(log(), (Lines{"I: Entering es_acl_getlist_acl: number of handles: 0", "trace w"}));
+  platform().pcx_query_producer.next(2);
+  const Got got = get({"edge"});
+  EXPECT_EQ(got.status, 0U);
+  EXPECT_EQ(walk(got.heads.at(0)), Numbers{});
+}
+
+// --- One list, several fates ---
+
+TEST_F(Get, InvalidNamesAreReportedAndSkipped) {
+  const std::string too_long = long_name(65);
+  const Got got = get({"edge", "", "a b", nullptr, "trace", too_long.c_str(), "core"});
+  EXPECT_EQ(got.status, 0U);
+  EXPECT_EQ(got.results, (Numbers{0, kBadName, kBadName, kBadName, kBadName, kBadName, 0}));
+  for (size_t i = 1; i < 6; ++i) EXPECT_EQ(got.heads[i], nullptr);
+  EXPECT_EQ(held_names(), (Lines{"core", "edge"}));
+  const auto invalid = [](const std::string& name) {
+    return "E: es_acl_getlist_acl: acl name " + name + " is invalid: <0xc6b18a00>";
+  };
+  EXPECT_EQ(log_of("E: es_acl_getlist_acl"),
+            (Lines{invalid(""), invalid("a b"), invalid("(null)"), invalid("trace"), invalid(too_long)}));
+}
+
+TEST_F(Get, TheLastNamesStatusIsReturned) {
+  EXPECT_EQ(get({"edge", "a b"}).status, kBadName);
+  EXPECT_EQ(log().back(), "trace w");
+  EXPECT_EQ(get({"a b", "edge"}).status, 0U);
+  platform().pcx_read.next(5);
+  platform().pcx_read.next(answer(count_answer(0, 0)));
+  const Got unconfigured = get({"access", "core"}, 1);
+  EXPECT_EQ(unconfigured.status, 0U);
+  EXPECT_EQ(unconfigured.results, (Numbers{5, kUntouched}));
+}
+
+// --- Asking for the count first ---
+
+TEST_F(Get, CountDecides) {
+  platform().pcx_read.next(answer(count_answer(2, 1)));
+  const Got got = get({"edge"}, 1);
+  EXPECT_NE(got.heads[0], nullptr);
+  EXPECT_EQ(got.results, Numbers{0});
+  EXPECT_EQ(log_of("dsv_lookup_data").size(), 1U);
+
+  for (const bool registered : {true, false}) {
+    if (!registered) platform().dsv_lookup_data.next(0xa2ce3000);
+    platform().pcx_read.next(answer(count_answer(0, 0)));
+    const Got unconfigured = get({"core"}, 7);
+    EXPECT_EQ(unconfigured.status, 0U);
+    EXPECT_EQ(unconfigured.heads[0], nullptr);
+    EXPECT_EQ(unconfigured.results, Numbers{kUntouched});
+    EXPECT_EQ(log().back(), "E: es_acl_getlist_acl: ACL is not configured yet");
+  }
+  EXPECT_EQ(held("core"), nullptr);
+}
+
+TEST_F(Get, FailedCountLeavesNoHandleEvenForAHeldAcl) {
+  es_acl_head* const first = get({"edge"}).heads[0];
+  platform().pcx_read.next(5);
+  clear_log();
+  const Got got = get({"edge"}, 1);
+  EXPECT_EQ(got.status, 5U);
+  EXPECT_EQ(got.heads[0], nullptr);
+  EXPECT_EQ(got.results, Numbers{5});
+  EXPECT_EQ(first->refcount, 1);
+  const Lines shown = log();
+  EXPECT_EQ(Lines(shown.end() - 2, shown.end()),
+            (Lines{"E: es_acl_getlist_acl: es_acl_query_acl_type failed <0x5>", "trace w"}));
+}
 
 TEST_F(Get, WithoutCount) {
-  void* names_[] = {const_cast<char*>("edge")};
-  void* handles_array[1] = {this};
+  void* name = const_cast<char*>("edge");
+  void* handle = this;
   uint32_t result = kUntouched;
-  const es_acl_handle_list names = {1, names_};
-  es_acl_handle_list handles = {kUntouched, handles_array};
+  const es_acl_handle_list names = {1, &name};
+  es_acl_handle_list handles = {kUntouched, &handle};
+  const Lines refused = {"I: Entering es_acl_get_acl", "E: es_acl_get_acl: Invalid arguments"};
+  EXPECT_EQ(es_acl_get_acl(nullptr, &handles, &result), 22U);
+  EXPECT_EQ(es_acl_get_acl(&names, nullptr, &result), 22U);
+  EXPECT_EQ(take_log(), lines(refused, refused));
+  EXPECT_EQ(handles.count, kUntouched);
+  EXPECT_EQ(handle, this);
+  EXPECT_EQ(result, kUntouched);
+
   EXPECT_EQ(es_acl_get_acl(&names, &handles, &result), 0U);
   EXPECT_EQ(handles.count, 1U);
-  EXPECT_EQ(handles_array[0], held("edge"));
+  EXPECT_EQ(handle, held("edge"));
   EXPECT_EQ(result, 0U);
-  EXPECT_EQ(log()[0], "I: Entering es_acl_get_acl");
-  EXPECT_EQ(log()[1], kStart[0]);
-  EXPECT_THAT(log(), ::testing::Not(::testing::Contains("dsv_lookup_data(793173, \"edge\")")));
-}
-
-TEST_F(Get, NullListsAreRefused) {
-  void* slot = this;
-  uint32_t result = kUntouched;
-  es_acl_handle_list list = {1, &slot};
-  for (const auto& [names, handles] :
-       {std::pair{static_cast<es_acl_handle_list*>(nullptr), &list}, {&list, nullptr}}) {
-    clear_log();
-    EXPECT_EQ(es_acl_get_acl(names, handles, &result), 22U);
-    EXPECT_EQ(log(kAll & ~kTrace),
-              (Lines{"I: Entering es_acl_get_acl", "E: es_acl_get_acl: Invalid arguments"}));
-  }
-  EXPECT_EQ(list.count, 1U);
-  EXPECT_EQ(slot, this);
-  EXPECT_EQ(result, kUntouched);
+  EXPECT_EQ(log()[0], refused[0]);
+  EXPECT_EQ(log()[1], kChecked[0]);
+  EXPECT_EQ(log_of("dsv_lookup_data"), Lines{});
 }
 
 }  // namespace

@@ -5,65 +5,27 @@ using namespace es_test;
 
 namespace {
 
-class NameTest : public LibraryTest {};
-
-struct NameCase {
-  std::string name;
-  const char* rejected_as;  // null when acceptable
-};
+using NameTest = LibraryTest;
 
 TEST_F(NameTest, Rules) {
   initialise_owner();
-  const char* const reserved = "acl name is reserved";
-  const char* const pattern = "acl name failed regexp match";
-  const char* const too_long = "acl name too long";
-  const NameCase cases[] = {
-      {"a", nullptr},
-      {"7", nullptr},
-      {"a-b_c.d:e", nullptr},
-      {"Z-", nullptr},
-      {long_name(64), nullptr},
-      {"Trace", nullptr},
-      {"traces", nullptr},
-      {"usage1", nullptr},
-      {"stand", nullptr},
-      {"standby", reserved},
-      {"maximum", reserved},
-      {"summary", reserved},
-      {"trace", reserved},
-      {"usage", reserved},
-      {"", pattern},
-      {"-acl", pattern},
-      {"_acl", pattern},
-      {".acl", pattern},
-      {":acl", pattern},
-      {"a b", pattern},
-      {"a/b", pattern},
-      {"a\n", pattern},
-      {"a\nb", pattern},
-      {"b\xc3\xa4r", pattern},
-      {"a[b]", pattern},
-      {"a\\b", pattern},
-      {" a", pattern},
-      {"trace ", pattern},
-      {long_name(65), too_long},
-      {long_name(5000), too_long},
-      {std::string(65, '/'), too_long},
+  const std::pair<const char*, Lines> rules[] = {
+      {nullptr, {"a", "7", "a-b_c.d:e", "Z-", long_name(64), "Trace", "traces", "usage1", "stand"}},
+      {"acl name is reserved", {"standby", "maximum", "summary", "trace", "usage"}},
+      {"acl name failed regexp match",
+       {"", "-acl", "_acl", ".acl", ":acl", "a b", "a/b", "a\n", "a\nb", "b\xc3\xa4r", "a[b]", "a\\b", " a",
+        "trace "}},
+      {"acl name too long", {long_name(65), long_name(5000), std::string(65, '/')}},
   };
-  for (const NameCase& row : cases) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(es_acl_check_acl_name(row.name.c_str()), row.rejected_as == nullptr ? 0 : 0xc6b18a00);
-    Lines expected = {"I: Entering es_acl_check_acl_name: acl_name: " + row.name};
-    if (row.rejected_as != nullptr)
-      expected.push_back(std::string("E: es_acl_check_acl_name: ") + row.rejected_as);
-    EXPECT_EQ(log(), expected);
-    EXPECT_EQ(es_acl_is_name_reserved(row.name.c_str()), row.rejected_as == reserved ? 1U : 0U);
-    clear_log();
+  for (const auto& [rejection, names] : rules) {
+    for (const std::string& name : names) {
+      Lines expected = {"I: Entering es_acl_check_acl_name: acl_name: " + name};
+      if (rejection != nullptr) expected.push_back(std::string("E: es_acl_check_acl_name: ") + rejection);
+      EXPECT_EQ(es_acl_check_acl_name(name.c_str()), rejection == nullptr ? 0 : 0xc6b18a00) << name;
+      EXPECT_EQ(take_log(), expected);
+      EXPECT_EQ(es_acl_is_name_reserved(name.c_str()), &names == &rules[1].second ? 1U : 0U) << name;
+    }
   }
-}
-
-TEST_F(NameTest, NullName) {
-  initialise_owner();
   EXPECT_EQ(es_acl_is_name_reserved(nullptr), 0U);
   EXPECT_EQ(es_acl_check_acl_name(nullptr), 0xc6b18a00);
   EXPECT_EQ(log(), (Lines{"I: Entering es_acl_check_acl_name: acl_name: (null)",
@@ -82,11 +44,16 @@ class PluginTest : public LibraryTest {
 
 uint32_t visit_nothing(es_acl_head*, const es_acl_ace*, va_list*) { return 0; }
 
+std::string use(const std::string& name) { return "I: Entering : es_acl_use_db_dll: name: " + name; }
+std::string open(const std::string& name) { return "dll_open(\"" + name + "\", 0)"; }
+const std::string kFindSymbol = "dll_symbol(module, \"es_acl_api_init_funcs\")";
+
 TEST_F(PluginTest, EverySlotIsHarmlessWithoutAPlugin) {
   es_acl_head head{};
   es_acl_ace ace{};
   uint32_t out = 9;
   es_acl_iter iter = nullptr;
+  va_list none{};
   const es_acl_api_table& table = *es_acl_apis;
   EXPECT_EQ(table.init(ctx()), 0U);
   EXPECT_EQ(table.acl_lookup("edge"), nullptr);
@@ -106,70 +73,35 @@ TEST_F(PluginTest, EverySlotIsHarmlessWithoutAPlugin) {
   EXPECT_EQ(table.reserved_13(), 2U);
   EXPECT_EQ(table.resequence(&head, 10, 10, 0, nullptr), 0U);
   EXPECT_EQ(table.get_db_pointer(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), nullptr);
-  va_list none{};
   table.traverse_list(&head, visit_nothing, &none);
 }
 
-TEST_F(PluginTest, OperationsSeeTheInertStore) {
-  EXPECT_EQ(es_acl_lookup("edge"), nullptr);
-  EXPECT_EQ(es_acl_get_header("edge"), nullptr);
-  EXPECT_EQ(es_acl_traverse_list("edge", 0, visit_nothing), 0x46b19a00U);
-  es_acl_head copy;
-  EXPECT_EQ(es_acl_lookup_read("edge", &copy), 2U);
-}
-
-TEST_F(PluginTest, SlotsThatAPluginLeavesAloneKeepTheirDefaults) {
-  ASSERT_EQ(es_acl_use_db_dll("some.dll"), 0U);
-  EXPECT_EQ(es_acl_apis->reserved_13(), 2U);
-  EXPECT_EQ(es_acl_apis->add_acl_item(nullptr, nullptr, 1, 0), 0U);
-  EXPECT_EQ(es_acl_apis->acl_lookup("edge"), nullptr);
-  EXPECT_THAT(log(kStore), ::testing::Contains("store.acl_lookup(\"edge\")"));
-}
-
-TEST_F(PluginTest, NullName) {
+TEST_F(PluginTest, Names) {
   EXPECT_EQ(es_acl_use_db_dll(nullptr), 22U);
-  EXPECT_EQ(log(), (Lines{"I: Entering : es_acl_use_db_dll: name: (null)",
-                          "E: es_acl_use_db_dll: Name cannot be null", "trace w"}));
-}
-
-TEST_F(PluginTest, NamesAreCutTo255) {
+  EXPECT_EQ(take_log(), (Lines{use("(null)"), "E: es_acl_use_db_dll: Name cannot be null", "trace w"}));
   for (const size_t length : {255U, 256U, 4000U}) {
-    const std::string name = long_name(length);
     platform().dll_open.next(nullptr);
-    EXPECT_EQ(es_acl_use_db_dll(name.c_str()), 0xa6b18600);
-    EXPECT_EQ(log(), (Lines{"I: Entering : es_acl_use_db_dll: name: " + name,
-                            "dll_open(\"" + long_name(255) + "\", 0)", "E: es_acl_use_db_dll: dlopen failed",
-                            "trace w"}));
-    clear_log();
+    EXPECT_EQ(es_acl_use_db_dll(long_name(length).c_str()), 0xa6b18600);
+    EXPECT_EQ(take_log(), (Lines{use(long_name(length)), open(long_name(255)),
+                                 "E: es_acl_use_db_dll: dlopen failed", "trace w"}));
   }
+  EXPECT_EQ(es_acl_db_owner_clib_init(ctx()), 0U);
+  EXPECT_EQ(log_of("dll_open"), Lines{open(long_name(255))}) << "initialisation loads the name chosen before";
 }
 
-TEST_F(PluginTest, LoadedOnceOnly) {
-  ASSERT_EQ(es_acl_use_db_dll("first.dll"), 0U);
-  clear_log();
-  EXPECT_EQ(es_acl_use_db_dll("second.dll"), 0U);
-  EXPECT_EQ(log(), (Lines{"I: Entering : es_acl_use_db_dll: name: second.dll",
-                          "D: es_acl_use_db_dll: DLL second.dll is already open"}));
-}
-
-TEST_F(PluginTest, AMissingSymbolClosesTheModuleAndTheNextCallTriesAgain) {
+TEST_F(PluginTest, AMissingSymbolClosesTheModuleAndOneThatLoadsStays) {
   platform().dll_symbol.next(nullptr);
   EXPECT_EQ(es_acl_use_db_dll("first.dll"), 0xa6b18800);
-  EXPECT_EQ(log(), (Lines{"I: Entering : es_acl_use_db_dll: name: first.dll", "dll_open(\"first.dll\", 0)",
-                          "dll_symbol(module, \"es_acl_api_init_funcs\")",
-                          "E: es_acl_use_db_dll: dlsym failed", "trace w", "dll_close(module)"}));
-  clear_log();
+  EXPECT_EQ(take_log(), (Lines{use("first.dll"), open("first.dll"), kFindSymbol,
+                               "E: es_acl_use_db_dll: dlsym failed", "trace w", "dll_close(module)"}));
   EXPECT_EQ(es_acl_use_db_dll("first.dll"), 0U);
-  EXPECT_EQ(log(kCall),
-            (Lines{"dll_open(\"first.dll\", 0)", "dll_symbol(module, \"es_acl_api_init_funcs\")"}));
-}
+  EXPECT_EQ(take_log(kCall), (Lines{open("first.dll"), kFindSymbol}));
+  EXPECT_EQ(es_acl_use_db_dll("second.dll"), 0U);
+  EXPECT_EQ(take_log(), (Lines{use("second.dll"), "D: es_acl_use_db_dll: DLL second.dll is already open"}));
 
-TEST_F(PluginTest, InitialisationLoadsTheNameChosenBefore) {
-  platform().dll_open.next(nullptr);
-  EXPECT_EQ(es_acl_use_db_dll("chosen.dll"), 0xa6b18600);
-  clear_log();
-  EXPECT_EQ(es_acl_db_owner_clib_init(ctx()), 0U);
-  EXPECT_THAT(log(), ::testing::Contains("dll_open(\"chosen.dll\", 0)"));
+  EXPECT_EQ(es_acl_apis->acl_lookup("edge"), nullptr);
+  EXPECT_EQ(log(), Lines{"store.acl_lookup(\"edge\")"});
+  EXPECT_EQ(es_acl_apis->reserved_13(), 2U) << "a slot that the plug-in leaves alone keeps its default";
 }
 
 }  // namespace

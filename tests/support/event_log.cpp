@@ -5,14 +5,22 @@
 #include <map>
 #include <mutex>
 
-#include "es_platform/process.h"
-
 namespace es_test {
+
+acl_client_relay_entry main_counters[ACL_CLIENT_RELAY_ENTRIES];
+acl_client_relay_entry error_counters[ACL_CLIENT_RELAY_ENTRIES];
+
 namespace {
+
+struct Event {
+  Kind kind;
+  std::string text;
+  Bytes request;
+};
 
 struct WatchedBlock {
   const char* name;
-  const acl_client_relay_entry* entries = nullptr;
+  const acl_client_relay_entry* entries;
   std::array<uint32_t, ACL_CLIENT_RELAY_ENTRIES> seen{};
 };
 
@@ -20,22 +28,31 @@ struct State {
   std::mutex mutex;
   std::vector<Event> events;
   std::map<const void*, std::string> names;
-  std::array<WatchedBlock, 2> blocks{WatchedBlock{"main"}, WatchedBlock{"error"}};
+  std::array<WatchedBlock, 2> blocks{WatchedBlock{"main", main_counters},
+                                     WatchedBlock{"error", error_counters}};
 };
 
-// Never destroyed: threads of the library may outlive the statics of the test.
-State& state() {
-  static State* const instance = new State;
-  return *instance;
-}
+// The state for as long as its user exists. Never destroyed: threads of the library may outlive the statics
+// of the test.
+class Locked {
+ public:
+  State* operator->() const { return &state(); }
 
-void note_counters(State& s) {
-  for (WatchedBlock& block : s.blocks) {
-    if (block.entries == nullptr) continue;
+ private:
+  static State& state() {
+    static State* const instance = new State;
+    return *instance;
+  }
+  Backstage backstage_;
+  std::lock_guard<std::mutex> guard_{state().mutex};
+};
+
+void note_counters(const Locked& state) {
+  for (WatchedBlock& block : state->blocks) {
     for (size_t i = 0; i < block.seen.size(); ++i) {
       const uint32_t now = __atomic_load_n(&block.entries[i].count, __ATOMIC_RELAXED);
       for (; block.seen[i] != now; ++block.seen[i])
-        s.events.push_back({kCount, std::string(block.name) + "[" + std::to_string(i) + "]", {}, {}});
+        state->events.push_back({kCount, std::string(block.name) + "[" + std::to_string(i) + "]", {}});
     }
   }
 }
@@ -47,66 +64,54 @@ int& Backstage::depth() {
   return value;
 }
 
-void record(Event event) {
-  const Backstage backstage;
-  const std::lock_guard guard(state().mutex);
-  note_counters(state());
-  state().events.push_back(std::move(event));
-}
-
-std::vector<Event> events(unsigned kinds) {
-  const Backstage backstage;
-  const std::lock_guard guard(state().mutex);
-  note_counters(state());
-  std::vector<Event> selected;
-  std::copy_if(state().events.begin(), state().events.end(), std::back_inserter(selected),
-               [kinds](const Event& event) { return (event.kind & kinds) != 0; });
-  return selected;
+void record(Kind kind, std::string text, Bytes request) {
+  const Locked state;
+  note_counters(state);
+  state->events.push_back({kind, std::move(text), std::move(request)});
 }
 
 Lines log(unsigned kinds) {
+  const Locked state;
+  note_counters(state);
   Lines texts;
-  for (Event& event : events(kinds)) texts.push_back(std::move(event.text));
+  for (const Event& event : state->events)
+    if ((event.kind & kinds) != 0) texts.push_back(event.text);
+  return texts;
+}
+
+Lines log_of(std::string_view prefix) {
+  Lines texts = log();
+  std::erase_if(texts, [prefix](const std::string& text) { return !text.starts_with(prefix); });
+  return texts;
+}
+
+std::vector<Bytes> requests() {
+  const Locked state;
+  std::vector<Bytes> sent;
+  for (const Event& event : state->events)
+    if (!event.request.empty()) sent.push_back(event.request);
+  return sent;
+}
+
+Lines take_log(unsigned kinds) {
+  Lines texts = log(kinds);
+  clear_log();
   return texts;
 }
 
 void clear_log() {
-  const Backstage backstage;
-  const std::lock_guard guard(state().mutex);
-  note_counters(state());
-  state().events.clear();
+  const Locked state;
+  note_counters(state);
+  state->events.clear();
 }
 
-void name_pointer(const void* pointer, std::string name) {
-  const Backstage backstage;
-  const std::lock_guard guard(state().mutex);
-  state().names[pointer] = std::move(name);
-}
+void name_pointer(const void* pointer, const std::string& name) { Locked()->names[pointer] = name; }
 
 std::string pointer_name(const void* pointer) {
   if (pointer == nullptr) return "null";
-  const Backstage backstage;
-  const std::lock_guard guard(state().mutex);
-  const auto found = state().names.find(pointer);
-  return found == state().names.end() ? "ptr" : found->second;
+  const Locked state;
+  const auto found = state->names.find(pointer);
+  return found == state->names.end() ? "ptr" : found->second;
 }
-
-void watch_counters(const void* main_block, const void* error_block) {
-  const Backstage backstage;
-  const std::lock_guard guard(state().mutex);
-  const void* const given[] = {main_block, error_block};
-  for (size_t i = 0; i < 2; ++i) {
-    WatchedBlock& block = state().blocks[i];
-    if (block.entries == given[i]) continue;
-    block.entries = static_cast<const acl_client_relay_entry*>(given[i]);
-    for (size_t j = 0; j < block.seen.size(); ++j) block.seen[j] = block.entries[j].count;
-  }
-}
-
-std::string show(uint64_t value) { return std::to_string(value); }
-std::string show(const char* text) { return text == nullptr ? "null" : '"' + std::string(text) + '"'; }
-std::string show(const void* pointer) { return pointer_name(pointer); }
-std::string show(Sized size) { return std::to_string(size.bytes) + " bytes"; }
-std::string show(Capacity size) { return "cap " + std::to_string(size.bytes); }
 
 }  // namespace es_test

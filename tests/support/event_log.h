@@ -11,8 +11,11 @@
 #include <string_view>
 #include <vector>
 
+#include "es_platform/process.h"
+
 namespace es_test {
 
+using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
 // The kinds are bits, so that a test selects several of them.
@@ -26,27 +29,35 @@ enum Kind : unsigned {
   kAll = 63
 };
 
-struct Event {
-  Kind kind;
-  std::string text;
-  std::vector<uint8_t> bytes;  // what a bus request carried
-  std::string operation;       // who wrote a trace record
-};
+// A bus request is recorded with the bytes it carries.
+void record(Kind kind, std::string text, Bytes request = {});
 
-void record(Event event);
-
-// The texts of the selected kinds since the last clear_log().
+// The texts of the selected kinds since the log was last taken or cleared; those that begin with a prefix;
+// the bus requests.
 Lines log(unsigned kinds = kAll);
-std::vector<Event> events(unsigned kinds = kAll);
+Lines log_of(std::string_view prefix);
+std::vector<Bytes> requests();
+Lines take_log(unsigned kinds = kAll);
 void clear_log();
 
+// A list of lines from single lines and lists.
+inline void append(Lines& all, const std::string& line) { all.push_back(line); }
+inline void append(Lines& all, const Lines& more) { all.insert(all.end(), more.begin(), more.end()); }
+template <class... Parts>
+Lines lines(const Parts&... parts) {
+  Lines all;
+  (append(all, parts), ...);
+  return all;
+}
+
 // How a pointer shows in the log. Unnamed ones show as "ptr", null as "null".
-void name_pointer(const void* pointer, std::string name);
+void name_pointer(const void* pointer, const std::string& name);
 std::string pointer_name(const void* pointer);
 
-// Counter blocks whose changes become events: each is noticed when the next event is recorded or the log is
-// read.
-void watch_counters(const void* main_block, const void* error_block);
+// The counter blocks that acl_client_relay_init() hands out. A change becomes an event when the next event is
+// recorded or the log is read.
+extern acl_client_relay_entry main_counters[ACL_CLIENT_RELAY_ENTRIES];
+extern acl_client_relay_entry error_counters[ACL_CLIENT_RELAY_ENTRIES];
 
 // While one exists on a thread, that thread is inside the test's own machinery: its allocations do not count
 // against the budget and its lock steps are not recorded.
@@ -61,30 +72,6 @@ class Backstage {
  private:
   static int& depth();
 };
-
-// --- Showing arguments ---
-
-struct Sized {  // "84 bytes"
-  uint32_t bytes;
-};
-struct Capacity {  // "cap 320"
-  uint32_t bytes;
-};
-
-std::string show(uint64_t value);
-std::string show(const char* text);
-std::string show(const void* pointer);
-std::string show(Sized size);
-std::string show(Capacity size);
-
-// "operation(argument, argument)".
-template <class... Arguments>
-std::string describe(std::string_view operation, Arguments... arguments) {
-  std::string text(operation);
-  [[maybe_unused]] const char* separator = "(";
-  ((text += separator, text += show(arguments), separator = ", "), ...);
-  return text += sizeof...(arguments) == 0 ? "()" : ")";
-}
 
 }  // namespace es_test
 

@@ -1,44 +1,96 @@
 // POSIX calls that the linker routes here (--wrap): locks are watched, sleeping is virtual, allocations can
 // be made to fail. Only the code linked into the test program is affected, never the C library itself.
+#include <time.h>
+
 #include <array>
 #include <atomic>
 #include <cstdlib>
 #include <new>
 
-#include "scripted_call.h"
 #include "scripted_platform.h"
 
-extern "C" {
-int __real_pthread_mutex_trylock(pthread_mutex_t*);
-int __real_pthread_mutex_lock(pthread_mutex_t*);
-int __real_pthread_mutex_unlock(pthread_mutex_t*);
-int __real_pthread_mutex_init(pthread_mutex_t*, const pthread_mutexattr_t*);
-int __real_pthread_mutexattr_init(pthread_mutexattr_t*);
-int __real_pthread_mutexattr_settype(pthread_mutexattr_t*, int);
-int __real_pthread_mutexattr_destroy(pthread_mutexattr_t*);
-int __real_regcomp(regex_t*, const char*, int);
-void* __real_malloc(size_t);
-void* __real_calloc(size_t, size_t);
-void* __real_realloc(void*, size_t);
-}
+using namespace es_test;
+
+// Where a wrapped call goes on to, and its definition here.
+#define REAL(result, name, ...) extern "C" result __real_##name(__VA_ARGS__)
+#define WRAP(result, name, ...) extern "C" result __wrap_##name(__VA_ARGS__)
+
+// --- Locks ---
+
+REAL(int, pthread_mutex_trylock, pthread_mutex_t*);
+REAL(int, pthread_mutex_lock, pthread_mutex_t*);
+REAL(int, pthread_mutex_unlock, pthread_mutex_t*);
+REAL(int, pthread_mutex_init, pthread_mutex_t*, const pthread_mutexattr_t*);
+REAL(int, pthread_mutexattr_destroy, pthread_mutexattr_t*);
 
 namespace {
-
-using es_test::Backstage;
-using es_test::platform;
-using es_test::ScriptedCall;
 
 // Looked at on every lock step, also on those of the log's own mutex: lock-free.
 std::array<std::atomic<const void*>, 64> watched{};
 
 void lock_step(const char* step, const pthread_mutex_t* mutex) {
   if (Backstage::inside()) return;
-  for (const auto& entry : watched) {
-    if (entry.load(std::memory_order_acquire) != mutex) continue;
-    const ScriptedCall call(es_test::kLock, step, static_cast<const void*>(mutex));
-    return;
+  const Backstage backstage;
+  for (const auto& entry : watched)
+    if (entry.load(std::memory_order_acquire) == mutex) return record(kLock, describe(step, mutex));
+}
+
+void exchange_watched(const void* from, const void* to) {
+  for (auto& entry : watched) {
+    const void* expected = from;
+    if (entry.compare_exchange_strong(expected, to)) return;
   }
 }
+
+}  // namespace
+
+WRAP(int, pthread_mutex_trylock, pthread_mutex_t* mutex) {
+  lock_step("trylock", mutex);
+  return __real_pthread_mutex_trylock(mutex);
+}
+WRAP(int, pthread_mutex_lock, pthread_mutex_t* mutex) {
+  lock_step("lock", mutex);
+  return __real_pthread_mutex_lock(mutex);
+}
+WRAP(int, pthread_mutex_unlock, pthread_mutex_t* mutex) {
+  lock_step("unlock", mutex);
+  return __real_pthread_mutex_unlock(mutex);
+}
+
+WRAP(int, pthread_mutexattr_init, pthread_mutexattr_t* type) {
+  return play(kCall, "pthread_mutexattr_init", platform().pthread_mutexattr_init, type);
+}
+WRAP(int, pthread_mutexattr_settype, pthread_mutexattr_t* type, int kind) {
+  return play(kCall, "pthread_mutexattr_settype", platform().pthread_mutexattr_settype, type, kind);
+}
+WRAP(int, pthread_mutexattr_destroy, pthread_mutexattr_t* type) {
+  const Backstage backstage;
+  record(kCall, "pthread_mutexattr_destroy()");
+  return __real_pthread_mutexattr_destroy(type);
+}
+// Only the library's own mutex: the test framework makes some, too.
+WRAP(int, pthread_mutex_init, pthread_mutex_t* mutex, const pthread_mutexattr_t* type) {
+  if (mutex != &es_acl_hmutex) return __real_pthread_mutex_init(mutex, type);
+  return play(kCall, "pthread_mutex_init", platform().pthread_mutex_init, mutex, type);
+}
+
+WRAP(int, regcomp, regex_t* compiled, const char* pattern, int flags) {
+  return play(kCall, "regcomp", platform().regcomp, compiled, pattern, flags);
+}
+
+WRAP(int, nanosleep, const timespec* interval, timespec*) {
+  const Backstage backstage;
+  record(kCall, describe("nanosleep", static_cast<uint64_t>(interval->tv_sec),
+                         static_cast<uint64_t>(interval->tv_nsec)));
+  return 0;
+}
+
+// --- Allocations ---
+
+REAL(void*, malloc, size_t);
+REAL(void*, calloc, size_t, size_t);
+
+namespace {
 
 constexpr int kNever = -1;
 thread_local int allocations_left = kNever;
@@ -51,113 +103,36 @@ bool this_one_fails() {
   return true;
 }
 
-void* allocate(size_t size) { return this_one_fails() ? nullptr : __real_malloc(size == 0 ? 1 : size); }
-
-void* allocate_or_throw(size_t size) {
-  if (void* memory = allocate(size)) return memory;
-  throw std::bad_alloc();
-}
-
 }  // namespace
 
-extern "C" {
-
-int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
-  lock_step("trylock", mutex);
-  return __real_pthread_mutex_trylock(mutex);
-}
-
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-  lock_step("lock", mutex);
-  return __real_pthread_mutex_lock(mutex);
-}
-
-int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
-  lock_step("unlock", mutex);
-  return __real_pthread_mutex_unlock(mutex);
-}
-
-int __wrap_pthread_mutexattr_init(pthread_mutexattr_t* attribute) {
-  if (Backstage::inside()) return __real_pthread_mutexattr_init(attribute);
-  const ScriptedCall call("pthread_mutexattr_init");
-  return platform().pthread_mutexattr_init(attribute);
-}
-
-int __wrap_pthread_mutexattr_settype(pthread_mutexattr_t* attribute, int type) {
-  if (Backstage::inside()) return __real_pthread_mutexattr_settype(attribute, type);
-  const ScriptedCall call("pthread_mutexattr_settype",
-                          type == PTHREAD_MUTEX_RECURSIVE ? "recursive" : "another");
-  return platform().pthread_mutexattr_settype(attribute, type);
-}
-
-int __wrap_pthread_mutexattr_destroy(pthread_mutexattr_t* attribute) {
-  if (Backstage::inside()) return __real_pthread_mutexattr_destroy(attribute);
-  const ScriptedCall call("pthread_mutexattr_destroy");
-  return __real_pthread_mutexattr_destroy(attribute);
-}
-
-// Only the library's own mutex: the test framework makes some, too.
-int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attribute) {
-  if (Backstage::inside() || mutex != &es_acl_hmutex) return __real_pthread_mutex_init(mutex, attribute);
-  const ScriptedCall call("pthread_mutex_init", static_cast<const void*>(mutex));
-  return platform().pthread_mutex_init(mutex, attribute);
-}
-
-int __wrap_regcomp(regex_t* compiled, const char* pattern, int flags) {
-  if (Backstage::inside()) return __real_regcomp(compiled, pattern, flags);
-  const ScriptedCall call("regcomp", pattern, static_cast<uint64_t>(flags));
-  return platform().regcomp(compiled, pattern, flags);
-}
-
-int __wrap_nanosleep(const timespec* interval, timespec*) {
-  const ScriptedCall call("nanosleep", static_cast<uint64_t>(interval->tv_sec),
-                          static_cast<uint64_t>(interval->tv_nsec));
-  return 0;
-}
-
-void* __wrap_malloc(size_t size) { return this_one_fails() ? nullptr : __real_malloc(size); }
-void* __wrap_calloc(size_t count, size_t size) {
+WRAP(void*, malloc, size_t size) { return this_one_fails() ? nullptr : __real_malloc(size); }
+WRAP(void*, calloc, size_t count, size_t size) {
   return this_one_fails() ? nullptr : __real_calloc(count, size);
 }
-void* __wrap_realloc(void* memory, size_t size) {
-  return this_one_fails() ? nullptr : __real_realloc(memory, size);
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return malloc(size == 0 ? 1 : size); }
+void* operator new(size_t size) {
+  if (void* memory = operator new(size, std::nothrow)) return memory;
+  throw std::bad_alloc();
 }
-
-}  // extern "C"
-
-void* operator new(size_t size) { return allocate_or_throw(size); }
-void* operator new[](size_t size) { return allocate_or_throw(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void operator delete(void* memory) noexcept { free(memory); }
-void operator delete[](void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
-void operator delete[](void* memory, size_t) noexcept { free(memory); }
 
 namespace es_test {
 
 void watch_mutex(const pthread_mutex_t* mutex, const std::string& name) {
   name_pointer(mutex, name);
-  for (auto& entry : watched) {
-    const void* expected = nullptr;
-    if (entry.compare_exchange_strong(expected, mutex) || expected == mutex) return;
-  }
+  exchange_watched(nullptr, mutex);
 }
+void unwatch_mutex(const pthread_mutex_t* mutex) { exchange_watched(mutex, nullptr); }
 
-void unwatch_mutex(const pthread_mutex_t* mutex) {
-  for (auto& entry : watched) {
-    const void* expected = mutex;
-    entry.compare_exchange_strong(expected, nullptr);
-  }
-}
-
-FailAllocation::FailAllocation(int nth) {
+void fail_allocation(int nth) {
   allocations_left = nth;
   allocation_failed = false;
 }
-
-FailAllocation::~FailAllocation() { allocations_left = kNever; }
-
-bool FailAllocation::fired() const { return allocation_failed; }
+bool end_allocation_failure() {
+  allocations_left = kNever;
+  return allocation_failed;
+}
 
 }  // namespace es_test

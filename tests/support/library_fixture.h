@@ -18,6 +18,19 @@
 
 namespace es_test {
 
+using Numbers = std::vector<uint32_t>;
+
+constexpr uint32_t kUntouched = 4711;
+const std::string kSleep = "nanosleep(1, 0)";
+
+// The library's start as a bus consumer.
+const std::string kCreateClass = "dsv_create_class(\"DSV_CLASS_ACL_ES_NAME\", 0, 1, ptr)";
+const std::string kSetContext = "pcx_set_context(0, ctx, 793173, 0, 1, 0)";
+const Lines kConsumerUpToDsv = {"I: Entering es_acl_pcx_consumer_init",
+                                "pool_create(\"ES ACL RULES CHUNK\", 80, 100, 257, 0, 0)", "main[5]",
+                                "dsv_init(ctx, 1)"};
+const Lines kConsumerUpToBus = lines(kConsumerUpToDsv, "main[10]", "pcx_lr_init(ctx)");
+
 class LibraryTest : public ::testing::Test {
  protected:
   LibraryTest() {
@@ -52,6 +65,78 @@ class LibraryTest : public ::testing::Test {
   uint64_t context_ = 0;
   uint64_t registration_ = 0;
 };
+
+// One row of a table of calls: the script, and what then happens.
+struct Case {
+  const char* name;
+  std::function<void()> arrange;
+  uint32_t status;
+  Lines expected;
+};
+inline void PrintTo(const Case& row, std::ostream* out) { *out << row.name; }
+
+#define INSTANTIATE_CASES(suite, rows)                              \
+  INSTANTIATE_TEST_SUITE_P(Cases, suite, ::testing::ValuesIn(rows), \
+                           [](const auto& instance) { return instance.param.name; })
+
+// A get by name. The arrays have one entry more than there are names, which must stay as it is.
+struct Got {
+  uint32_t status;
+  std::vector<es_acl_head*> heads;
+  Numbers results;
+};
+
+inline Got get(std::vector<const char*> names, uint32_t check_count = 0) {
+  const size_t count = names.size();
+  void* const untouched = &names;
+  std::vector<void*> handles(count + 1, untouched);
+  Numbers results(count + 1, kUntouched);
+  const es_acl_handle_list in = {static_cast<uint32_t>(count),
+                                 const_cast<void**>(reinterpret_cast<const void**>(names.data()))};
+  es_acl_handle_list out = {kUntouched, handles.data()};
+  Got got = {es_acl_getlist_acl(&in, &out, results.data(), check_count), {}, {}};
+  EXPECT_EQ(out.count, count);
+  EXPECT_EQ(handles[count], untouched);
+  EXPECT_EQ(results[count], kUntouched);
+  for (size_t i = 0; i < count; ++i) got.heads.push_back(static_cast<es_acl_head*>(handles[i]));
+  got.results.assign(results.begin(), results.end() - 1);
+  return got;
+}
+
+inline void release(std::vector<es_acl_head*> heads) {
+  const std::vector<es_acl_head*> before = heads;
+  const es_acl_handle_list list = {static_cast<uint32_t>(heads.size()),
+                                   reinterpret_cast<void**>(heads.data())};
+  es_acl_release(&list);
+  EXPECT_EQ(heads, before) << "the entries are the caller's";
+}
+
+// Numbers of the ACEs that a walk shows.
+inline Numbers walk(es_acl_head* acl) {
+  Numbers seen;
+  es_acl_ace_node* node = es_get_first_ace(acl);
+  for (; es_get_ace_data(acl, node) != nullptr; node = es_get_next_ace(acl, node))
+    seen.push_back(es_get_ace_data(acl, node)->seq);
+  return seen;
+}
+
+// Records that were taken from the pool and not given back.
+inline size_t records_out() { return log_of("pool_take(").size() - log_of("pool_give(").size(); }
+
+// Runs the operation with its 1st, 2nd, ... allocation failing, until it needs no further one.
+inline void sweep_allocations(const std::function<uint32_t()>& operation,
+                              const std::function<void()>& after_failure) {
+  for (int nth = 1; nth < 100; ++nth) {
+    SCOPED_TRACE("allocation " + std::to_string(nth));
+    fail_allocation(nth);
+    const uint32_t status = operation();
+    const bool failed = end_allocation_failure();
+    EXPECT_EQ(status, failed ? 12U : 0U);
+    if (!failed) return;
+    after_failure();
+  }
+  FAIL() << "there is no end to its allocations";
+}
 
 inline std::string long_name(size_t length) { return std::string(length, 'n'); }
 

@@ -7,6 +7,7 @@
 #define TESTS_SUPPORT_MEMORY_STORE_H_
 
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "es_acl/es_acl_store.h"
@@ -14,25 +15,28 @@
 
 namespace es_test {
 
+// Every slot that is recorded and scripted: X(slot, what it does without a script).
+#define SCRIPTED_SLOTS(X)            \
+  X(init, 0)                         \
+  X(acl_lookup, look_up)             \
+  X(get_header, make_head)           \
+  X(acl_release, remove_list)        \
+  X(add_acl_item_iter, add)          \
+  X(delete_entry_iter, remove_entry) \
+  X(search_entry, find)              \
+  X(search_entry_iter, find)         \
+  X(freelist, discard)               \
+  X(match_complex, 0)                \
+  X(match_complex_2, 0)              \
+  X(resequence, 0)                   \
+  X(get_db_pointer, nullptr)         \
+  X(traverse_list, visit_all)
+
 struct Store {
   Store();
-
-  Script<es_acl_status(void*)> init;
-  Script<es_acl_head*(const char*)> acl_lookup;
-  Script<es_acl_head*(const char*)> get_header;
-  Script<void(const char*)> acl_release;
-  Script<es_acl_status(es_acl_head*, es_acl_ace*, uint32_t, uint32_t, es_acl_iter*)> add_acl_item_iter;
-  Script<void(es_acl_head*, uint32_t, uint32_t, es_acl_iter*)> delete_entry_iter;
-  Script<es_acl_ace*(es_acl_head*, uint32_t)> search_entry;
-  Script<es_acl_ace*(es_acl_head*, uint32_t, uint32_t, es_acl_iter*)> search_entry_iter;
-  Script<void(es_acl_head*, uint32_t*)> freelist;
-  Script<uint32_t(es_acl_head*, const void*, uint32_t, uint64_t)> match_complex;
-  Script<uint32_t(es_acl_head*, const void*, uint32_t, uint64_t)> match_complex_2;
-  Script<es_acl_status(es_acl_head*, uint32_t, uint32_t, uint32_t, const uint32_t*)> resequence;
-  Script<void*(void*, void*, void*, void*, void*, void*)> get_db_pointer;
-  Script<void(es_acl_head*, es_acl_visitor, va_list*)> traverse_list;
-
-  pthread_mutexattr_t* lock_type = nullptr;  // of the heads made from now on; null: the default mutex
+#define MEMBER(slot, otherwise) Script<std::remove_pointer_t<decltype(es_acl_api_table::slot)>> slot;
+  SCRIPTED_SLOTS(MEMBER)
+#undef MEMBER
 };
 
 Store& store();
@@ -43,7 +47,7 @@ void install_store(es_acl_api_table* apis);
 
 // What the store holds, for the test's own eyes (nothing is recorded).
 es_acl_head* held(const std::string& name);
-std::vector<std::string> held_names();
+Lines held_names();
 std::vector<uint32_t> held_sequence(const es_acl_head* head);
 
 // A record from the library's pool with this number.

@@ -1,9 +1,8 @@
-// Diagnostics of the scripted platform.
+// Diagnostics of the scripted platform: debug lines, trace records and error texts.
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
-#include "scripted_call.h"
 #include "scripted_platform.h"
 
 struct rlog_ctx {
@@ -11,78 +10,39 @@ struct rlog_ctx {
   bool open = true;
 };
 
+using namespace es_test;
+
 namespace {
 
-using es_test::Backstage;
-using es_test::platform;
-using es_test::ScriptedCall;
-
-std::string formatted(const char* format, va_list arguments) {
-  va_list again;
-  va_copy(again, arguments);
-  std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, again)), '\0');
-  va_end(again);
-  vsnprintf(text.data(), text.size() + 1, format, arguments);
-  return text;
-}
-
 // A record for a closed buffer shows as "trace closed", which no test expects.
-void trace(const rlog_ctx* ctx, const char* operation) {
+void trace(const rlog_ctx* ctx) {
   if (ctx == nullptr) return;
-  const Backstage backstage;
-  const char* text = !ctx->open ? "trace closed" : ctx->suffix == "_un" ? "trace u" : "trace w";
-  es_test::record({es_test::kTrace, text, {}, operation == nullptr ? "(null)" : operation});
+  record(kTrace, !ctx->open ? "trace closed" : ctx->suffix == "_un" ? "trace u" : "trace w");
 }
 
 }  // namespace
 
 extern "C" {
 
-uint32_t acl_debug_init(debug_category** handle, void* ctx, const char* path, uint32_t category_count) {
-  const ScriptedCall call("acl_debug_init", ctx, path, category_count);
-  return platform().acl_debug_init(handle, ctx, path, category_count);
-}
-
 void debug_printf(const debug_category* category, uint32_t reserved, uint32_t level, const char* format,
                   ...) {
   const Backstage backstage;
+  char* text = nullptr;
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = formatted(format, arguments);
+  if (vasprintf(&text, format, arguments) < 0) abort();
   va_end(arguments);
   const char letter = category->index < 3 ? "EID"[category->index] : '?';
-  es_test::record({es_test::kLine,
-                   (reserved == 0 && level == 1 ? "" : "wrong numbers! ") + (letter + (": " + text)),
-                   {},
-                   {}});
+  record(kLine, std::string(reserved == 0 && level == 1 ? "" : "wrong numbers! ") + letter + ": " + text);
   platform().line_printed(category->index, text);
+  free(text);
 }
 
-uint32_t acl_rlog_init(const char* path, const char* suffix, uint32_t unique, uint32_t wrapping,
-                       rlog_ctx** ctx) {
-  const ScriptedCall call("acl_rlog_init", path, suffix, unique, wrapping);
-  return platform().acl_rlog_init(path, suffix, unique, wrapping, ctx);
-}
-
-void acl_rlog_close(rlog_ctx* ctx) {
-  const ScriptedCall call("acl_rlog_close", static_cast<void*>(ctx));
-  if (ctx != nullptr) ctx->open = false;
-}
-
-void _rlog_str(rlog_ctx* ctx, const char* operation, const char*, const char*, uint64_t, uint64_t) {
-  trace(ctx, operation);
-}
-void _rlog_1(rlog_ctx* ctx, const char* operation, const char*, uint64_t) { trace(ctx, operation); }
-void _rlog_2(rlog_ctx* ctx, const char* operation, const char*, uint64_t, uint64_t) { trace(ctx, operation); }
-void _rlog_3(rlog_ctx* ctx, const char* operation, const char*, uint64_t, uint64_t, uint64_t) {
-  trace(ctx, operation);
-}
-void _rlog_4(rlog_ctx* ctx, const char* operation, const char*, uint64_t, uint64_t, uint64_t, uint64_t) {
-  trace(ctx, operation);
-}
+void _rlog_str(rlog_ctx* ctx, const char*, const char*, const char*, uint64_t, uint64_t) { trace(ctx); }
+void _rlog_1(rlog_ctx* ctx, const char*, const char*, uint64_t) { trace(ctx); }
+void _rlog_2(rlog_ctx* ctx, const char*, const char*, uint64_t, uint64_t) { trace(ctx); }
 
 const char* errcode_string(uint32_t code) {
-  const Backstage backstage;
   static thread_local char text[16];
   snprintf(text, sizeof text, "<%#x>", code);
   return text;
@@ -99,16 +59,6 @@ void assert_fail(const char* text, const char* file, int line, const char* funct
   abort();
 }
 
-void thread_mark_mutex_block(const void* mutex, const char* name, uint32_t number) {
-  const ScriptedCall call("thread_mark_mutex_block", mutex, name, number);
-  platform().thread_mark_mutex_block(mutex, name, number);
-}
-
-void thread_unmark_mutex_block() {
-  const ScriptedCall call("thread_unmark_mutex_block");
-  platform().thread_unmark_mutex_block();
-}
-
 }  // extern "C"
 
 namespace es_test {
@@ -116,11 +66,14 @@ namespace es_test {
 uint32_t open_trace_buffer(const char*, const char* suffix, uint32_t, uint32_t, rlog_ctx** ctx) {
   static auto* const buffers = new std::map<std::string, rlog_ctx>;
   rlog_ctx& buffer = (*buffers)[suffix];
-  buffer.suffix = suffix;
-  buffer.open = true;
+  buffer = {suffix, true};
   name_pointer(&buffer, std::string("trace") + suffix);
   *ctx = &buffer;
   return 0;
+}
+
+void close_trace_buffer(rlog_ctx* ctx) {
+  if (ctx != nullptr) ctx->open = false;
 }
 
 }  // namespace es_test

@@ -11,100 +11,119 @@
 
 #include <pthread.h>
 #include <regex.h>
-#include <time.h>
 
 #include <map>
-#include <string>
-#include <vector>
 
 #include "es_acl/es_acl_store.h"
 #include "es_platform/diag.h"
+#include "es_platform/dsv.h"
 #include "es_platform/list_registry.h"
 #include "es_platform/loader.h"
 #include "es_platform/mtimer.h"
 #include "es_platform/pcx.h"
-#include "es_platform/platform.h"
 #include "es_platform/pool.h"
 #include "es_platform/process.h"
+#include "es_platform/schema.h"
 #include "script.h"
+
+// Every function that is recorded and scripted: X(what it does without a script, result, name, parameters,
+// its arguments as they are handed on and shown).
+#define SCRIPTED_FUNCTIONS(X)                                                                                \
+  X(0, uint32_t, dsv_init, (void* ctx, uint32_t flags), ctx, flags)                                          \
+  X(create_class, uint32_t, dsv_create_class,                                                                \
+    (const char* name, uint32_t flags, uint32_t mode, uint32_t* made), name, flags, mode, made)              \
+  X(make_registration, uint32_t, dsv_register, (uint32_t of, const char* name, void** made), of, name, made) \
+  X(find_address, uint32_t, dsv_lookup_data, (uint32_t of, const char* name, void** found), of, name, found) \
+  X(0, uint32_t, pcx_lr_init, (void* ctx), ctx)                                                              \
+  X(0, uint32_t, pcx_set_context, (const pcx_context_record* context), Context{context})                     \
+  X(0, uint32_t, pcx_register, (void* handle, uint32_t flags, uint64_t context, pcx_handler handler),        \
+    handle, flags, context, handler)                                                                         \
+  X(0, uint32_t, pcx_unregister, (void* handle), handle)                                                     \
+  X(0, uint32_t, pcx_query_producer, (void* handle), handle)                                                 \
+  X(65536, uint32_t, pcx_get_optimum_msg_size, (uint32_t of), of)                                            \
+  X(find_categories, uint32_t, acl_debug_init,                                                               \
+    (debug_category * *found, void* ctx, const char* path, uint32_t count), found, ctx, path, count)         \
+  X(open_trace_buffer, uint32_t, acl_rlog_init,                                                              \
+    (const char* path, const char* suffix, uint32_t unique, uint32_t wrapping, rlog_ctx** opened), path,     \
+    suffix, unique, wrapping, opened)                                                                        \
+  X(close_trace_buffer, void, acl_rlog_close, (rlog_ctx * buffer), buffer)                                   \
+  X(nothing, void, thread_mark_mutex_block, (const void* mutex, const char* name, uint32_t n), mutex, name,  \
+    n)                                                                                                       \
+  X(nothing, void, thread_unmark_mutex_block, ())                                                            \
+  X(make_pool, pool*, pool_create,                                                                           \
+    (const char* name, uint32_t size, uint32_t per_chunk, uint32_t flags, uint32_t a, uint32_t b), name,     \
+    size, per_chunk, flags, a, b)                                                                            \
+  X(take_element, void*, pool_take, (pool * from), from)                                                     \
+  X(give_element, void, pool_give, (pool * to, void* element), to, element)                                  \
+  X(open_module, void*, dll_open, (const char* name, int mode), name, mode)                                  \
+  X(find_symbol, void*, dll_symbol, (void* module, const char* symbol), module, symbol)                      \
+  X(nothing, void, dll_close, (void* module), module)                                                        \
+  X(process_name, uint32_t, procmgr_get_procname, (char* name, uint32_t* length), name, Capacity{length})    \
+  X(find_counters, uint32_t, acl_client_relay_init,                                                          \
+    (const char* component, const char* process, acl_client_relay_entry** main,                              \
+     acl_client_relay_entry** error, void** history),                                                        \
+    component, process, main, error, history)                                                                \
+  X(0, uint32_t, schema_register_start, (void* a, void* b, void* c, void* d, void* e, void* f), a, b, c, d,  \
+    e, f)                                                                                                    \
+  X(0, uint32_t, schema_register, (const void* descriptor), descriptor)                                      \
+  X(nothing, void, schema_register_abort, ())                                                                \
+  X(0, uint32_t, schema_register_end, ())                                                                    \
+  X(nothing, void, mtimer_leaf_free, (mtimer_leaf * leaf), leaf)                                             \
+  X(nothing, void, list_registry_destroy, (list_registry * registry), registry)
 
 namespace es_test {
 
-using Bytes = std::vector<uint8_t>;
-
 enum : uint32_t { kClass = 0xc1a55, kCategories = 6 };
+
+// Shown word for word.
+struct Context {
+  operator const pcx_context_record*() const { return record; }
+  const pcx_context_record* record;
+};
+inline std::string show(Context context) {
+  const pcx_context_record& record = *context.record;
+  return show(record.reserved0) + ", " + show(record.evm_ctx) + ", " + show(record.class_handle) + ", " +
+         show(record.reserved20) + ", " + show(record.one) + ", " + show(record.reserved28);
+}
 
 struct Platform {
   Platform();
 
-  // Name service and bus.
-  Script<uint32_t(void*, uint32_t)> dsv_init;
-  Script<uint32_t(const char*, uint32_t, uint32_t, uint32_t*)> dsv_create_class;
-  Script<uint32_t(uint32_t, const char*, void**)> dsv_register;
-  Script<uint32_t(uint32_t, const char*, void**)> dsv_lookup_data;
-  Script<uint32_t(void*)> pcx_lr_init;
-  Script<uint32_t(const pcx_context_record*)> pcx_set_context;
-  Script<uint32_t(void*, uint32_t, uint64_t, pcx_handler)> pcx_register;
-  Script<uint32_t(void*)> pcx_unregister;
-  Script<uint32_t(void*)> pcx_query_producer;
-  Script<uint32_t(void*, const void*, uint32_t, void*, uint32_t*)> pcx_read;
-  Script<uint32_t(uint32_t)> pcx_get_optimum_msg_size;
-
-  // Diagnostics.
-  Script<uint32_t(debug_category**, void*, const char*, uint32_t)> acl_debug_init;
-  Script<uint32_t(const char*, const char*, uint32_t, uint32_t, rlog_ctx**)> acl_rlog_init;
+#define MEMBER(otherwise, result, name, ...) Script<decltype(::name)> name;
+  SCRIPTED_FUNCTIONS(MEMBER)
+#undef MEMBER
+  Script<decltype(::pcx_read)> pcx_read;
   Script<void(uint32_t category, const std::string& text)> line_printed;
-  Script<void(const void*, const char*, uint32_t)> thread_mark_mutex_block;
-  Script<void()> thread_unmark_mutex_block;
-  std::vector<debug_category> categories;
-  std::map<uint32_t, std::string> error_texts;  // what errcode_add_table() has added
-
-  // The rest.
-  Script<pool*(const char*, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t)> pool_create;
-  Script<void*(pool*)> pool_take;
-  Script<void*(const char*, int)> dll_open;
-  Script<void*(void*, const char*)> dll_symbol;
-  Script<uint32_t(char*, uint32_t*)> procmgr_get_procname;
-  Script<uint32_t(const char*, const char*, acl_client_relay_entry**, acl_client_relay_entry**, void**)>
-      acl_client_relay_init;
-  Script<uint32_t(void*, void*, void*, void*, void*, void*)> schema_register_start;
-  Script<uint32_t(const void*)> schema_register;
-  Script<uint32_t()> schema_register_end;
 
   // POSIX calls of the library.
   Script<int(pthread_mutexattr_t*)> pthread_mutexattr_init;
   Script<int(pthread_mutexattr_t*, int)> pthread_mutexattr_settype;
   Script<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
   Script<int(regex_t*, const char*, int)> regcomp;
+
+  std::vector<debug_category> categories;
+  std::map<uint32_t, std::string> error_texts;  // what errcode_add_table() has added
 };
 
 Platform& platform();
 
-// The main and error counter blocks that acl_client_relay_init() hands out.
-acl_client_relay_entry* main_counters();
-acl_client_relay_entry* error_counters();
-
-// What acl_rlog_init() does without a script: the buffer of that suffix, open again if it was closed.
+// What acl_rlog_init() and acl_rlog_close() do without a script: the buffer of that suffix, open again if it
+// was closed.
 uint32_t open_trace_buffer(const char* path, const char* suffix, uint32_t unique, uint32_t wrapping,
                            rlog_ctx** ctx);
+void close_trace_buffer(rlog_ctx* ctx);
 
 // A step of pcx_read(): answers with these bytes.
-Script<uint32_t(void*, const void*, uint32_t, void*, uint32_t*)>::Step answer(Bytes bytes);
+Script<decltype(::pcx_read)>::Step answer(Bytes bytes);
 
 // Lock steps of this mutex are recorded under this name.
 void watch_mutex(const pthread_mutex_t* mutex, const std::string& name);
 void unwatch_mutex(const pthread_mutex_t* mutex);
 
-// Lets the n-th allocation of this thread fail (1 is the next) for as long as it lives; those of the test's
-// own machinery do not count.
-class FailAllocation {
- public:
-  explicit FailAllocation(int nth);
-  ~FailAllocation();
-  FailAllocation(const FailAllocation&) = delete;
-  FailAllocation& operator=(const FailAllocation&) = delete;
-  bool fired() const;
-};
+// From now on the n-th allocation of this thread fails (1 is the next); those of the test's own machinery do
+// not count. Then: that is over; whether it has come to the failure.
+void fail_allocation(int nth);
+bool end_allocation_failure();
 
 }  // namespace es_test
 

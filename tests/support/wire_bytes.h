@@ -24,11 +24,10 @@ inline uint32_t get_32(const Bytes& bytes, size_t offset) {
 
 // The name in a field of 65 bytes, up to its NUL; "(no NUL)" when there is none.
 inline std::string get_name(const Bytes& bytes, size_t offset) {
-  for (size_t length = 0; length < 65; ++length)
-    if (bytes.at(offset + length) == 0)
-      return std::string(bytes.begin() + static_cast<long>(offset),
-                         bytes.begin() + static_cast<long>(offset + length));
-  return "(no NUL)";
+  const std::string field(bytes.begin() + static_cast<long>(offset),
+                          bytes.begin() + static_cast<long>(offset) + 65);
+  const size_t end = field.find('\0');
+  return end == std::string::npos ? "(no NUL)" : field.substr(0, end);
 }
 
 // One 160-byte ACE record.
