@@ -30,7 +30,7 @@ const char* diag_kind_word(diag_kind kind);
 std::string diag_directory();
 // When the process started, as /proc/PID/stat counts it; 0 when there is no such process.
 uint64_t diag_process_start(int32_t pid);
-// Whether the process that wrote this header is gone. A later process of the same id is another one.
+// Whether the process that wrote this header is gone, reaped or not. A later process of the same id is another one.
 bool diag_is_dead(const diag_header& header);
 
 // Of how many dead processes a starting process leaves the files alone.

@@ -27,6 +27,34 @@ int32_t pid_of(const char* file_name) {
   return end != file_name && *end == '.' && pid > 0 && pid <= INT32_MAX ? static_cast<int32_t>(pid) : 0;
 }
 
+struct process_state {
+  uint64_t start;
+  bool ended;  // it only waits for its parent to take note
+};
+
+// From fields 3 (state), 20 (threads) and 22 (start) of /proc/PID/stat; nothing when there is no such process.
+// The second field, the name in brackets, may itself hold blanks and brackets: count from its last bracket.
+// A first thread that has ended before the others looks like an ended process, but for their number.
+std::optional<process_state> state_of(int32_t pid) {
+  char path[32];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char text[1024];
+  const ssize_t got = read(fd, text, sizeof text - 1);
+  close(fd);
+  if (got <= 0) return std::nullopt;
+  text[got] = '\0';
+  const char* at = std::strrchr(text, ')');
+  char state = 0;
+  unsigned long threads = 0, start = 0;
+  if (at == nullptr ||
+      std::sscanf(at + 1, " %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %lu %*d %lu",
+                  &state, &threads, &start) != 3)
+    return std::nullopt;
+  return process_state{start, (state == 'Z' || state == 'X') && threads <= 1};
+}
+
 struct close_listing {
   void operator()(DIR* listing) const { closedir(listing); }
 };
@@ -94,27 +122,15 @@ const char* diag_kind_word(diag_kind kind) {
 
 std::string diag_directory() { return runtime_dir("ES_DIAG_DIR", "/diag"); }
 
-// The 22nd field. The second, the name in brackets, may itself hold blanks and brackets: count from its last
-// bracket.
 uint64_t diag_process_start(int32_t pid) {
-  char path[32];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
-  char text[1024];
-  const ssize_t got = read(fd, text, sizeof text - 1);
-  close(fd);
-  if (got <= 0) return 0;
-  text[got] = '\0';
-  const char* at = std::strrchr(text, ')');
-  for (int field = 2; at != nullptr && field < 22; ++field) at = std::strchr(at + 1, ' ');
-  return at != nullptr ? std::strtoull(at, nullptr, 10) : 0;
+  const std::optional<process_state> found = state_of(pid);
+  return found ? found->start : 0;
 }
 
 bool diag_is_dead(const diag_header& header) {
-  const uint64_t running = diag_process_start(header.pid);
-  if (running == 0) return kill(header.pid, 0) != 0 && errno == ESRCH;
-  return header.process_start != 0 && header.process_start != running;
+  const std::optional<process_state> found = state_of(header.pid);
+  if (!found) return kill(header.pid, 0) != 0 && errno == ESRCH;
+  return found->ended || (header.process_start != 0 && header.process_start != found->start);
 }
 
 diag_removal diag_remove_dead(const std::string& directory, const diag_choice& choice, size_t keep) {

@@ -120,6 +120,16 @@ TEST_F(DiagFile, WhatTheDeadLeaveStaysReadableUntilItIsRemoved) {
   EXPECT_TRUE(fs::remove(not_ours));
 }
 
+TEST_F(DiagFile, AProcessThatItsParentHasNotReapedIsDead) {
+  const pid_t child = fork();
+  if (child == 0) _exit(open_only_buffer());
+  siginfo_t ended;
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(regions_of(child).at(0).dead);
+  EXPECT_EQ(es_platform::diag_remove_dead(diagnostics_directory(), {.pid = child}, 0).files, 1u);
+  waitpid(child, nullptr, 0);
+}
+
 // 0 when every service that keeps diagnostics works where there can be no files.
 int use_without_directory() {
   setenv("ES_DIAG_DIR", "/proc/nowhere/diag", 1);
