@@ -34,10 +34,8 @@ const std::string kClientDone = "I: es_acl_clib_init: Initialized clib successfu
 // Each step fails in turn: nothing after it happens, and its status comes back.
 const Case kOwnerFailures[] = {
     {"attribute", [] { platform().pthread_mutexattr_init.next(12); }, 12, {kMutex[0]}},
-    {"attribute_type",
-     [] { platform().pthread_mutexattr_settype.next(22); },
-     22,
-     {kMutex[0], kMutex[1], kMutex[3]}},
+    {"attribute_type", [] { platform().pthread_mutexattr_settype.next(22); }, 22,
+     lines(kMutex[0], kMutex[1], kMutex[3])},
     {"mutex", [] { platform().pthread_mutex_init.next(11); }, 11, kMutex},
     {"unique_trace", [] { platform().acl_rlog_init.next(12); }, 12,
      lines(kUpToUnique, "acl_rlog_close(null)")},

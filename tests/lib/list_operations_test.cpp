@@ -10,6 +10,7 @@ using namespace es_test;
 namespace {
 
 uint8_t key;
+es_acl_ace ace;
 uint32_t skip_list[2] = {20, 30};
 es_acl_iter position = nullptr;
 
@@ -31,100 +32,59 @@ std::string error(const std::string& operation, const std::string& text) {
 
 uint64_t number(const void* pointer) { return reinterpret_cast<uint64_t>(pointer); }
 
-// A refused record stays the caller's.
-uint32_t offer(es_acl_head* acl, uint32_t (*add)(es_acl_head*, es_acl_ace*)) {
-  es_acl_ace* const ace = make_ace(7);
-  clear_log();
-  const uint32_t status = add(acl, ace);
-  const Backstage backstage;
-  if (status != 0) platform().pool_give(nullptr, ace);
-  return status;
-}
-
 const Operation kOperations[] = {
-    {"search_item",
-     [](es_acl_head* acl) { return number(es_acl_search_item(acl, 7)); },
-     {},
-     {entering("search_item")},
-     "store.search_entry(head:edge, 7)",
-     {},
-     {entering("search_item"), "trace w", error("search_item", "Invalid arguments.")}},
+    {"search_item", [](es_acl_head* acl) { return number(es_acl_search_item(acl, 7)); }, nullptr,
+     lines(entering("search_item")), "store.search_entry(head:edge, 7)", Lines(),
+     lines(entering("search_item"), "trace w", error("search_item", "Invalid arguments."))},
     {"search_item_fiter",
-     [](es_acl_head* acl) { return number(es_acl_search_item_fiter(acl, 7, &position)); },
-     {},
-     {entering("search_item_fiter")},
-     "store.search_entry_iter(head:edge, 7, 1, position)",
-     {},
-     {entering("search_item_fiter"), "trace w", error("search_item_fiter", "Invalid arguments.")}},
+     [](es_acl_head* acl) { return number(es_acl_search_item_fiter(acl, 7, &position)); }, nullptr,
+     lines(entering("search_item_fiter")), "store.search_entry_iter(head:edge, 7, 1, position)", Lines(),
+     lines(entering("search_item_fiter"), "trace w", error("search_item_fiter", "Invalid arguments."))},
     {"search_item_biter",
-     [](es_acl_head* acl) { return number(es_acl_search_item_biter(acl, 7, &position)); },
-     {},
-     {entering("search_item_biter")},
-     "store.search_entry_iter(head:edge, 7, 0, position)",
-     {},
-     {entering("search_item_biter"), "trace w", error("search_item_biter", "Invalid arguments.")}},
+     [](es_acl_head* acl) { return number(es_acl_search_item_biter(acl, 7, &position)); }, nullptr,
+     lines(entering("search_item_biter")), "store.search_entry_iter(head:edge, 7, 0, position)", Lines(),
+     lines(entering("search_item_biter"), "trace w", error("search_item_biter", "Invalid arguments."))},
     {"add_acl_item_common",
-     [](es_acl_head* acl) {
-       return offer(acl, [](es_acl_head* to, es_acl_ace* ace) {
-         return es_acl_add_acl_item_common(to, ace, 7, 1, &position);
-       });
-     },
+     [](es_acl_head* acl) { return es_acl_add_acl_item_common(acl, &ace, 7, 1, &position); },
+     [] { store().add_acl_item_iter.next(77); }, lines(entering("add_acl_item_common")),
+     "store.add_acl_item_iter(head:edge, ace, 7, 1, position)", Lines(),
+     lines(entering("add_acl_item_common"), error("add_acl_item_common", "ACL or ace is NULL"), "trace w")},
+    {"add_acl_item", [](es_acl_head* acl) { return es_acl_add_acl_item(acl, &ace, 7, 0); },
      [] { store().add_acl_item_iter.next(77); },
-     {entering("add_acl_item_common")},
-     "store.add_acl_item_iter(head:edge, ptr, 7, 1, position)",
-     {},
-     {entering("add_acl_item_common"), error("add_acl_item_common", "ACL or ace is NULL"), "trace w"}},
-    {"add_acl_item",
-     [](es_acl_head* acl) {
-       return offer(acl, [](es_acl_head* to, es_acl_ace* ace) { return es_acl_add_acl_item(to, ace, 7, 0); });
-     },
-     [] { store().add_acl_item_iter.next(77); },
-     {"main[40]", entering("add_acl_item"), entering("add_acl_item_common")},
-     "store.add_acl_item_iter(head:edge, ptr, 7, 0, null)",
-     {},
-     {"main[40]", entering("add_acl_item"), entering("add_acl_item_common"),
-      error("add_acl_item_common", "ACL or ace is NULL"), "trace w"}},
+     lines("main[40]", entering("add_acl_item"), entering("add_acl_item_common")),
+     "store.add_acl_item_iter(head:edge, ace, 7, 0, null)", Lines(),
+     lines("main[40]", entering("add_acl_item"), entering("add_acl_item_common"),
+           error("add_acl_item_common", "ACL or ace is NULL"), "trace w")},
     {"delete_item_common",
      [](es_acl_head* acl) {
        es_acl_delete_item_common(acl, 7, 0, &position);
        return 0;
      },
-     {},
-     {entering("delete_item_common")},
-     "store.delete_entry_iter(head:edge, 7, 0, position)",
-     {},
-     {entering("delete_item_common"), "trace w", error("delete_item_common", "Invalid arguments. ")}},
+     nullptr, lines(entering("delete_item_common")), "store.delete_entry_iter(head:edge, 7, 0, position)",
+     Lines(),
+     lines(entering("delete_item_common"), "trace w", error("delete_item_common", "Invalid arguments. "))},
     {"delete_item",
      [](es_acl_head* acl) {
        es_acl_delete_item(acl, 7);
        return 0;
      },
-     {},
-     {entering("delete_item")},
-     "store.delete_entry_iter(head:edge, 7, 1, null)",
-     {"main[41]"},
-     {entering("delete_item"), error("delete_item", "es_acl_handle = NULL || sequence is 0"), "trace w"}},
-    {"match_complex",
-     [](es_acl_head* acl) { return es_acl_match_complex(acl, &key, 5, 6); },
-     [] { store().match_complex.next(77); },
-     {entering("match_complex")},
-     "store.match_complex(head:edge, key, 5, 6)",
-     {"main[119]"},
-     {entering("match_complex"), "trace w", error("match_complex", "Invalid arguments. handle = NULL")}},
-    {"match_complex_2",
-     [](es_acl_head* acl) { return es_acl_match_complex_2(acl, &key, 5, 6); },
-     [] { store().match_complex_2.next(77); },
-     {entering("match_complex_2")},
-     "store.match_complex_2(head:edge, key, 5, 6)",
-     {},
-     {entering("match_complex_2"), error("match_complex_2", "Invalid arguments. handle = NULL")}},
-    {"resequence",
-     [](es_acl_head* acl) { return es_acl_resequence(acl, 100, 10, 2, skip_list); },
+     nullptr, lines(entering("delete_item")), "store.delete_entry_iter(head:edge, 7, 1, null)",
+     lines("main[41]"),
+     lines(entering("delete_item"), error("delete_item", "es_acl_handle = NULL || sequence is 0"),
+           "trace w")},
+    {"match_complex", [](es_acl_head* acl) { return es_acl_match_complex(acl, &key, 5, 6); },
+     [] { store().match_complex.next(77); }, lines(entering("match_complex")),
+     "store.match_complex(head:edge, key, 5, 6)", lines("main[119]"),
+     lines(entering("match_complex"), "trace w", error("match_complex", "Invalid arguments. handle = NULL"))},
+    {"match_complex_2", [](es_acl_head* acl) { return es_acl_match_complex_2(acl, &key, 5, 6); },
+     [] { store().match_complex_2.next(77); }, lines(entering("match_complex_2")),
+     "store.match_complex_2(head:edge, key, 5, 6)", Lines(),
+     lines(entering("match_complex_2"), error("match_complex_2", "Invalid arguments. handle = NULL"))},
+    {"resequence", [](es_acl_head* acl) { return es_acl_resequence(acl, 100, 10, 2, skip_list); },
      [] { store().resequence.next(77); },
-     {entering("resequence. name:edge, start_seq: 100,step:10, num_skip_seqs:2")},
-     "store.resequence(head:edge, 100, 10, 2, skips)",
-     {},
-     {error("resequence", "Invalid arguments")}},
+     lines(entering("resequence. name:edge, start_seq: 100,step:10, num_skip_seqs:2")),
+     "store.resequence(head:edge, 100, 10, 2, skips)", Lines(),
+     lines(error("resequence", "Invalid arguments"))},
 };
 
 class ListOperation : public LibraryTest, public ::testing::WithParamInterface<Operation> {
@@ -132,6 +92,7 @@ class ListOperation : public LibraryTest, public ::testing::WithParamInterface<O
   void SetUp() override {
     initialise();
     name_pointer(&key, "key");
+    name_pointer(&ace, "ace");
     name_pointer(&position, "position");
     name_pointer(skip_list, "skips");
     acl_ = make_acl("edge");
@@ -180,11 +141,11 @@ INSTANTIATE_CASES(ListOperation, kOperations);
 using ListOperations = ListOperation;
 
 TEST_F(ListOperations, SearchesGiveTheStoredRecord) {
-  es_acl_ace* const ace = make_ace(9);
-  ASSERT_EQ(es_acl_add_acl_item(acl_, ace, 9, 0), 0U);
-  EXPECT_EQ(es_acl_search_item(acl_, 9), ace);
-  EXPECT_EQ(es_acl_search_item_fiter(acl_, 9, &position), ace);
-  EXPECT_EQ(es_acl_search_item_biter(acl_, 9, nullptr), ace);
+  es_acl_ace* const stored = make_ace(9);
+  ASSERT_EQ(es_acl_add_acl_item(acl_, stored, 9, 0), 0U);
+  EXPECT_EQ(es_acl_search_item(acl_, 9), stored);
+  EXPECT_EQ(es_acl_search_item_fiter(acl_, 9, &position), stored);
+  EXPECT_EQ(es_acl_search_item_biter(acl_, 9, nullptr), stored);
   es_acl_delete_item(acl_, 9);
   EXPECT_EQ(es_acl_search_item(acl_, 9), nullptr);
 }
