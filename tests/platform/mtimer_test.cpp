@@ -42,6 +42,7 @@ class tree_fixture {
     auto* self = static_cast<tree_fixture*>(context);
     while (mtimer_tree_expired(self->tree)) {
       mtimer_leaf* leaf = mtimer_tree_first_expired(self->tree);
+      if (leaf == nullptr) return;  // another thread has stopped or freed it
       mtimer_leaf_stop(leaf);
       self->serve(leaf);
     }

@@ -5,6 +5,7 @@
  *
  *     while (mtimer_tree_expired(tree)) {
  *       mtimer_leaf* leaf = mtimer_tree_first_expired(tree);
+ *       if (leaf == NULL) return;  // another thread has stopped or freed it
  *       mtimer_leaf_stop(leaf);
  *       ... mtimer_leaf_get_context(leaf) ...
  *     }
