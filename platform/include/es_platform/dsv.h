@@ -17,7 +17,8 @@ PLATFORM_API uint32_t dsv_init(void* ctx, uint32_t flags);
 
 /* Finds or makes the class of that name and writes its handle (never 0). The numbers are 0 and 1. 0, 12, or 22 (a class
  * name must be usable as a file name: [A-Za-z0-9_.-], at most 64 characters). */
-PLATFORM_API uint32_t dsv_create_class(const char* name, uint32_t flags, uint32_t mode, uint32_t* class_handle);
+PLATFORM_API uint32_t dsv_create_class(const char* name, uint32_t flags, uint32_t mode,
+                                       uint32_t* class_handle);
 
 /* Registers a name and writes the registration's handle (8 bytes, never null, unique in the process's life). Needs no
  * producer and does not block. 0, 12, 22. The handle is the bus's to register (pcx.h) and to withdraw with

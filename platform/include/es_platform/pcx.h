@@ -48,8 +48,8 @@ PLATFORM_API uint32_t pcx_get_num_bulk_handles(uint32_t class_handle);
 /* pcx_register() for `count` handles, as dsv_register_bulk() wrote them. An item whose code is not 0 is passed over and
  * keeps it; the others get the status that pcx_register() would have given. The three zeros are 0. 0; or 22 (null
  * arguments, too many handles), and then nothing is registered. */
-PLATFORM_API uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t count, uint32_t zero1,
-                                        uint32_t zero2, uint64_t zero3, pcx_handler handler);
+PLATFORM_API uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t count,
+                                        uint32_t zero1, uint32_t zero2, uint64_t zero3, pcx_handler handler);
 /* Withdraws the registration from the bus and from the name service. When it returns, the handler is not running for
  * this registration on another thread and is not called for it again; called from inside the handler it does not wait
  * for that call. 0, or 22. */

@@ -65,17 +65,18 @@ PLATFORM_API uint32_t pcx_producer_unpublish(pcx_producer* producer, const char*
 /* Queues a message (PCX_CMD_WRITE 6 or PCX_CMD_PROD_REQ 17) for every consumer that registered `name`. Messages of one
  * thread keep their order. *reached, when non-null, gets the number of consumers. 0, 12, 22 (also for a message above
  * 64 MiB, or one that no queue could hold). Does not block; allowed from inside an operation. */
-PLATFORM_API uint32_t pcx_producer_push(pcx_producer* producer, uint32_t mtype, const char* name, const void* payload,
-                                        uint32_t length, uint32_t* reached);
+PLATFORM_API uint32_t pcx_producer_push(pcx_producer* producer, uint32_t mtype, const char* name,
+                                        const void* payload, uint32_t length, uint32_t* reached);
 /* The same for one of them. 0, 2 when that consumer has not registered the name, 12, 22. */
-PLATFORM_API uint32_t pcx_producer_push_to(pcx_producer* producer, uint64_t peer_id, uint32_t mtype, const char* name,
-                                           const void* payload, uint32_t length);
+PLATFORM_API uint32_t pcx_producer_push_to(pcx_producer* producer, uint64_t peer_id, uint32_t mtype,
+                                           const char* name, const void* payload, uint32_t length);
 
 /* Sends a synchronous request (message type 18) to every consumer that registered `name`, behind what was pushed before,
  * and gathers the answers: `gather` is called on the calling thread, once per consumer, after all have answered or
  * deadline_ms has passed. Blocks. Not from an operation. 0, 12, 22. */
-PLATFORM_API uint32_t pcx_producer_sync(pcx_producer* producer, const char* name, const void* payload, uint32_t length,
-                                        uint32_t deadline_ms, void (*gather)(void* user, const pcx_sync_answer* answer),
+PLATFORM_API uint32_t pcx_producer_sync(pcx_producer* producer, const char* name, const void* payload,
+                                        uint32_t length, uint32_t deadline_ms,
+                                        void (*gather)(void* user, const pcx_sync_answer* answer),
                                         void* user);
 
 /* Consumers that registered the name now; all consumers for null. */
