@@ -42,6 +42,8 @@ const Case kCases[] = {
      lines(kAskedThreeTimes, kRead, kSleep, read_failed("0x3e"))},
     {"other_failure_in_errno", [] { platform().pcx_read.next(failed_with(5)); }, 5,
      lines(kAsked, read_failed("0x5"))},
+    {"failure_that_errno_does_not_tell", [] { platform().pcx_read.next(failed_with(0)); }, 0xffffffff,
+     lines(kAsked, read_failed("0xffffffff"))},
     {"name_service_class_is_final", [] { platform().pcx_read.next(0x80000001); }, 0x80000001,
      lines(kAsked, read_failed("0x80000001"))},
     {"answer_of_another_version", [] { platform().pcx_read.next(answer(count_answer(2, 1, 3))); }, 275,

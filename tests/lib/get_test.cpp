@@ -242,6 +242,9 @@ TEST_F(Get, WithoutCount) {
   EXPECT_EQ(log()[0], refused[0]);
   EXPECT_EQ(log()[1], kChecked[0]);
   EXPECT_EQ(log_of("dsv_lookup_data"), Lines{});
+
+  EXPECT_EQ(es_acl_get_acl(&names, &handles, nullptr), 0U);  // nobody asked for the results
+  EXPECT_EQ(handle, held("edge"));
 }
 
 }  // namespace
