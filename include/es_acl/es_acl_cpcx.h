@@ -5,6 +5,7 @@
 
 #include "es_acl/es_acl_status.h"
 #include "es_acl/es_acl_types.h"
+#include "es_acl/es_acl_wire.h"
 
 ES_ACL_BEGIN_DECLS
 
@@ -23,11 +24,26 @@ ES_ACL_API es_acl_status es_acl_cpcx_query_acl_count(const char* acl_name, uint3
  * and leave the head: whoever must tell them apart uses es_acl_get_acl(). Blocks. */
 ES_ACL_API es_acl_status es_acl_cpcx_read_acl(es_acl_head* head);
 
-/* Takes everything that the producer sends; registered with the bus for each ACL. Runs on the delivery
- * thread, one message at a time. This release tells message types apart and logs them: it reads no payload and
- * sets no response, so that a synchronous request gets none. */
+/* Takes everything that the producer sends; registered with the bus for each ACL. Runs on the delivery thread, one
+ * message at a time; the ACL's lock is taken for single store calls, none is held around a callback. `payload` may be
+ * written to and is not kept; it must be aligned to 8 bytes. A synchronous request that can be answered sets *response to
+ * an acl_pcx_cons_resp from malloc(), the caller's from then on, and *response_length to 176; otherwise both stay as they
+ * are. A message that is shorter than what it says, or of a wrong version, is logged and dropped. */
 ES_ACL_API void es_acl_cpcx_handler(uint64_t context, uint32_t mtype, void* payload, uint32_t length,
                                     void** response, uint32_t* response_length);
+
+/* Applies one pushed batch of n records (1 and up) in host byte order, all of the first one's ACL: command
+ * ACL_PCX_ADD_ACE or ACL_PCX_REMOVE_ACE. Reports to the update callbacks first, then changes the list, ACE by ACE.
+ * Records whose ACE is stored already, byte for byte, get sequence number 0 (with ES_ACL_MODIFY_DELETE_AND_ADD).
+ *
+ *   head     receives the ACL as soon as it is found; stays as it was otherwise
+ *   changed  set to 1 when an addition was reported and made; may be null
+ *
+ * 0, also when the store refused some of the ACEs; 22: the ACL is not held; 12; or the status with which an update
+ * callback refused, and then nothing is stored. As for threads, see es_acl_cpcx_handler(). */
+ES_ACL_API es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records,
+                                                           uint32_t n, es_acl_head** head,
+                                                           uint32_t* changed);
 
 ES_ACL_END_DECLS
 

@@ -159,6 +159,19 @@ enum {
   ES_ACL_MODIFY_ADD_ONLY = 1        /* as one addition that carries the ACE stored so far */
 };
 
+/* One element of a batch that a callback is shown, 32 bytes. The array and the records in it belong to the library and
+ * may be read during the call only. What each callback finds in it: es_acl_callback.h. */
+typedef struct ace_edit_info {
+  uint32_t seq;        /*  0: the ACE's sequence number */
+  es_acl_ace* ace;     /*  8: added: the new ACE; removed: the one stored */
+  es_acl_ace* old_ace; /* 16: the ACE stored under `seq` so far, or null */
+  uint32_t is_new;     /* 24: 1 when no ACE is stored under `seq` */
+} ace_edit_info;
+ES_ACL_STATIC_ASSERT(sizeof(ace_edit_info) == 32, "layout");
+ES_ACL_STATIC_ASSERT(offsetof(ace_edit_info, ace) == 8, "layout");
+ES_ACL_STATIC_ASSERT(offsetof(ace_edit_info, old_ace) == 16, "layout");
+ES_ACL_STATIC_ASSERT(offsetof(ace_edit_info, is_new) == 24, "layout");
+
 /* The configuration form of one ACE's match rules, 72 bytes, as described to the schema facility. Address
  * words as in es_acl_ace. */
 typedef struct es_acl_config_ace {
