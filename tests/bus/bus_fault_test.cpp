@@ -150,6 +150,8 @@ TEST_F(BusFaults, ProducerGetsMalformedFrames) {
       {"huge request", kRequests + frame({.kind = kReadKind, .length = 0xffffffff, .word = 1}), "longer"},
       {"request on an event connection", kEvents + frame({.kind = kReadKind}), "kind"},
       {"nameless", kEvents + frame({.kind = kSubscribe}), "without a name"},
+      {"newness 2", kEvents + frame({.kind = kSubscribe, .length = 1, .word = 2}, "n.......").substr(0, 40),
+       "renewed"},
       {"mark with bytes", kEvents + frame({.kind = kMark, .length = 8}), "longer"},
       {"role too small", hello(0), ""},
       {"role too large", hello(3), ""},

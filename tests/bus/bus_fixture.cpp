@@ -101,12 +101,18 @@ bool Recorder::has(size_t count) {
   return eventually([&] { return messages().size() >= count; }) && messages().size() == count;
 }
 
-Producer::Producer(const std::string& class_name, uint64_t queue_limit) {
+Producer::Producer(const std::string& class_name, uint64_t queue_limit, OnRegistered told)
+    : on_registered(std::move(told)) {
   static constexpr pcx_producer_ops ops = {
-      read, [](void* user, const pcx_peer*) { ++static_cast<Producer*>(user)->gone; }};
+      read, [](void* user, const pcx_peer*) { ++static_cast<Producer*>(user)->gone; }, registered};
   const pcx_producer_options options = {queue_limit, keep_log_line};
   take_log();
   status_ = pcx_producer_open(class_name.c_str(), &ops, this, &options, &handle_);
+}
+
+void Producer::registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed) {
+  auto* self = static_cast<Producer*>(user);
+  if (self->on_registered) self->on_registered(*peer, name, renewed);
 }
 
 uint32_t Producer::push(const std::string& name, const std::string& message) {

@@ -52,7 +52,8 @@ class Recorder {
 // refused with N. The log begins anew with each producer.
 class Producer {
  public:
-  explicit Producer(const std::string& class_name, uint64_t queue_limit = 0);
+  using OnRegistered = std::function<void(const pcx_peer&, const std::string&, uint32_t)>;
+  explicit Producer(const std::string& class_name, uint64_t queue_limit = 0, OnRegistered told = {});
   ~Producer() { pcx_producer_close(handle_); }
   pcx_producer* get() { return handle_; }
   uint32_t status() const { return status_; }
@@ -60,12 +61,14 @@ class Producer {
   bool has_consumers(const std::string& name, uint32_t count);
   static std::vector<std::string> take_log();
 
+  const OnRegistered on_registered;  // runs on the service thread
   std::atomic<int> gone{0};
   std::function<void(const pcx_peer&, const std::string&)> on_read;
 
  private:
   static uint32_t read(void* user, const pcx_peer* peer, void* request, uint32_t request_length, void* answer,
                        uint32_t capacity, uint32_t* answer_length);
+  static void registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
   pcx_producer* handle_ = nullptr;
   uint32_t status_;
 };

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "bus_fixture.h"
 
@@ -66,6 +67,52 @@ TEST_F(BusPush, ProducerComesLateAndAgain) {
     EXPECT_EQ(producer.push("n", "m"), 1U);
     ASSERT_TRUE(recorder.has(round));
   }
+}
+
+// The producer is told of a new registration while nothing can be pushed to it yet, and of a renewed one when
+// something can. Renewed is what the consumer has read behind, whichever producer it read from.
+TEST_F(BusPush, ProducerIsToldWhetherARegistrationIsNew) {
+  std::unique_ptr<Producer> producer;
+  std::atomic<bool> open{false};
+  std::mutex mutex;
+  std::vector<std::string> told;
+  const auto registered = [&](const pcx_peer& who, const std::string& acl, uint32_t renewed) {
+    while (!open) usleep(100);
+    const uint32_t status = pcx_producer_push_to(producer->get(), who.id, kWrite, acl.c_str(), "p", 1);
+    const std::lock_guard lock(mutex);
+    told.push_back(acl +
+                   (renewed == 1   ? " again"
+                    : renewed == 0 ? " new"
+                                   : " ?") +
+                   (status == 0 ? " reached" : " not reached"));
+  };
+  const auto expect_told = [&](std::vector<std::string> expected) {
+    EXPECT_TRUE(eventually([&] {
+      const std::lock_guard lock(mutex);
+      return told.size() >= expected.size();
+    }));
+    const std::lock_guard lock(mutex);
+    EXPECT_EQ(std::exchange(told, {}), expected);
+  };
+  const auto restart = [&] {
+    open = false;
+    producer = nullptr;
+    producer = std::make_unique<Producer>(name, 0, registered);
+    open = true;
+  };
+  const Registration before(name, "before", recorder);  // registered while there is no producer
+  restart();
+  expect_told({"before new not reached"});
+  const Registration read_behind(name, "read", recorder);
+  ASSERT_EQ(read(read_behind.handle, "echo x").status, 0U);
+  auto gone = std::make_unique<Registration>(name, "gone", recorder);
+  const Registration unread(name, "unread", recorder);
+  gone = nullptr;
+  expect_told({"read new not reached", "gone new not reached", "unread new not reached"});
+  ASSERT_TRUE(producer->has_consumers("unread", 1));
+  restart();
+  expect_told({"before again reached", "read again reached", "unread new not reached"});
+  producer = nullptr;
 }
 
 // A read from inside a handler, with a producer that has come back meanwhile: neither lost nor stuck.

@@ -30,6 +30,11 @@ typedef struct pcx_producer_ops {
                    uint32_t capacity, uint32_t* answer_length);
   /* A consumer process has gone, with all its connections; what was kept for it can be freed. May be null. */
   void (*peer_gone)(void* user, const pcx_peer* peer);
+  /* A consumer has registered a name. `renewed` 0: a new registration, for which nothing has been read yet; told before
+   * anything can be pushed to it. 1: one that was there before a lost connection (to this producer or its predecessor)
+   * and behind which the consumer has read; told as soon as it can be pushed to. No lock is held: pushing from inside is
+   * allowed. May be null. */
+  void (*registered)(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
 } pcx_producer_ops;
 
 typedef struct pcx_producer_options {

@@ -18,7 +18,7 @@ enum class FrameKind : uint8_t {
   lookup,       // is the name published? payload: the name
   ping,         // is anybody there?
   answer,       // to the three above; tag: the request's; word: status
-  subscribe,    // tag: topic; payload: the name
+  subscribe,    // tag: topic; word: 1 when it is renewed, else 0; payload: the name
   unsubscribe,  // tag: topic
   mark,         // nothing but its order
   push,         // tag: topic; word: message type

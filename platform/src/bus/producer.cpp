@@ -85,7 +85,7 @@ struct pcx_producer final : Service {
   uint32_t lookup(std::string_view name) override;
   void peer_came(const pcx_peer& peer) override;
   void events_opened(const pcx_peer& peer, EventSink* sink) override;
-  void subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name) override;
+  void subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name, bool renewed) override;
   void unsubscribe(const pcx_peer& peer, uint64_t topic) override;
   void response(const pcx_peer& peer, uint64_t number, const void* data, uint32_t length) override;
   void events_closed(const pcx_peer& peer) override;
@@ -94,6 +94,7 @@ struct pcx_producer final : Service {
   bool can_carry(const void* payload, uint32_t length) const {
     return (payload != nullptr || length == 0) && length <= kMaxMessage && length + kFrameRoom <= queue_limit;
   }
+  void add_subscription(const pcx_peer& peer, uint64_t topic, const std::string& name);
   const std::vector<Subscription>& subscriptions_locked(const std::string& name) const;
   void forget_topic_locked(Consumer& consumer, uint64_t topic, const std::string& name);
   uint64_t ask_locked(const std::string& name, const void* payload, uint32_t length, Question* question);
@@ -136,7 +137,16 @@ void pcx_producer::events_opened(const pcx_peer& peer, EventSink* sink) {
   if (found != consumers.end()) found->second.sink = sink;
 }
 
-void pcx_producer::subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name) {
+// The user hears of a new registration before a push can reach it: what it keeps of an earlier one no longer
+// holds. Of a renewed one afterwards: from then on nothing more is missed.
+void pcx_producer::subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name, bool renewed) {
+  const std::string key(name);
+  if (!renewed && ops.registered != nullptr) ops.registered(user, &peer, key.c_str(), 0);
+  add_subscription(peer, topic, key);
+  if (renewed && ops.registered != nullptr) ops.registered(user, &peer, key.c_str(), 1);
+}
+
+void pcx_producer::add_subscription(const pcx_peer& peer, uint64_t topic, const std::string& name) {
   std::lock_guard lock(mutex);
   const auto found = consumers.find(peer.id);
   if (found == consumers.end()) return;

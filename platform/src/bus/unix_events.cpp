@@ -53,7 +53,7 @@ UnixEvents::UnixEvents(const UnixAddress& address, Receiver& receiver)
 void UnixEvents::subscribe(uint64_t topic, std::string_view name) {
   Dispatcher::instance().add(this);
   std::lock_guard lock(mutex_);
-  topics_.emplace(topic, name);
+  topics_.emplace(topic, Topic{std::string(name), order_ + 1});
   ++order_;
   append_change_locked(make_frame(FrameKind::subscribe, name.size(), topic, 0, order_), name.data());
 }
@@ -92,6 +92,11 @@ uint64_t UnixEvents::settle(const Deadline& deadline) {
   return order_;
 }
 
+void UnixEvents::answered(uint64_t order) {
+  std::lock_guard lock(mutex_);
+  answered_order_ = std::max(answered_order_, order);
+}
+
 // --- The connection ---
 
 // Replaces whatever connection there was. A failure is no more than that: the delivery thread tries again.
@@ -115,8 +120,9 @@ bool UnixEvents::connect_locked() {
 void UnixEvents::append_all_locked() {
   const Hello hello = {process_token(), Role::events, 0};
   out_.append(make_frame(FrameKind::hello, sizeof hello), &hello);
-  for (const auto& [topic, name] : topics_) {
-    out_.append(make_frame(FrameKind::subscribe, name.size(), topic), name.data());
+  for (const auto& [number, topic] : topics_) {
+    const uint32_t renewed = topic.order <= answered_order_ ? 1 : 0;
+    out_.append(make_frame(FrameKind::subscribe, topic.name.size(), number, renewed), topic.name.data());
   }
   out_.append(make_frame(FrameKind::mark, 0, 0, 0, order_), nullptr);
 }

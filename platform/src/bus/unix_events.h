@@ -38,6 +38,9 @@ class UnixEvents {
   // Sees to it that all changes are on their way, as far as there is a producer, and returns the last one's
   // number; 0 when nothing is subscribed.
   uint64_t settle(const Deadline& deadline);
+  // A request sent behind that change has been answered: the subscriptions up to it, made again after a lost
+  // connection, are renewed ones.
+  void answered(uint64_t order);
 
   // --- Delivery thread only ---
 
@@ -67,8 +70,13 @@ class UnixEvents {
   Receiver& receiver_;
 
   std::mutex mutex_;
-  std::map<uint64_t, std::string> topics_;
-  uint64_t order_ = 0;  // number of the last change
+  struct Topic {
+    std::string name;
+    uint64_t order;  // number of the change that made it
+  };
+  std::map<uint64_t, Topic> topics_;
+  uint64_t order_ = 0;           // number of the last change
+  uint64_t answered_order_ = 0;  // number of the last change behind which a request has been answered
   Connection current_;  // where changes and responses go; null when there is none
   OutQueue out_;        // waits for current_
 

@@ -280,6 +280,7 @@ bool UnixServer::handle(Connection& connection, const FrameHeader& header, char*
     }
     case FrameKind::subscribe:
       if (header.length == 0) return close_malformed(connection, "subscription without a name");
+      if (header.word > 1) return close_malformed(connection, "subscription neither new nor renewed");
       [[fallthrough]];
     case FrameKind::unsubscribe:
     case FrameKind::mark:
@@ -298,7 +299,8 @@ bool UnixServer::handle(Connection& connection, const FrameHeader& header, char*
 }
 
 void UnixServer::handle_change(Peer& peer, const FrameHeader& header, const char* payload) {
-  if (header.kind == FrameKind::subscribe) service_.subscribe(peer.who, header.tag, {payload, header.length});
+  if (header.kind == FrameKind::subscribe)
+    service_.subscribe(peer.who, header.tag, {payload, header.length}, header.word != 0);
   if (header.kind == FrameKind::unsubscribe) service_.unsubscribe(peer.who, header.tag);
   if (header.order <= peer.order) return;
   peer.order = header.order;

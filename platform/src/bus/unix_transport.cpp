@@ -31,7 +31,9 @@ class UnixLink final : public Link {
                    Deadline deadline) override {
     const uint64_t order = events_.settle(deadline);
     const FrameHeader header = make_frame(FrameKind::read, length, 0, *answer_length, order);
-    return requests_.exchange(header, request, answer, answer_length, deadline);
+    const uint32_t status = requests_.exchange(header, request, answer, answer_length, deadline);
+    if (status == 0) events_.answered(order);
+    return status;
   }
 
   void subscribe(uint64_t topic, std::string_view name) override { events_.subscribe(topic, name); }
