@@ -24,7 +24,6 @@ void* es_acl_global_handle;
 acl_client_relay_entry* acl_client_relay_hdl;
 acl_client_relay_entry* acl_client_err_relay_hdl;
 void* acl_client_relay_hist_hdl;
-void* es_acl_cb_timer_tree;
 uint32_t es_acl_lib_timer_type;
 
 namespace es_acl {

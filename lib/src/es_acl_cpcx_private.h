@@ -5,12 +5,56 @@
 
 #include "es_acl/es_acl_status.h"
 #include "es_acl/es_acl_types.h"
+#include "es_acl/es_acl_wire.h"
+#include "es_platform/queue.h"
 
 namespace es_acl {
 
 // es_acl_cpcx_read_acl(). *head_released says whether the head is gone: a status of 12 alone does not, for
 // the bus may have returned it.
 es_acl_status read_acl(es_acl_head* head, bool* head_released);
+
+// Applies a pushed change that was kept aside while this thread filled its ACL.
+void apply_kept_message(void* payload, uint32_t length);
+
+// Name of the dispatcher in debug lines and trace records.
+inline constexpr char kHandler[] = "es_acl_cpcx_handler";
+
+// A message as the bus delivers it, of which nothing may be read behind its end.
+struct Message {
+  void* bytes;
+  uint32_t length;
+
+  bool holds(uint64_t size) const { return bytes != nullptr && length >= size; }
+  // The 32-bit word at the offset, in wire order; 0 where the message has ended.
+  uint32_t word(uint32_t offset) const;
+  template <typename Record>
+  Record* as() const {
+    return static_cast<Record*>(bytes);
+  }
+};
+
+// Says that the message is shorter than what it names. False, for the caller to return.
+bool refuse_short(const Message& message);
+// What the dispatcher says of a record whose version it does not know: `format` takes its name, 1 and the version.
+void refuse_version(const char* format, uint32_t version);
+
+// Answers one of the producer's questions, or says why not.
+void answer_sync_request(const Message& message, void** response, uint32_t* response_length);
+
+// Resource questions that are held until the producer asks for the answer or withdraws them: elements of
+// HeldQuery. Used on the delivery thread only.
+struct HeldQuery {
+  void* link;  // the queue's
+  es_acl_pcx_res_query_req request;
+  es_acl_pcx_acl_ace* candidates() { return reinterpret_cast<es_acl_pcx_acl_ace*>(this + 1); }
+};
+extern linked_queue es_acl_held_res_queries;
+
+// Checks or withdraws the held question that the request names. The request is in host byte order; `cancel` non-zero
+// withdraws. What the callbacks say, or 0 when there is nothing to check; 22 no such question; 12.
+es_acl_status es_acl_cpcx_verify_resource_availability(const es_acl_pcx_res_query_req* request,
+                                                       uint32_t cancel);
 
 }  // namespace es_acl
 

@@ -12,6 +12,7 @@
 #include "es_acl_buffer.h"
 #include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
+#include "es_acl_gate.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
 #include "es_db_private.h"
@@ -191,9 +192,11 @@ es_acl_status read_acl(es_acl_head* head, bool* head_released) {
   uint32_t rc = query_producer(kOperation, head);
   if (rc != 0) return rc == ENOENT ? 0 : rc;
   if (ace_count(head) != 0) return 0;
+  AclFill fill(head->name);
   Read read(head);
   rc = read.run();
   *head_released = read.head_released();
+  if (rc == 0) rc = fill.finish(apply_kept_message);
   if (rc == 0) return 0;
   DBG_ERR("%s: es_acl_cpcx_read_tacl fail %s", kOperation, errcode_string(rc));
   trace(kOperation, "read failed", rc);

@@ -1,14 +1,17 @@
 // Finding ACLs by name, copying and traversing them, and giving them back.
 //
 // The lookups and the release take no lock: the store guards its index, and getting and releasing the same
-// ACL is serialised by the client. The traversal holds the ACL's lock from its first visit to its last.
+// ACL is serialised by the client. A teardown waits for callbacks of the ACL that run on other threads, and is left to
+// their end when it comes from inside a callback. The traversal holds the ACL's lock from its first visit to its last.
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 
 #include "es_acl/es_acl.h"
 #include "es_acl/es_acl_store.h"
+#include "es_acl_cb_private.h"
 #include "es_acl_diag.h"
+#include "es_acl_gate.h"
 #include "es_db_private.h"
 #include "es_platform/list_registry.h"
 #include "es_platform/mtimer.h"
@@ -17,6 +20,7 @@
 namespace es_acl {
 namespace {
 
+constexpr char kRelease[] = "es_acl_release";
 constexpr uint64_t kCountRelease = 15;
 constexpr uint64_t kCountLookup = 22;
 constexpr uint64_t kCountUnregisterFailed = 12;  // error block
@@ -27,22 +31,36 @@ void destroy_registry(void*& registry) {
   registry = nullptr;
 }
 
-// The last reference is gone: off the bus, then out of the store. A failed withdrawal does not keep the ACL.
-void remove_acl(const char* operation, es_acl_head* head) {
-  DBG_DETAIL("%s: Removing ACL ..refcount 0: %s", operation, shown(head->name));
+// Off the bus, then out of the store. A failed withdrawal does not keep the ACL.
+void remove_acl(es_acl_head* head) {
+  DBG_DETAIL("%s: Removing ACL ..refcount 0: %s", kRelease, shown(head->name));
   const uint32_t rc = pcx_unregister(head->reg_handle);
   if (rc != 0) {
-    DBG_ERR("%s: pcx_unregister failed %s", operation, errcode_string(rc));
-    trace(operation, "pcx_unregister failed", rc);
+    DBG_ERR("%s: pcx_unregister failed %s", kRelease, errcode_string(rc));
+    trace(kRelease, "pcx_unregister failed", rc);
     count_error(kCountUnregisterFailed);
   }
   es_acl_db_owner_release(head);
 }
 
-void release_one(const char* operation, es_acl_head* head) {
+// A teardown that was left to the end of a callback. The callback may have got the ACL again.
+void remove_unless_held_again(es_acl_head* head) {
+  if (references(head) == 0) remove_acl(head);
+}
+
+void release_one(es_acl_head* head) {
   if (head == nullptr) return;
-  DBG_DETAIL("%s: Releasing ACL %s", operation, shown(head->name));
-  if (drop_reference(head) == 0) remove_acl(operation, head);
+  DBG_DETAIL("%s: Releasing ACL %s", kRelease, shown(head->name));
+  if (drop_reference(head) != 0) return;
+  const AclTeardown teardown(head, remove_unless_held_again);
+  if (teardown.granted()) remove_acl(head);
+}
+
+void free_timer(const char* operation, es_acl_head* head) {
+  const std::atomic_ref<void*> leaf(head->cb_timer_leaf);
+  if (leaf.load(std::memory_order_acquire) == nullptr) return;
+  DBG_DETAIL("%s: Freeing timer for acl %s", operation, shown(head->name));
+  mtimer_leaf_free(static_cast<mtimer_leaf*>(leaf.load(std::memory_order_relaxed)));
 }
 
 }  // namespace
@@ -125,8 +143,7 @@ void es_acl_release(const es_acl_handle_list* list) {
     return;
   }
   trace(__func__, "releasing", list->count);
-  for (uint32_t i = 0; i < list->count; ++i)
-    release_one(__func__, static_cast<es_acl_head*>(list->entries[i]));
+  for (uint32_t i = 0; i < list->count; ++i) release_one(static_cast<es_acl_head*>(list->entries[i]));
 }
 
 void es_acl_db_owner_release(es_acl_head* head) {
@@ -136,10 +153,10 @@ void es_acl_db_owner_release(es_acl_head* head) {
     DBG_ERR("%s: Invalid arguments. handle = NULL", __func__);
     return;
   }
-  if (head->cb_timer_leaf != nullptr) {
-    DBG_DETAIL("%s: Freeing timer for acl %s", __func__, shown(head->name));
-    mtimer_leaf_free(static_cast<mtimer_leaf*>(head->cb_timer_leaf));
-  }
+  const AclTeardown teardown(head, es_acl_db_owner_release);
+  if (!teardown.granted()) return;
+  free_timer(__func__, head);
+  drop_notify_entries(head);
   destroy_registry(head->cb_registry_a);
   destroy_registry(head->cb_registry_b);
   es_acl_apis->acl_release(head->name);

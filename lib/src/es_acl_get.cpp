@@ -10,6 +10,7 @@
 #include "es_acl/es_acl_store.h"
 #include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
+#include "es_acl_gate.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
 #include "es_db_private.h"
@@ -36,13 +37,17 @@ uint32_t register_name(const char* name, es_acl_head* head) {
                       [&] { return dsv_register(es_acl_classhandle, name, &head->reg_handle); });
 }
 
+// A push or a question may just be looking at the head.
 void discard_new_head(es_acl_head* head) {
+  const AclTeardown teardown(head, discard_new_head);
+  if (!teardown.granted()) return;
   if (head->reg_handle != nullptr) pcx_unregister(head->reg_handle);
   es_acl_freelist(head, nullptr);
 }
 
-// Registers a new head and fills it. On failure the head is gone, and so is its registration.
-uint32_t attach(const char* name, es_acl_head* head) {
+// Registers a new head and fills it; what is pushed meanwhile is applied behind the fill. On failure the head is gone,
+// and so is its registration.
+uint32_t attach(const char* name, es_acl_head* head, AclFill& fill) {
   uint32_t rc = register_name(name, head);
   if (rc != 0) {
     DBG_ERR("%s: DSV register failed: %s", kGet, errcode_string(rc));
@@ -60,6 +65,7 @@ uint32_t attach(const char* name, es_acl_head* head) {
   void* const reg_handle = head->reg_handle;
   bool head_released = false;
   rc = read_acl(head, &head_released);
+  if (rc == 0) rc = fill.finish(apply_kept_message);
   if (rc == 0) return 0;
   DBG_ERR("%s: PCX read failed: %s", kGet, errcode_string(rc));
   trace_name(kGet, "read failed", name, rc);
@@ -78,6 +84,7 @@ Outcome share(es_acl_head* head) {
 
 Outcome create(const char* name) {
   DBG_DETAIL("%s: Creating new ACL head type", kGet);
+  AclFill fill(name);
   es_acl_head* head = es_acl_apis->get_header(name);
   if (head == nullptr) {
     DBG_ERR("%s: acl %s get_header failed", kGet, name);
@@ -86,7 +93,7 @@ Outcome create(const char* name) {
   }
   head->created_by_get = 1;
   head->evm_ctx = es_acl_lib_ctx;
-  const uint32_t rc = attach(name, head);
+  const uint32_t rc = attach(name, head, fill);
   return rc == 0 ? Outcome{head, 0, true} : failed(rc);
 }
 

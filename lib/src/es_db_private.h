@@ -2,7 +2,7 @@
 //
 // The lock is held around exactly one store call or one short change of the head. It belongs to the store,
 // which creates and destroys it; whether it is recursive is the store's choice. No registered
-// callback, debug line or trace record runs under it; a traversal's visitor does.
+// callback runs under it; a traversal's visitor does.
 #ifndef ES_ACL_SRC_ES_DB_PRIVATE_H_
 #define ES_ACL_SRC_ES_DB_PRIVATE_H_
 
@@ -60,6 +60,9 @@ inline int32_t add_reference(es_acl_head* acl) {
 }
 inline int32_t drop_reference(es_acl_head* acl) {
   return std::atomic_ref<int32_t>(acl->refcount).fetch_sub(1, std::memory_order_acq_rel) - 1;
+}
+inline int32_t references(es_acl_head* acl) {
+  return std::atomic_ref<int32_t>(acl->refcount).load(std::memory_order_acquire);
 }
 inline uint32_t ace_count(es_acl_head* acl) {
   return std::atomic_ref<uint32_t>(acl->ace_count).load(std::memory_order_relaxed);

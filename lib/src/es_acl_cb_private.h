@@ -1,0 +1,41 @@
+// The callback registries as their users inside the library see them.
+#ifndef ES_ACL_SRC_CB_PRIVATE_H_
+#define ES_ACL_SRC_CB_PRIVATE_H_
+
+#include <atomic>
+#include <mutex>
+
+#include "es_acl/es_acl_callback.h"
+#include "es_platform/list_registry.h"
+
+namespace es_acl {
+
+// The registry of one kind of callbacks: none until the first registration, then there for the rest of the process.
+// Created once, whoever comes first; any thread.
+class CallbackRegistry {
+ public:
+  // Null while there is none.
+  list_registry* get() const { return handle_.load(std::memory_order_acquire); }
+  // Null when it cannot be created; the next call tries again.
+  list_registry* get_or_create();
+
+ private:
+  std::atomic<list_registry*> handle_ = nullptr;
+  std::mutex creation_;
+};
+
+extern constinit CallbackRegistry es_acl_update_notify;
+extern constinit CallbackRegistry es_acl_reseq_notify;
+extern constinit CallbackRegistry es_acl_res_check_notify;
+extern constinit CallbackRegistry es_acl_check_usage_notify;
+
+// Prepares the ACL's timer leaf, and the process's timer tree when it is the first. Under the ACL's lock. 0, or why it
+// could not be done.
+es_acl_status es_acl_setup_callback_timer(es_acl_head* acl);
+
+// Frees the ACL's notification entries, at its teardown.
+void drop_notify_entries(es_acl_head* acl);
+
+}  // namespace es_acl
+
+#endif  // ES_ACL_SRC_CB_PRIVATE_H_

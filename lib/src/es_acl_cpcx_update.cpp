@@ -1,0 +1,180 @@
+// Applying a pushed batch: find out what really changes, tell the update callbacks, then change the list.
+//
+// Runs on the delivery thread. Every search, deletion and addition takes the ACL's lock for itself, so that other
+// threads can see the list part-way changed. Nothing is stored before all callbacks have agreed; a batch that is
+// refused leaves the list as it was.
+//
+// With "delete and add" an ACE that replaces another is reported as a removal and then as an addition; ACEs that are
+// stored already are marked by sequence number 0 in the records. With "add only" the addition carries the old ACE.
+#include <cerrno>
+
+#include "es_acl/es_acl.h"
+#include "es_acl/es_acl_callback.h"
+#include "es_acl/es_acl_cpcx.h"
+#include "es_acl/es_acl_store.h"
+#include "es_acl_cb_batch.h"
+#include "es_acl_diag.h"
+#include "es_acl_gate.h"
+#include "es_acl_state.h"
+
+namespace es_acl {
+namespace {
+
+constexpr char kUpdate[] = "es_acl_cpcx_handle_pcx_update_ace";
+
+bool add_only() { return es_acl_modify_mode.load(std::memory_order_relaxed) == ES_ACL_MODIFY_ADD_ONLY; }
+
+class Update {
+ public:
+  Update(es_acl_head* acl, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n)
+      : acl_(acl), command_(command), records_(records), n_(n), batch_(n) {}
+
+  // *changed, when non-null, is set to 1 when an addition was reported and made.
+  uint32_t run(uint32_t* changed);
+
+ private:
+  void scan_for_removal(uint32_t i, es_acl_iter* iter);
+  uint32_t report_removals();
+  void remove_all();
+  uint32_t collect(uint32_t i, es_acl_iter* iter);
+  uint32_t collect_additions();
+  uint32_t report_additions();
+  void add_all();
+
+  es_acl_head* acl_;
+  uint32_t command_;
+  es_acl_pcx_acl_ace* records_;
+  uint32_t n_;
+  EditBatch batch_;  // of the removals first, then of the additions
+};
+
+void Update::scan_for_removal(uint32_t i, es_acl_iter* iter) {
+  es_acl_ace& ace = records_[i].ace;
+  DBG_DETAIL("%s: i %u acl %s Looking for ace %u iter%p", kUpdate, i, acl_->name, ace.seq, *iter);
+  es_acl_ace* const found = es_acl_search_item_biter(acl_, ace.seq, iter);
+  DBG_DETAIL("%s: es_acl_search_item_biter returned%p iter %p", kUpdate, static_cast<void*>(found), *iter);
+  if (found == nullptr) return;
+  DBG_DETAIL("%s: i %u acl %s ace %u found", kUpdate, i, acl_->name, ace.seq);
+  if (found->kind == ES_ACL_KIND_REMARK) return;
+  if (command_ == ACL_PCX_ADD_ACE && es_acl_compare_ace(found, &ace) != 0) {
+    DBG_DETAIL("%s: i %u compare ace succeeded, seq %u", kUpdate, i, ace.seq);
+    ace.seq = 0;
+    return;
+  }
+  DBG_DETAIL("%s: adding to batch, i %u seq %u curr_batch_size %u", kUpdate, i, ace.seq, batch_.size());
+  batch_.show_stored(ace.seq, found);
+}
+
+// A removal is scanned from the first record to the last, an addition from the last to the first.
+uint32_t Update::report_removals() {
+  es_acl_iter iter = nullptr;
+  for (uint32_t k = 0; k < n_; ++k) scan_for_removal(command_ == ACL_PCX_REMOVE_ACE ? k : n_ - 1 - k, &iter);
+  if (batch_.size() == 0) return 0;
+  DBG_DETAIL("%s: calling incremental_callback for remove: batch_size %u", kUpdate, batch_.size());
+  trace(kUpdate, "reporting removals", batch_.size());
+  const uint32_t rc = es_acl_invoke_update_callback(acl_, ACL_REMOVE_ACE, batch_.size(), batch_.data());
+  if (rc != 0) DBG_ERR("%s: failed for ACL_REMOVE_ACE: %s", kUpdate, errcode_string(rc));
+  return rc;
+}
+
+void Update::remove_all() {
+  es_acl_iter iter = nullptr;
+  for (uint32_t i = 0; i < n_; ++i) {
+    const uint32_t seq = records_[i].ace.seq;
+    DBG_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(i), seq);
+    es_acl_delete_item_common(acl_, seq, ES_ACL_FORWARD, &iter);
+  }
+}
+
+// Puts one record's ACE into the batch of additions, unless it is stored already.
+uint32_t Update::collect(uint32_t i, es_acl_iter* iter) {
+  const es_acl_ace& ace = records_[i].ace;
+  if (ace.seq == 0) {
+    DBG_DETAIL("%s: skipping item %d duplicate", kUpdate, static_cast<int>(i));
+    return 0;
+  }
+  es_acl_ace* const old = add_only() ? es_acl_search_item_fiter(acl_, ace.seq, iter) : nullptr;
+  if (old != nullptr && es_acl_compare_ace(old, &ace) != 0) return 0;
+  DBG_DETAIL("%s: %s entry %u", kUpdate, old != nullptr ? "Updating" : "Adding", ace.seq);
+  if (batch_.add_copy(ace, old)) return 0;
+  DBG_ERR("%s: Memory cannot be allocated for ace", kUpdate);
+  return ENOMEM;
+}
+
+uint32_t Update::collect_additions() {
+  batch_.clear();
+  es_acl_iter iter = nullptr;
+  for (uint32_t i = 0; i < n_; ++i)
+    if (const uint32_t rc = collect(i, &iter); rc != 0) return rc;
+  return 0;
+}
+
+uint32_t Update::report_additions() {
+  const uint32_t rc = es_acl_invoke_update_callback(acl_, ACL_ADD_ACE, batch_.size(), batch_.data());
+  if (rc != 0) DBG_ERR("%s: failed for ACL_ADD_ACE: %s", kUpdate, errcode_string(rc));
+  return rc;
+}
+
+// What the store refuses stays in the batch, and goes back to the pool with it.
+void Update::add_all() {
+  es_acl_iter iter = nullptr;
+  for (uint32_t i = 0; i < batch_.size(); ++i) {
+    const ace_edit_info& element = batch_[i];
+    const uint32_t flag = add_only() && element.is_new != 0 ? ES_ACL_ADD_KEEP : ES_ACL_ADD_REPLACE;
+    element.ace->private_data = nullptr;
+    if (es_acl_add_acl_item_common(acl_, element.ace, element.seq, flag, &iter) == 0)
+      batch_.release(i);
+    else
+      DBG_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
+                 element.seq);
+  }
+}
+
+uint32_t Update::run(uint32_t* changed) {
+  if (!batch_.exists()) {
+    trace(kUpdate, "no memory for a batch", n_);
+    DBG_ERR("%s: memory alloc for ace_edit_info failed: ACL name:%s", kUpdate, records_->acl_name);
+    return ENOMEM;
+  }
+  DBG_DETAIL("%s Received a batch of %u of ACL %s for %s", kUpdate, n_, records_->acl_name,
+             command_ == ACL_PCX_REMOVE_ACE ? "ACL_PCX_REMOVE_ACE" : "ACL_PCX_ADD_ACE");
+  trace_name(kUpdate, "batch", records_->acl_name, n_, command_);
+  uint32_t rc = command_ == ACL_PCX_REMOVE_ACE || !add_only() ? report_removals() : 0;
+  if (rc != 0) return rc;
+  if (command_ == ACL_PCX_REMOVE_ACE) {
+    remove_all();
+    return 0;
+  }
+  rc = collect_additions();
+  if (rc != 0 || batch_.size() == 0) return rc;
+  rc = report_additions();
+  if (rc != 0) return rc;
+  if (changed != nullptr) *changed = 1;
+  add_all();
+  return 0;
+}
+
+}  // namespace
+}  // namespace es_acl
+
+using namespace es_acl;
+
+es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
+                                                es_acl_head** head, uint32_t* changed) {
+  DBG_INFO("Entering %s", __func__);
+  if (records == nullptr || n == 0 || head == nullptr) {
+    DBG_ERR("%s: Invalid arguments", __func__);
+    trace(__func__, "invalid arguments", EINVAL);
+    return EINVAL;
+  }
+  records->acl_name[ES_ACL_NAME_MAX] = '\0';
+  const AclUse use(records->acl_name);
+  es_acl_head* const acl = es_acl_lookup_internal(records->acl_name);
+  if (acl == nullptr || use.leaving()) {
+    DBG_ERR("%s: acl lookup failed", __func__);
+    trace(__func__, "no such ACL", EINVAL);
+    return EINVAL;
+  }
+  *head = acl;
+  return Update(acl, command, records, n).run(changed);
+}

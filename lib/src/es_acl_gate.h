@@ -1,0 +1,107 @@
+// Who is at an ACL right now: uses, first fills, teardowns. What happens when they meet.
+//
+// Three kinds of work on one ACL can meet on different threads:
+//   - a use: a pushed message or a drain of notifications is being handled, callbacks included;
+//   - the first fill: a get reads the ACL's ACEs for the first time;
+//   - the teardown: the last release, or a fill that failed, takes the ACL down.
+// Each says so, by the ACL's name, with an object on its stack. One small mutex orders the saying; nothing else
+// runs under it. Then:
+//   - a pushed change that meets a fill is kept aside, and applied in order by the filling thread at the fill's
+//     end. The fill ends under the mutex under which messages are kept, so none is lost, and the delivery thread
+//     does not wait;
+//   - a use that meets a teardown finds the ACL not held any more;
+//   - a teardown that meets a use waits for it, with no lock held. On a thread that is in a use itself (a
+//     callback releases an ACL) it does not wait but is left to the end of the use that it meets: no two
+//     callbacks can wait for each other.
+// A use inside a use of the same thread, a fill inside a fill, a teardown inside a teardown change nothing.
+#ifndef ES_ACL_SRC_GATE_H_
+#define ES_ACL_SRC_GATE_H_
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "es_acl/es_acl_types.h"
+
+namespace es_acl {
+
+// One thread's presence at one ACL.
+struct Stay {
+  enum class Kind { use, fill, teardown };
+
+  Stay(Kind its_kind, const char* its_name);
+  Stay(const Stay&) = delete;
+  Stay& operator=(const Stay&) = delete;
+
+  const Kind kind;
+  const pthread_t thread;
+  char name[ES_ACL_NAME_FIELD_SIZE];  // a copy: the head, and its name, may go first
+  Stay* next = nullptr;
+  bool linked = false;
+};
+
+// The teardown of a head, for when it cannot be done at once.
+using TeardownWork = void (*)(es_acl_head* head);
+
+class AclUse : private Stay {
+ public:
+  explicit AclUse(const char* name);
+  // For a pushed change: when another thread fills the ACL, the message is kept aside for it.
+  AclUse(const char* name, const void* message, uint32_t length);
+  // Does a teardown that was left to this use.
+  ~AclUse();
+
+  // The message has been kept for the filling thread: nothing is to be done with it here.
+  bool kept() const { return kept_; }
+  // Whatever a lookup finds, the ACL is on its way out, or is another one already that a fill just begins.
+  bool leaving() const { return leaving_.load(std::memory_order_relaxed); }
+
+ private:
+  friend class AclFill;
+  friend class AclTeardown;
+  void enter_locked();
+
+  bool kept_ = false;
+  std::atomic<bool> leaving_ = false;
+  es_acl_head* left_head_ = nullptr;
+  TeardownWork left_work_ = nullptr;
+};
+
+class AclFill : private Stay {
+ public:
+  explicit AclFill(const char* name);
+  // Drops what is kept.
+  ~AclFill();
+
+  // Ends the fill: calls `apply` for the messages that were kept, in order of arrival. 0; or 12 when one could not be
+  // kept, and then the ACL's list is not to be trusted.
+  uint32_t finish(void (*apply)(void* message, uint32_t length));
+
+ private:
+  friend class AclUse;
+  struct Message;
+
+  void keep_locked(const void* message, uint32_t length);
+  Message* take();
+
+  Message* first_ = nullptr;
+  Message** end_ = &first_;
+  bool lost_ = false;
+};
+
+class AclTeardown : private Stay {
+ public:
+  // `work` is done later by somebody else when granted() says no.
+  AclTeardown(es_acl_head* head, TeardownWork work);
+  ~AclTeardown();
+
+  bool granted() const { return granted_; }
+
+ private:
+  bool granted_ = true;
+};
+
+}  // namespace es_acl
+
+#endif  // ES_ACL_SRC_GATE_H_
