@@ -15,7 +15,6 @@
 #include "es_acl/es_acl_wire.h"
 #include "es_platform/diag.h"
 #include "es_platform/dsv.h"
-#include "es_platform/evm.h"
 #include "es_platform/loader.h"
 #include "es_platform/pcx.h"
 #include "fields.h"
@@ -24,7 +23,7 @@ namespace es_acl::tool {
 
 namespace {
 
-evm* events;  // the process's, and never destroyed: the library uses it until the process ends
+evm* event_manager;  // the process's, and never destroyed: the library uses it until the process ends
 
 constexpr char kDefaultStore[] = "libes_acl_tree.dll";
 
@@ -125,6 +124,16 @@ void ReleaseAcl::operator()(es_acl_head* acl) const {
   es_acl_release(&handles);
 }
 
+Counts count_entries(es_acl_head* acl) {
+  Counts counts;
+  for_each_ace(acl, [&](const es_acl_ace& ace) {
+    ++counts.aces;
+    counts.remarks += ace.kind == ES_ACL_KIND_REMARK;
+    return true;
+  });
+  return counts;
+}
+
 BusDirectory bus_directory() {
   if (const char* directory = environment("ES_PCX_DIR")) return {directory, "from ES_PCX_DIR"};
   if (const char* base = environment("XDG_RUNTIME_DIR"))
@@ -133,13 +142,15 @@ BusDirectory bus_directory() {
 }
 
 std::optional<Problem> Client::start(const std::string& store) {
-  uint32_t status = evm_create(&events);
+  uint32_t status = evm_create(&event_manager);
   if (status != 0) return Problem{State::kFailed, status, "cannot initialise: " + status_text(status)};
   if (!store.empty()) status = es_acl_use_db_dll(store.c_str());
-  if (status == 0) status = es_acl_clib_init(events);
+  if (status == 0) status = es_acl_clib_init(event_manager);
   if (status != 0) return store_problem(store, status);
   return std::nullopt;
 }
+
+evm* Client::events() const { return event_manager; }
 
 std::optional<Problem> Client::refuse(const std::string& name) const {
   const uint32_t status = es_acl_check_acl_name(name.c_str());

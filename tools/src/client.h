@@ -13,6 +13,7 @@
 #include <variant>
 
 #include "es_acl/es_acl.h"
+#include "es_platform/evm.h"
 
 namespace es_acl::tool {
 
@@ -54,6 +55,8 @@ void for_each_ace(es_acl_head* acl, Visit visit) {
   }
 }
 
+Counts count_entries(es_acl_head* acl);
+
 // Where the producer is looked for.
 struct BusDirectory {
   std::string path;
@@ -65,6 +68,8 @@ class Client {
  public:
   // Once, before anything else. `store` names the plug-in; empty for the default one.
   std::optional<Problem> start(const std::string& store);
+  // The process's event manager, after a successful start.
+  evm* events() const;
 
   Result<AclHandle> get(const std::string& name);
   Result<Counts> count(const std::string& name);

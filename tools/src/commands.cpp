@@ -21,7 +21,7 @@ class Runner {
     else
       get(name);
   }
-  int exit_code() const { return no_producer_ ? kExitNoProducer : missing_ ? kExitAclMissing : kExitOk; }
+  int exit_code() const { return failures_.exit_code(); }
 
  private:
   void count(const std::string& name) {
@@ -44,16 +44,14 @@ class Runner {
   }
 
   void tell(const std::string& name, const Problem& problem) {
-    missing_ = true;
-    no_producer_ |= problem.state == State::kNoProducer || problem.state == State::kUnreachable;
+    failures_.note(problem);
     report_.problem(name, problem);
   }
 
   const Options& options_;
   Client& client_;
   Report& report_;
-  bool missing_ = false;
-  bool no_producer_ = false;
+  Failures failures_;
 };
 
 }  // namespace

@@ -8,6 +8,20 @@
 
 namespace es_acl::tool {
 
+// What the failures among several ACLs make of the exit code.
+class Failures {
+ public:
+  void note(const Problem& problem) {
+    missing_ = true;
+    no_producer_ |= problem.state == State::kNoProducer || problem.state == State::kUnreachable;
+  }
+  int exit_code() const { return no_producer_ ? kExitNoProducer : missing_ ? kExitAclMissing : kExitOk; }
+
+ private:
+  bool missing_ = false;
+  bool no_producer_ = false;
+};
+
 // The exit code, without regard to the output.
 int run_command(const Options& options, Client& client, Report& report, const Output& out);
 

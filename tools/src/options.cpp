@@ -11,6 +11,7 @@ namespace es_acl::tool {
 namespace {
 
 constexpr size_t kStoreNameMax = 255;
+constexpr char kAddOnly[] = "add-only";
 
 constexpr char kFooter[] =
     "Environment: ES_PCX_DIR names the directory of the producer's sockets (else\n"
@@ -18,7 +19,7 @@ constexpr char kFooter[] =
     "producer may take (5000); NO_COLOR switches colour off.\n\n"
     "Exit codes: 0 all ACLs were had; 1 at least one could not be had; 2 wrong command line; 3 the\n"
     "library could not be initialised; 4 there is no producer, or none can be reached; 5 the output\n"
-    "could not be written.";
+    "could not be written; 6 watch: the time was over before the events were there.";
 
 void set_words(uint16_t (&field)[3], const MacWords& words) { std::copy(words.begin(), words.end(), field); }
 
@@ -91,12 +92,46 @@ void complete_frame(const CLI::App& match, es_acl_match_key* frame) {
     frame->tags = ES_ACL_KEY_TAGGED;
 }
 
+void add_watch(CLI::App& app, Options& options) {
+  CLI::App& command =
+      *app.add_subcommand("watch", "hold ACLs and print what is changed and asked, until ended");
+  WatchOptions& watch = options.watch;
+  add_names(command, options.names);
+  command.add_option("--count", watch.count, "end after N events")
+      ->type_name("N")
+      ->check(CLI::Validator(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX})).description(""));
+  command
+      .add_option("--timeout", watch.timeout,
+                  "end after S seconds; with --count, with exit code 6 if N is not reached")
+      ->type_name("S")
+      ->check(CLI::Validator(CLI::Range(0.001, 1e6)).description(""));
+  command
+      .add_option(
+          "--refuse-above", watch.refuse_above,
+          "answer a question for resources with status 28 (no space) if the ACL\nwould then hold more than N "
+          "entries; otherwise all are granted")
+      ->type_name("N");
+  command.add_flag_callback(
+      "--not-in-use", [&watch] { watch.in_use = false; },
+      "answer the question whether ACLs are used with no; otherwise\nit is yes");
+  command
+      .add_option_function<std::string>(
+          "--modify-mode",
+          [&watch](const std::string& word) {
+            watch.modify_mode = word == kAddOnly ? ES_ACL_MODIFY_ADD_ONLY : ES_ACL_MODIFY_DELETE_AND_ADD;
+          },
+          "delete-and-add: an entry that replaces another is told as a removal\nand an addition (default); "
+          "add-only: as an addition with both")
+      ->type_name("MODE")
+      ->check(CLI::Validator(CLI::IsMember({"delete-and-add", kAddOnly})).description(""));
+}
+
 void describe(CLI::App& app, Options& options) {
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
   app.set_version_flag("--version", "es-acl " ES_ACL_VERSION);
-  app.add_flag("--json", options.json, "answer with one JSON document");
+  app.add_flag("--json", options.json, "answer with one JSON document; watch: with one a line");
   app.add_option("--store", options.store, "store plug-in to use instead of libes_acl_tree.dll")
       ->type_name("FILE")
       ->check([](const std::string& name) {
@@ -106,10 +141,12 @@ void describe(CLI::App& app, Options& options) {
   add_names(*app.add_subcommand("show", "print the entries of ACLs"), options.names);
   add_names(*app.add_subcommand("count", "print how many entries ACLs have"), options.names);
   add_match(app, options);
+  add_watch(app, options);
 }
 
 Command chosen(const CLI::App& app) {
   if (app.got_subcommand("count")) return Command::kCount;
+  if (app.got_subcommand("watch")) return Command::kWatch;
   return app.got_subcommand("match") ? Command::kMatch : Command::kShow;
 }
 
@@ -128,6 +165,8 @@ const char* command_name(Command command) {
       return "show";
     case Command::kCount:
       return "count";
+    case Command::kWatch:
+      return "watch";
     case Command::kMatch:
       break;
   }

@@ -16,10 +16,19 @@ enum ExitCode {
   kExitUsage = 2,
   kExitNotInitialised = 3,
   kExitNoProducer = 4,
-  kExitOutput = 5,  // standard output could not be written
+  kExitOutput = 5,    // standard output could not be written
+  kExitTimedOut = 6,  // the time was over before the events that were asked for
 };
 
-enum class Command { kShow, kCount, kMatch };
+enum class Command { kShow, kCount, kMatch, kWatch };
+
+struct WatchOptions {
+  uint64_t count = 0;             // events to tell; 0: without end
+  std::optional<double> timeout;  // seconds
+  std::optional<uint32_t> refuse_above;
+  bool in_use = true;  // the answer to usage questions
+  uint32_t modify_mode = ES_ACL_MODIFY_DELETE_AND_ADD;
+};
 
 struct Options {
   Command command = Command::kShow;
@@ -27,6 +36,7 @@ struct Options {
   bool json = false;
   std::string store;            // empty: the default plug-in
   es_acl_match_key frame = {};  // of kMatch
+  WatchOptions watch;           // of kWatch
 };
 
 const char* command_name(Command command);
