@@ -41,6 +41,7 @@ void debug_printf(const debug_category* category, uint32_t reserved, uint32_t le
 void _rlog_str(rlog_ctx* ctx, const char*, const char*, const char*, uint64_t, uint64_t) { trace(ctx); }
 void _rlog_1(rlog_ctx* ctx, const char*, const char*, uint64_t) { trace(ctx); }
 void _rlog_2(rlog_ctx* ctx, const char*, const char*, uint64_t, uint64_t) { trace(ctx); }
+void _rlog_4(rlog_ctx* ctx, const char*, const char*, uint64_t, uint64_t, uint64_t, uint64_t) { trace(ctx); }
 
 const char* errcode_string(uint32_t code) {
   static thread_local char text[16];

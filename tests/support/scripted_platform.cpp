@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "memory_store.h"
+#include "scripted_callbacks.h"
 
 struct pool {
   uint32_t element_size;
@@ -68,6 +69,15 @@ uint32_t process_name(char* buffer, uint32_t* length) {
 
 void* open_module(const char*, int) { return token("module"); }
 void* find_symbol(void*, const char*) { return reinterpret_cast<void*>(&install_store); }
+
+uint32_t name_of_process(int32_t, char* name, uint32_t) {
+  strcpy(name, "test-process");
+  return 0;
+}
+uint32_t name_of_node(char* name, uint32_t) {
+  strcpy(name, "test-node");
+  return 0;
+}
 
 pool* make_pool(const char*, uint32_t size, uint32_t, uint32_t, uint32_t, uint32_t) {
   static auto* const kept = new std::vector<pool*>;

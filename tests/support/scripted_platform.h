@@ -17,6 +17,7 @@
 #include "es_acl/es_acl_store.h"
 #include "es_platform/diag.h"
 #include "es_platform/dsv.h"
+#include "es_platform/evm.h"
 #include "es_platform/list_registry.h"
 #include "es_platform/loader.h"
 #include "es_platform/mtimer.h"
@@ -68,8 +69,36 @@
   X(0, uint32_t, schema_register, (const void* descriptor), descriptor)                                      \
   X(nothing, void, schema_register_abort, ())                                                                \
   X(0, uint32_t, schema_register_end, ())                                                                    \
-  X(nothing, void, mtimer_leaf_free, (mtimer_leaf * leaf), leaf)                                             \
-  X(nothing, void, list_registry_destroy, (list_registry * registry), registry)
+  X(free_leaf, void, mtimer_leaf_free, (mtimer_leaf * leaf), leaf)                                           \
+  X(one_second, uint64_t, timer_one_second, ())                                                              \
+  X(make_tree, mtimer_tree*, mtimer_tree_new, (const evm_sigevent* event, uint32_t flags), event, flags)     \
+  X(make_leaf, mtimer_leaf*, mtimer_leaf_new,                                                                \
+    (mtimer_tree * tree, uint16_t type, uint32_t flags, void* context), tree, type, flags, context)          \
+  X(start_leaf, void, mtimer_leaf_start, (mtimer_leaf * leaf, uint64_t delay), leaf, delay)                  \
+  X(stop_leaf, void, mtimer_leaf_stop, (mtimer_leaf * leaf), leaf)                                           \
+  X(leaf_type, uint16_t, mtimer_leaf_get_type, (const mtimer_leaf* leaf), leaf)                              \
+  X(leaf_context, void*, mtimer_leaf_get_context, (const mtimer_leaf* leaf), leaf)                           \
+  X(tree_expired, int, mtimer_tree_expired, (mtimer_tree * tree), tree)                                      \
+  X(first_expired, mtimer_leaf*, mtimer_tree_first_expired, (mtimer_tree * tree), tree)                      \
+  X(7, int, evm_async_attach, (evm * manager, int code, evm_async_handler handler, void* context), manager,  \
+    code, handler, context)                                                                                  \
+  X(0, int, evm_init_sigevent, (evm * manager, int code, int value, uint64_t flags, evm_sigevent* event),    \
+    manager, code, value, flags, event)                                                                      \
+  X(make_registry, list_registry*, list_registry_create, (uint32_t flags, uint32_t kind), flags, kind)       \
+  X(destroy_registry, void, list_registry_destroy, (list_registry * registry), registry)                     \
+  X(add_entry, uint32_t, list_registry_add,                                                                  \
+    (list_registry * registry, list_registry_function function, void* context), registry, function, context) \
+  X(delete_entry, uint32_t, list_registry_delete,                                                            \
+    (list_registry * registry, list_registry_function function, void* context), registry, function, context) \
+  X(first_entry, list_registry_cursor*, list_registry_first,                                                 \
+    (list_registry * registry, list_registry_function * function, void** context), registry, function,       \
+    context)                                                                                                 \
+  X(next_entry, list_registry_cursor*, list_registry_next,                                                   \
+    (list_registry_cursor * cursor, list_registry_function * function, void** context), cursor, function,    \
+    context)                                                                                                 \
+  X(end_walk, void, list_registry_end, (list_registry_cursor * cursor), cursor)                              \
+  X(name_of_process, uint32_t, proc_name_get, (int32_t pid, char* name, uint32_t size), pid, name, size)     \
+  X(name_of_node, uint32_t, node_name_get, (char* name, uint32_t size), name, size)
 
 namespace es_test {
 
@@ -115,6 +144,11 @@ void close_trace_buffer(rlog_ctx* ctx);
 
 // A step of pcx_read(): answers with these bytes.
 Script<decltype(::pcx_read)>::Step answer(Bytes bytes);
+
+// Lets the leaf's time come: it is expired until it is stopped or started again. What mtimer_leaf_start() was last
+// given, 0 when the leaf is not running.
+void expire(void* leaf);
+uint64_t running_for(void* leaf);
 
 // Lock steps of this mutex are recorded under this name.
 void watch_mutex(const pthread_mutex_t* mutex, const std::string& name);
