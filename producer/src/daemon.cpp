@@ -1,78 +1,65 @@
 #include "daemon.h"
 
-#include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <memory>
 #include <new>
-#include <string>
 
+#include "config_file.h"
+#include "config_watch.h"
 #include "es_platform/diag.h"
-#include "es_platform/pcx_producer.h"
+#include "line_limiter.h"
 #include "log.h"
+#include "pcx_bus.h"
+#include "readiness.h"
 #include "service.h"
+#include "updater.h"
 
 namespace es_acl::producer {
 namespace {
 
-struct ProducerCloser {
-  void operator()(pcx_producer* producer) const { pcx_producer_close(producer); }
+// SIGTERM and SIGINT end the program, SIGHUP makes it read its configuration again.
+class Signals {
+ public:
+  Signals() {
+    sigemptyset(&set_);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set_, signal);
+    pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);  // a closed --ready-fd is an error, not the end
+    fd_ = ::signalfd(-1, &set_, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd_ < 0) throw std::bad_alloc();
+  }
+  ~Signals() { ::close(fd_); }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
+  int fd() const { return fd_; }
+  // The next one that has come; 0 when none has.
+  int take() const {
+    signalfd_siginfo info;
+    return ::read(fd_, &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
+  }
+  // One that ends the program is waiting to be taken.
+  static bool end_is_near() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1;
+  }
+
+ private:
+  sigset_t set_;
+  int fd_;
 };
-using ProducerPtr = std::unique_ptr<pcx_producer, ProducerCloser>;
 
-struct BusUser {
-  Service service;
-  bool verbose;
-};
-
-// The two operations that the bus calls; no exception leaves them.
-uint32_t on_read(void* user, const pcx_peer* peer, void* request, uint32_t request_length, void* answer,
-                 uint32_t capacity, uint32_t* answer_length) {
-  try {
-    return static_cast<BusUser*>(user)->service.answer(
-        *peer, {static_cast<std::byte*>(request), request_length},
-        {static_cast<std::byte*>(answer), capacity}, answer_length);
-  } catch (const std::bad_alloc&) {
-    *answer_length = 0;
-    return ENOMEM;
-  }
-}
-
-void on_peer_gone(void* user, const pcx_peer* peer) {
-  auto* bus_user = static_cast<BusUser*>(user);
-  bus_user->service.forget(*peer);
-  if (!bus_user->verbose) return;
-  try {
-    log_line("process " + std::to_string(peer->pid) + " is gone");
-  } catch (const std::bad_alloc&) {
-    // the line is lost, nothing else
-  }
-}
-
-void log_bus_line(const char* line) {
-  try {
-    log_line(line);
-  } catch (const std::bad_alloc&) {
-    // as above
-  }
-}
-
-ProducerPtr open_bus(BusUser* user) {
-  const pcx_producer_ops operations = {on_read, on_peer_gone};
-  const pcx_producer_options bus_options = {0, log_bus_line};
-  pcx_producer* producer = nullptr;
-  if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &operations, user, &bus_options, &producer) != 0) {
-    log_line(std::string("bus: ") + pcx_producer_error());
-  }
-  return ProducerPtr(producer);
-}
-
-bool publish_names(pcx_producer* producer, const Database& database) {
+bool publish_names(PcxBus& bus, const Database& database) {
   for (const auto& [name, acl] : database.acls()) {
-    const uint32_t status = pcx_producer_publish(producer, name.c_str());
+    const uint32_t status = bus.publish(name);
     if (status == 0) continue;
     log_line("bus: acl '" + name + "' cannot be published: " + errcode_string(status));
     return false;
@@ -80,63 +67,77 @@ bool publish_names(pcx_producer* producer, const Database& database) {
   return true;
 }
 
-// A standard descriptor stays open: whatever is opened next would take its number.
-bool write_and_close(int fd, const std::string& text) {
-  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  const int error = errno;
-  if (fd > STDERR_FILENO) ::close(fd);
-  errno = error;
-  return written;
+uint64_t milliseconds_now() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// The file appears under its name when it is complete.
-bool make_ready_file(const std::string& file) {
-  const std::string draft = file + ".new";
-  const int fd = ::open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  return fd >= 0 && write_and_close(fd, std::to_string(::getpid()) + "\n") &&
-         ::rename(draft.c_str(), file.c_str()) == 0;
-}
-
-// Tells whoever started the program that it serves now. Who reads "ready" finds the file there.
-bool report_ready(const Options& options) {
-  if (!options.ready_file.empty() && !make_ready_file(options.ready_file)) {
-    log_line("--ready-file " + options.ready_file + ": cannot be made: " + std::strerror(errno));
-    return false;
+// One line, whatever becomes of it. What is wrong with a configuration changes nothing.
+void reload(Updater& updater, const Options& options) {
+  try {
+    const Updater::Outcome outcome = updater.apply(load_configuration(options));
+    if (outcome.result == Updater::Result::kRefused) {
+      log_line(options.config + ": change refused: " + outcome.text);
+    } else if (outcome.result == Updater::Result::kApplied || options.verbose) {
+      log_line(options.config + ": " + outcome.text);
+    }
+  } catch (const ConfigError& error) {
+    log_line(error.what());
+  } catch (const std::bad_alloc&) {
+    log_line(options.config + ": change refused: no memory");
   }
-  if (options.ready_fd >= 0 && !write_and_close(options.ready_fd, "ready\n")) {
-    log_line("--ready-fd " + std::to_string(options.ready_fd) +
-             ": cannot be written: " + std::strerror(errno));
-    return false;
-  }
-  return true;
 }
 
-sigset_t block_end_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);  // a closed --ready-fd is an error, not the end
-  return signals;
+// The signal that ended it.
+int follow(const Signals& signals, ConfigWatch& watch, Updater& updater, const Options& options) {
+  for (;;) {
+    pollfd waits[] = {{signals.fd(), POLLIN, 0}, {watch.fd(), POLLIN, 0}};
+    ::poll(waits, 2, watch.timeout_ms());
+    bool wanted = watch.take_change();
+    while (const int signal = signals.take()) {
+      if (signal != SIGHUP) return signal;
+      wanted = true;
+    }
+    if (wanted) reload(updater, options);
+  }
 }
 
 }  // namespace
 
-int serve(DatabasePtr database, const Options& options) {
-  const sigset_t end_signals = block_end_signals();
-  BusUser user{Service(database, log_line), options.verbose};
-  const ProducerPtr producer = open_bus(&user);
-  if (!producer) return kExitBus;
+DatabasePtr load_configuration(const Options& options) {
+  const auto begin = std::chrono::steady_clock::now();
+  DatabasePtr database = YangModel().load(options.config);
+  ::malloc_trim(0);  // the parsed tree was many times the size of what is kept
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+  if (options.verbose) {
+    log_line(options.config + ": loaded in " + std::to_string(took.count()) + " ms: " + describe(*database));
+  }
+  return database;
+}
+
+std::string describe(const Database& database) {
+  return std::to_string(database.acls().size()) + " ACLs, " + std::to_string(database.ace_count()) +
+         " entries, " + std::to_string(database.remark_count()) + " of them remarks";
+}
+
+int serve(const Options& options) {
+  const Signals signals;
+  ConfigWatch watch(options.config);  // before the file is read: no change falls between the two
+  const DatabasePtr database = load_configuration(options);
+  LineLimiter limiter(log_line, milliseconds_now);
+  Service service(database, [&](std::string_view line) { limiter.write(line); });
+  const auto bus = PcxBus::open(service, options.verbose);
+  if (!bus) return kExitBus;
   // Being the only producer now, we may take away what one that was killed has left.
-  if (!options.ready_file.empty()) ::unlink(options.ready_file.c_str());
-  if (!publish_names(producer.get(), *database)) return kExitBus;
+  retract_ready(options);
+  if (!publish_names(*bus, *database)) return kExitBus;
   if (!report_ready(options)) return kExitSystem;
 
-  int signal = 0;
-  sigwait(&end_signals, &signal);
+  const Asking asking = {service, *bus, options.question_deadline_ms, log_line, Signals::end_is_near};
+  Updater updater(service, *bus, asking, {PcxBus::optimum_message_size(), options.check_resources});
+  const int signal = follow(signals, watch, updater, options);
   if (options.verbose) log_line(std::string("ended by ") + strsignal(signal));
-  if (!options.ready_file.empty()) ::unlink(options.ready_file.c_str());
+  retract_ready(options);
   return kExitOk;
 }
 

@@ -10,8 +10,14 @@ namespace es_acl::producer {
 namespace {
 
 constexpr const char* kFooter =
-    "Serves the ACLs of the configuration until SIGTERM or SIGINT.\n"
+    "Serves the ACLs of the configuration until SIGTERM or SIGINT. When the file changes, and on SIGHUP, "
+    "the\n"
+    "configuration is read again and the difference is pushed to the consumers. A configuration that is "
+    "wrong,\n"
+    "or a change that a consumer refuses, changes nothing and is told in the log.\n"
     "Exit codes: 0 done, 1 configuration refused, 2 usage, 3 bus, 4 system.";
+
+constexpr uint32_t kMaxQuestionDeadlineMs = 60'000;
 
 // What is wrong with a descriptor's number; nothing when it is one.
 std::string check_descriptor(const std::string& text) {
@@ -34,6 +40,13 @@ std::optional<Options> parse_options(int argc, char** argv, int* exit_code) {
   app.add_flag("--check", options.check, "Check the configuration and end");
   auto* print_yang =
       app.add_flag("--print-yang", options.print_yang, "Print the configuration's YANG module and end");
+  app.add_flag("--check-resources", options.check_resources,
+               "Make a change only when every consumer has the resources for what it adds");
+  app.add_option("--question-deadline-ms", options.question_deadline_ms,
+                 "How long consumers may take to answer whether they use an ACL, or have resources for it")
+      ->type_name("N")
+      ->check(CLI::Range(uint32_t{1}, kMaxQuestionDeadlineMs))
+      ->capture_default_str();
   app.add_option("--ready-fd", options.ready_fd,
                  "Write \"ready\" and a newline to this descriptor when serving")
       ->type_name("N")

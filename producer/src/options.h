@@ -2,6 +2,7 @@
 #ifndef ES_ACL_PRODUCER_OPTIONS_H_
 #define ES_ACL_PRODUCER_OPTIONS_H_
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -19,7 +20,9 @@ struct Options {
   std::string config;
   std::string ready_file;
   int ready_fd = -1;
+  uint32_t question_deadline_ms = 2000;
   bool check = false;
+  bool check_resources = false;
   bool print_yang = false;
   bool verbose = false;
 };

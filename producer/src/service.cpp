@@ -1,5 +1,7 @@
 #include "service.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -26,6 +28,25 @@ acl_pcx_query_resp count_record(const AclPtr& acl) {
   es_acl_wire_query_resp_order(&record);
   return record;
 }
+
+constexpr std::array kForms = {Form::kWhole, Form::kRules, Form::kByNumber};
+
+// A change with its messages in every form, made before anything is locked.
+struct Outgoing {
+  explicit Outgoing(const AclChange& told) : change(told) {
+    for (const Form form : kForms) messages[static_cast<size_t>(form)] = told.messages(form);
+  }
+  const AclChange& change;
+  std::array<std::vector<Message>, kForms.size()> messages;
+};
+
+// One consumer of one change.
+struct Addressee {
+  uint64_t peer;
+  const Outgoing* outgoing;
+  std::span<const Message> messages;
+  bool reached = true;
+};
 
 }  // namespace
 
@@ -89,9 +110,40 @@ DatabasePtr Service::database() const {
   return database_;
 }
 
-void Service::replace(DatabasePtr database) {
+// The addressees are written down first: what follows cannot fail half-way.
+Service::Delivery Service::commit(DatabasePtr next, std::span<const AclChange> changes, BusPort& bus) {
+  const std::vector<Outgoing> outgoing(changes.begin(), changes.end());
+  std::vector<Addressee> addressees;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const Outgoing& one : outgoing) {
+      for (const Audience::Member& member : audience_.of(one.change.name())) {
+        if (!member.armed) continue;
+        const auto& messages = one.messages[static_cast<size_t>(*member.armed)];
+        if (!messages.empty()) addressees.push_back({member.peer, &one, messages});
+      }
+    }
+    database_.swap(next);  // the old one goes after the lock, with the argument
+    for (Addressee& to : addressees) {
+      const std::string& name = to.outgoing->change.name();
+      to.reached = std::ranges::all_of(
+          to.messages, [&](Message message) { return bus.push_to(to.peer, name, message) == 0; });
+      if (!to.reached) audience_.remove(to.peer, name);
+    }
+  }
+  Delivery delivery;
+  std::erase_if(addressees, [](const Addressee& to) { return !to.reached; });
+  for (const Addressee& to : addressees) delivery.messages += to.messages.size();
+  std::ranges::sort(addressees, {}, &Addressee::peer);
+  const auto same = std::ranges::unique(addressees, {}, &Addressee::peer);
+  delivery.consumers = addressees.size() - same.size();
+  return delivery;
+}
+
+std::vector<Audience::Member> Service::audience(const std::string& acl_name) const {
   const std::lock_guard lock(mutex_);
-  database_.swap(database);  // the old one goes after the lock, with the argument
+  const auto members = audience_.of(acl_name);
+  return {members.begin(), members.end()};
 }
 
 size_t Service::pinned() const {
@@ -187,7 +239,7 @@ uint32_t Service::bulk_count(Request& request) {
 uint32_t Service::bulk_read(Request& request) {
   std::vector<std::string_view> names;
   if (const uint32_t status = request.bulk_names(&names); status != 0) return status;
-  const DatabasePtr state = database();
+  const DatabasePtr state = arm_for_bulk_read(request.peer.id, names);
   std::vector<AclPtr> acls;
   size_t needed = 0;
   for (const std::string_view name : names) {
@@ -203,21 +255,48 @@ uint32_t Service::bulk_read(Request& request) {
   return 0;
 }
 
+// A read that is begun again, with its registration armed and its state still pinned, goes on with that state: the
+// changes behind it have been pushed.
 AclPtr Service::snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq) {
   const std::lock_guard lock(mutex_);
-  if (start_seq == 0) {
-    AclPtr acl = database_->find(name);
-    if (acl) pins_[peer].insert_or_assign(std::string(name), acl);
-    return acl;
+  if (start_seq != 0 || audience_.is_armed(peer, name)) {
+    if (const auto pins = pins_.find(peer); pins != pins_.end()) {
+      if (const auto pin = pins->second.find(name); pin != pins->second.end()) return pin->second;
+    }
   }
-  if (const auto pins = pins_.find(peer); pins != pins_.end()) {
-    if (const auto pin = pins->second.find(name); pin != pins->second.end()) return pin->second;
+  AclPtr acl = database_->find(name);
+  if (start_seq != 0) return acl;
+  if (acl) pins_[peer].insert_or_assign(std::string(name), acl);
+  audience_.arm(peer, name, Form::kWhole);
+  return acl;
+}
+
+DatabasePtr Service::arm_for_bulk_read(uint64_t peer, std::span<const std::string_view> names) {
+  const std::lock_guard lock(mutex_);
+  for (const std::string_view name : names) audience_.arm(peer, name, Form::kRules);
+  return database_;
+}
+
+// What an earlier registration of this consumer has left behind says nothing about a new one.
+void Service::registered(const pcx_peer& peer, std::string_view acl_name, bool renewed) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!renewed) {
+      unpin_locked(peer.id, acl_name);
+      return audience_.add(peer.id, acl_name);
+    }
+    if (!audience_.renew(peer.id, acl_name)) return;
   }
-  return database_->find(name);
+  log_("process " + std::to_string(peer.pid) +
+       " is back with what it read before: changes that it may have missed are not repeated");
 }
 
 void Service::unpin(uint64_t peer, std::string_view name) {
   const std::lock_guard lock(mutex_);
+  unpin_locked(peer, name);
+}
+
+void Service::unpin_locked(uint64_t peer, std::string_view name) {
   const auto pins = pins_.find(peer);
   if (pins == pins_.end()) return;
   if (const auto pin = pins->second.find(name); pin != pins->second.end()) pins->second.erase(pin);
@@ -227,6 +306,7 @@ void Service::unpin(uint64_t peer, std::string_view name) {
 void Service::forget(const pcx_peer& peer) {
   const std::lock_guard lock(mutex_);
   pins_.erase(peer.id);
+  audience_.remove_everywhere(peer.id);
 }
 
 }  // namespace es_acl::producer

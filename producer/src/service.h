@@ -1,10 +1,14 @@
 // Answers the consumers' requests (counts and reads, single and bulk) out of the current database: bytes in,
-// bytes out, no input or output of its own.
+// bytes out, no input or output of its own. And brings a new database to those who have read the old one.
 //
 // A read of an ACL takes as many requests as it has batches, and all of them are answered from one state of
 // the ACL: the first (start sequence 0) pins the snapshot for that consumer, the following are answered from
 // it whatever has become of the database since, and it is let go when the last batch has been served or the
 // consumer is gone.
+//
+// A consumer that has registered an ACL and reads it is pushed every change behind the state that the read showed, and
+// none before it: choosing that state and arming the registration are one step, putting a new database in place and
+// queueing its pushes are another, and the two exclude each other.
 //
 // Thread-safe. Answers are copied out with no lock held: snapshots never change.
 #ifndef ES_ACL_PRODUCER_SERVICE_H_
@@ -20,8 +24,9 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "audience.h"
+#include "bus_port.h"
 #include "database.h"
-#include "es_platform/pcx_producer.h"
 
 namespace es_acl::producer {
 
@@ -29,19 +34,30 @@ class Service {
  public:
   using Log = std::function<void(std::string_view line)>;
 
-  // `log` is called with one line for every refused request.
+  // `log` is called with one line for every refused request, and for consumers that may have missed a change; on the
+  // thread of the call that is the reason.
   Service(DatabasePtr database, Log log);
 
   DatabasePtr database() const;
-  // From now on new reads see `database`; those under way go on as they began.
-  void replace(DatabasePtr database);
+  // From now on new reads see `next`; those under way go on as they began. `changes`: what differs from the present
+  // one; it is pushed to those who hold the state before. std::bad_alloc, and then nothing has happened. To be called
+  // by one thread.
+  struct Delivery {
+    size_t messages = 0;
+    size_t consumers = 0;
+  };
+  Delivery commit(DatabasePtr next, std::span<const AclChange> changes, BusPort& bus);
+  // Who has registered the ACL.
+  std::vector<Audience::Member> audience(const std::string& acl_name) const;
 
   // Answers one request of `peer` into `answer`, and sets *answer_length. The request's bytes are converted
   // in place. 0; 22 for a request that is not as the wire format has it; 90 (EMSGSIZE) when the answer does
   // not fit: an answer that was cut would look complete.
   uint32_t answer(const pcx_peer& peer, std::span<std::byte> request, std::span<std::byte> answer,
                   uint32_t* answer_length);
-  // The consumer is gone: its pins are let go.
+  // The consumer has registered the ACL, anew or once more after a lost connection.
+  void registered(const pcx_peer& peer, std::string_view acl_name, bool renewed);
+  // The consumer is gone: its pins are let go, and it is told nothing more.
   void forget(const pcx_peer& peer);
 
   // Reads under way.
@@ -57,7 +73,9 @@ class Service {
   uint32_t bulk_read(Request& request);
 
   AclPtr snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq);
+  DatabasePtr arm_for_bulk_read(uint64_t peer, std::span<const std::string_view> names);
   void unpin(uint64_t peer, std::string_view name);
+  void unpin_locked(uint64_t peer, std::string_view name);
 
   using Pins = std::map<std::string, AclPtr, std::less<>>;
 
@@ -65,6 +83,7 @@ class Service {
   mutable std::mutex mutex_;                 // guards what follows
   DatabasePtr database_;                     // never null
   std::unordered_map<uint64_t, Pins> pins_;  // by peer id; no empty ones
+  Audience audience_;
 };
 
 }  // namespace es_acl::producer

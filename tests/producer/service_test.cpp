@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "model_consumer.h"
 #include "support.h"
 
 namespace es_acl::producer {
@@ -105,6 +106,7 @@ class ServiceTest : public ::testing::Test {
   const Bytes bulk_count_ = bulk_request(ACL_PCX_QUERY_ACE_COUNT_BULK, {"remarks", "", "a", "a", longest_});
   const Bytes bulk_read_ = bulk_request(ACL_PCX_READ_ACES_BULK, {"remarks", "a", "nobody", "a", longest_});
   std::vector<std::string> log_;
+  test::ModelBus bus_;
   Service service_{make_database({make_acl("a", {30, 5, 10, UINT32_MAX, 25}), make_acl("empty", {}),
                                   make_acl("remarks", {5, 15}), make_acl(longest_, {1})}),
                    [this](std::string_view line) { log_.emplace_back(line); }};
@@ -180,7 +182,7 @@ TEST_F(ServiceTest, AReadSeesOneStateWhateverReplacesTheDatabase) {
   EXPECT_EQ(read("a", 0, 2, kOther), (Sequences{5, 10}));
   EXPECT_EQ(read("remarks", 0, 1, kOther), (Sequences{5}));
   const std::weak_ptr<const Acl> held = service_.database()->find("remarks");
-  service_.replace(make_database({make_acl("a", {11, 12})}));
+  service_.commit(make_database({make_acl("a", {11, 12})}), {}, bus_);
   EXPECT_EQ(service_.pinned(), 3u);
 
   EXPECT_EQ(read("a", 10, 2), (Sequences{25, 30}));                        // as it began

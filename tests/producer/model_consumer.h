@@ -1,0 +1,66 @@
+// A bus without a bus: consumers that keep what they are told in the plainest way, and answer as they are set.
+#ifndef ES_ACL_TESTS_PRODUCER_MODEL_CONSUMER_H_
+#define ES_ACL_TESTS_PRODUCER_MODEL_CONSUMER_H_
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "bus_port.h"
+#include "service.h"
+
+namespace es_acl::producer::test {
+
+// One consumer process. Its copy of an ACL: records by number, in wire byte order, as read.
+struct ModelConsumer {
+  explicit ModelConsumer(uint64_t id) : peer{id, static_cast<int32_t>(1000 + id), 0} {}
+
+  void apply(const std::string& acl_name, std::span<const std::byte> message);
+  std::optional<acl_pcx_cons_resp> answer(std::span<const std::byte> question);
+
+  // How it behaves.
+  uint32_t ask_status = 0;  // what the bus says of its answers
+  bool answers = true;      // else what comes from it is not an answer
+  uint32_t usage_rc = 0;    // 2: does not hold the ACL
+  int32_t in_use = 0;
+  std::string without_room;  // it has no room for additions to this ACL
+  bool reachable = true;
+
+  const pcx_peer peer;
+  std::set<std::string> registered;
+  std::map<std::string, std::map<uint32_t, AceRecord>> copies;
+  size_t messages = 0;  // pushed batches and resequencings
+  struct Held {
+    std::string acl_name;
+    std::vector<uint32_t> candidates;
+    bool granted = false;
+  };
+  std::map<std::pair<uint16_t, uint16_t>, Held> held;  // by origin and number
+  std::vector<std::string> released;                   // "a 10 20": set aside for these, and then not needed
+};
+
+// Reads the ACL from its beginning, in batches; between two of them `between` is called.
+void read_all(
+    Service& service, ModelConsumer& consumer, const std::string& acl_name, uint32_t batch,
+    const std::function<void()>& between = [] {});
+void read_in_bulk(Service& service, ModelConsumer& consumer, const std::string& acl_name);
+
+class ModelBus final : public BusPort {
+ public:
+  uint32_t publish(const std::string& name) override;
+  void unpublish(const std::string& name) noexcept override;
+  uint32_t push_to(uint64_t peer, const std::string& name,
+                   std::span<const std::byte> message) noexcept override;
+  std::vector<Answer> ask(const std::string& name, std::span<const std::byte> question,
+                          uint32_t deadline_ms) override;
+
+  std::map<uint64_t, ModelConsumer> consumers;  // by peer id
+  std::set<std::string> published;
+  std::string unpublishable;
+  std::function<void()> before_push = [] {};
+};
+
+}  // namespace es_acl::producer::test
+
+#endif  // ES_ACL_TESTS_PRODUCER_MODEL_CONSUMER_H_
