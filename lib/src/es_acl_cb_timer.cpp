@@ -36,6 +36,8 @@ unsigned low_word(const void* handle) { return static_cast<unsigned>(reinterpret
 
 uint32_t last_error() { return static_cast<uint32_t>(errno); }
 
+void detach(evm* manager, int code) { evm_async_attach(manager, code, nullptr, nullptr); }
+
 // Makes the tree that reports to an event of its own on the event manager.
 es_acl_status create_tree(evm* manager) {
   DBG_DETAIL("%s: No timer tree, create one", kSetup);
@@ -45,17 +47,17 @@ es_acl_status create_tree(evm* manager) {
     DBG_ERR("%s: event async attach error %d", kSetup, static_cast<int>(status));
     return status;
   }
-  uint32_t status = 0;
   evm_sigevent event = {};
-  mtimer_tree* tree = nullptr;
   if (evm_init_sigevent(manager, code, 0, 0, &event) != 0) {
-    status = last_error();
-  } else if ((tree = mtimer_tree_new(&event, 0)) == nullptr) {
-    status = last_error();
-    trace(kSetup, "no timer tree", status);
+    const uint32_t status = last_error();
+    detach(manager, code);
+    return status;
   }
+  mtimer_tree* const tree = mtimer_tree_new(&event, 0);
   if (tree == nullptr) {
-    evm_async_attach(manager, code, nullptr, nullptr);
+    const uint32_t status = last_error();
+    detach(manager, code);
+    trace(kSetup, "no memory for the timer tree", status);
     return status;
   }
   std::atomic_ref<void*>(es_acl_cb_timer_tree).store(tree, std::memory_order_release);

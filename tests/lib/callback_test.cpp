@@ -1,0 +1,281 @@
+// The four kinds of process-wide callbacks: what is registered, and who is asked in which order.
+#include "es_acl/es_acl_callback.h"
+#include "library_fixture.h"
+
+using namespace es_test;
+
+namespace {
+
+Script<uint32_t()> answers;  // what the callbacks return, or do
+
+uint32_t ask(const std::string& call) {
+  const Backstage backstage;
+  record(kCall, call);
+  return answers();
+}
+uint32_t on_update(es_acl_head* acl, uint32_t action, uint32_t n, const ace_edit_info* batch, void* context) {
+  return ask(describe("on_update", acl, action, n, batch, context));
+}
+uint32_t on_reseq(es_acl_head* acl, uint32_t start, uint32_t step, uint32_t n, const uint32_t* skip,
+                  void* context) {
+  return ask(describe("on_reseq", acl, start, step, n, skip, context));
+}
+uint32_t on_check(es_acl_head* acl, uint32_t n, const ace_edit_info* batch, int32_t cancel, void* context) {
+  return ask(describe("on_check", acl, n, batch, cancel, context));
+}
+uint32_t on_usage() { return ask("on_usage()"); }
+
+ace_edit_info batch[2];
+uint32_t skip_list[2] = {20, 30};
+char first, second, third;  // contexts
+
+// One kind. %s stands for an operation's name, CONTEXT for what the entry holds.
+struct KindOfCallback {
+  const char* name;
+  const char* stem;                          // of the operations' names
+  std::function<uint32_t(bool, void*)> add;  // with the function, or a null one
+  std::function<void(void*)> remove;
+  std::function<uint32_t(es_acl_head*)> invoke;
+  std::string entering_add, entering_remove, null_function, no_registry;
+  Lines entering, before_call;
+  std::string call;
+  std::string failure;
+  uint32_t without_registry;
+};
+void PrintTo(const KindOfCallback& kind, std::ostream* out) { *out << kind.name; }
+
+const std::string kUsualEntry = "I: Entering : %s";
+const std::string kUsualFailure = "E: %s: callback func failed <0x5>";
+
+const KindOfCallback kKinds[] = {
+    {"update",
+     "update",
+     [](bool f, void* c) { return es_acl_register_update_callback(f ? on_update : nullptr, c); },
+     [](void* c) { es_acl_unregister_update_callback(on_update, c); },
+     [](es_acl_head* acl) { return es_acl_invoke_update_callback(acl, 7, 2, batch); },
+     kUsualEntry,
+     kUsualEntry,
+     "E: %s: Invalid callback function",
+     "E: %s:Memory allocation falied for registry",
+     {kUsualEntry},
+     {"D: %s Invoking callback function for the acl edge batch 2 action ACL_ADD_ACE", "trace w"},
+     "on_update(head:edge, 7, 2, batch, CONTEXT)",
+     kUsualFailure,
+     0},
+    {"res_check",
+     "res_check",
+     [](bool f, void* c) { return es_acl_register_res_check_callback(f ? on_check : nullptr, c); },
+     [](void* c) { es_acl_unregister_res_check_callback(on_check, c); },
+     [](es_acl_head* acl) { return es_acl_invoke_res_check_callback(acl, 2, batch, -1); },
+     kUsualEntry,
+     kUsualEntry,
+     "E: %s: Invalid callback function",
+     "E: %s:Memory allocation falied for registry",
+     {kUsualEntry},
+     {"trace w"},
+     "on_check(head:edge, 2, batch, -1, CONTEXT)",
+     kUsualFailure,
+     0},
+    {"resequence",
+     "resequence",
+     [](bool f, void* c) { return es_acl_register_resequence_callback(f ? on_reseq : nullptr, c); },
+     [](void* c) { es_acl_unregister_resequence_callback(on_reseq, c); },
+     [](es_acl_head* acl) { return es_acl_invoke_resequence_callback(acl, 100, 10, 2, skip_list); },
+     "I: Entering %s",
+     "I: Entering : %s ",
+     "E: %s: Invalid acl or callback func",
+     "E: %s: registry_create failed ",
+     {"I: Entering  %s acl edge start_seq 100 step 10"},
+     {"trace w"},
+     "on_reseq(head:edge, 100, 10, 2, skips, CONTEXT)",
+     "E: %s: Acl edge Error returned from reseq callback: <0x5>",
+     22},
+    {"check_usage",
+     "check_usage",
+     [](bool f, void*) { return es_acl_register_check_usage_callback(f ? on_usage : nullptr); },
+     [](void*) { es_acl_unregister_check_usage_callback(on_usage); },
+     [](es_acl_head*) { return es_acl_invoke_check_usage_callback(); },
+     kUsualEntry,
+     kUsualEntry,
+     "",
+     "",
+     {kUsualEntry},
+     {"trace w"},
+     "on_usage()",
+     "",
+     0},
+};
+
+class Callbacks : public LibraryTest, public ::testing::WithParamInterface<KindOfCallback> {
+ protected:
+  void SetUp() override {
+    initialise();
+    acl_ = make_acl("edge");
+    answers.always(0);
+    for (auto& [pointer, name] : std::initializer_list<std::pair<void*, const char*>>{
+             {&first, "first"},
+             {&second, "second"},
+             {&third, "third"},
+             {batch, "batch"},
+             {skip_list, "skips"},
+             {reinterpret_cast<void*>(on_update), "function"},
+             {reinterpret_cast<void*>(on_reseq), "function"},
+             {reinterpret_cast<void*>(on_check), "function"},
+             {reinterpret_cast<void*>(on_usage), "function"}})
+      name_pointer(pointer, name);
+  }
+
+  // The line with the name of this kind's operation; none for an empty one.
+  static Lines of(const std::string& verb, Lines texts) {
+    std::erase(texts, "");
+    for (std::string& text : texts)
+      if (const size_t at = text.find("%s"); at != std::string::npos)
+        text.replace(at, 2, "es_acl_" + verb + "_" + GetParam().stem + "_callback");
+    return texts;
+  }
+  static bool is_usage() { return std::string(GetParam().name) == "check_usage"; }
+  static std::string stored(const std::string& operation, const char* context) {
+    return "list_registry_" + operation + "(registry, function, " + (is_usage() ? "null" : context) + ")";
+  }
+  static Lines called(const char* context) {
+    std::string call = GetParam().call;
+    if (const size_t at = call.find("CONTEXT"); at != std::string::npos) call.replace(at, 7, context);
+    return lines(of("invoke", GetParam().before_call), call);
+  }
+
+  es_acl_head* acl_ = nullptr;
+};
+
+TEST_P(Callbacks, Registration) {
+  const KindOfCallback& kind = GetParam();
+  const Lines entering = of("register", {kind.entering_add});
+  const bool is_check = std::string(kind.name) == "res_check";
+  kind.remove(&first);
+  EXPECT_EQ(take_log(), of("unregister", {kind.entering_remove})) << "there is no registry yet";
+  EXPECT_EQ(kind.add(false, &first), 22U);
+  EXPECT_EQ(take_log(), lines(entering, of("register", {kind.null_function})));
+
+  platform().list_registry_create.next(nullptr);
+  EXPECT_EQ(kind.add(true, &first), 12U);
+  EXPECT_EQ(take_log(),
+            lines(entering, "list_registry_create(0, 3)", of("register", {kind.no_registry}), "trace w"));
+  EXPECT_EQ(es_acl_res_check_required(), 0U);
+
+  platform().list_registry_add.next(77);
+  EXPECT_EQ(kind.add(true, &first), 77U);
+  EXPECT_EQ(take_log(), lines(entering, "list_registry_create(0, 3)", stored("add", "first")));
+  EXPECT_EQ(kind.add(true, &second), 0U);
+  EXPECT_EQ(take_log(), lines(entering, stored("add", "second")));
+  kind.remove(&second);
+  EXPECT_EQ(take_log(), lines(of("unregister", {kind.entering_remove}), stored("delete", "second")));
+  EXPECT_EQ(es_acl_res_check_required() != 0, is_check) << "it stays, though nobody is left";
+}
+
+TEST_P(Callbacks, WithoutRegistryAndWithAnEmptyOne) {
+  const KindOfCallback& kind = GetParam();
+  char null_refused[160], none_refused[160];
+  const char* const format = "E: %%s: Error Invalid acl %p (or) es_acl_reseq_notify %p ";
+  snprintf(none_refused, sizeof none_refused, format, static_cast<void*>(acl_), nullptr);
+  snprintf(null_refused, sizeof null_refused, format, nullptr, nullptr);
+  const bool is_reseq = std::string(kind.name) == "resequence";
+  EXPECT_EQ(kind.invoke(acl_), kind.without_registry);
+  EXPECT_EQ(take_log(), of("invoke", {is_reseq ? none_refused : kind.entering[0], "trace w"}));
+  if (!is_usage()) {
+    EXPECT_EQ(kind.invoke(nullptr), 22U);
+    EXPECT_EQ(take_log(), of("invoke", {is_reseq ? "" : kind.entering[0],
+                                        is_reseq ? null_refused : "E: %s: Invalid acl", "trace w"}));
+  }
+  kind.add(true, &first);
+  kind.remove(&first);
+  clear_log();
+  EXPECT_EQ(kind.invoke(acl_), 0U);
+  const Lines shown = take_log();
+  ASSERT_GE(shown.size(), 2U);
+  EXPECT_EQ(shown[1], "list_registry_first(registry, ptr, ptr)");
+}
+
+// Three callbacks, of which the second decides. The check of usage is decided by a 1 alone.
+TEST_P(Callbacks, InOrderUntilOneDecides) {
+  const KindOfCallback& kind = GetParam();
+  for (char* context : {&first, &second, &third}) kind.add(true, context);
+  clear_log();
+  answers.next(0);
+  answers.next(is_usage() ? 1 : 5);
+  EXPECT_EQ(kind.invoke(acl_), is_usage() ? 1U : 5U);
+  const Lines end = is_usage() ? Lines{"I: %s returning TRUE"} : Lines{kind.failure, "trace w"};
+  EXPECT_EQ(take_log(), lines(of("invoke", kind.entering), "list_registry_first(registry, ptr, ptr)",
+                              called("first"), "list_registry_next(ptr, ptr, ptr)", called("second"),
+                              "list_registry_end(ptr)", of("invoke", end)));
+  EXPECT_EQ(kind.invoke(acl_), 0U) << "all agree";
+  EXPECT_EQ(log_of("on_").size(), 3U);
+  EXPECT_EQ(log_of("list_registry_next").size(), 3U);
+  EXPECT_EQ(log_of("list_registry_end"), Lines{}) << "a walk to the end ends itself";
+  EXPECT_EQ(log_of("E: "), Lines{});
+}
+
+TEST_P(Callbacks, ACallbackRegistersAndUnregisters) {
+  const KindOfCallback& kind = GetParam();
+  kind.add(true, &first);
+  answers.next([&kind] {
+    kind.remove(&first);
+    kind.add(true, &second);
+    return 0U;
+  });
+  EXPECT_EQ(kind.invoke(acl_), 0U);
+  clear_log();
+  EXPECT_EQ(kind.invoke(acl_), 0U);
+  EXPECT_EQ(log_of("on_"), Lines{called("second").back()});
+}
+
+INSTANTIATE_CASES(Callbacks, kKinds);
+
+using Invocation = Callbacks;
+
+TEST_F(Invocation, ActionIsHandedOnAndNamed) {
+  es_acl_register_update_callback(on_update, nullptr);
+  for (const auto& [action, text] : {std::pair{0U, "ADD"}, {1U, "REMOVE"}, {2U, "ADD"}}) {
+    clear_log();
+    es_acl_invoke_update_callback(acl_, action, 3, nullptr);
+    EXPECT_EQ(log_of("on_update"),
+              Lines{"on_update(head:edge, " + std::to_string(action) + ", 3, null, null)"});
+    EXPECT_EQ(log_of("D: "),
+              Lines{"D: es_acl_invoke_update_callback Invoking callback function for the acl edge "
+                    "batch 3 action ACL_" +
+                    std::string(text) + "_ACE"});
+  }
+}
+
+TEST_F(Invocation, UsageIsTheLastAnswerUnlessOneIsYes) {
+  for (int i = 0; i < 3; ++i) es_acl_register_check_usage_callback(on_usage);
+  struct Row {
+    Numbers given;
+    uint32_t answer;
+    size_t asked;
+  };
+  for (const Row& row :
+       {Row{{0, 1, 0}, 1, 2}, {{0, 0, 2}, 2, 3}, {{2, 0, 0}, 0, 3}, {{1, 2}, 1, 1}, {{2, 1}, 1, 2}}) {
+    for (size_t i = 0; i < row.asked; ++i) answers.next(row.given[i]);
+    clear_log();
+    EXPECT_EQ(es_acl_invoke_check_usage_callback(), row.answer);
+    EXPECT_EQ(log_of("on_usage").size(), row.asked);
+    EXPECT_EQ(log().back(), std::string("I: es_acl_invoke_check_usage_callback returning ") +
+                                (row.answer != 0 ? "TRUE" : "FALSE"));
+  }
+}
+
+// An entry may be without a function; the skip list's first number is read for the trace only when there is one.
+TEST_F(Invocation, NothingIsReadOrCalledThatIsNotThere) {
+  es_acl_register_resequence_callback(on_reseq, nullptr);
+  platform().list_registry_first.next([](list_registry*, list_registry_function* function, void** context) {
+    *function = nullptr;
+    *context = nullptr;
+    return reinterpret_cast<list_registry_cursor*>(&first);
+  });
+  platform().list_registry_next.next(nullptr);
+  EXPECT_EQ(es_acl_invoke_resequence_callback(acl_, 1, 1, 0, nullptr), 0U);
+  EXPECT_EQ(log_of("on_reseq"), Lines{});
+  EXPECT_EQ(es_acl_invoke_resequence_callback(acl_, 1, 1, 0, nullptr), 0U);
+  EXPECT_EQ(log_of("on_reseq"), Lines{"on_reseq(head:edge, 1, 1, 0, null, null)"});
+}
+
+}  // namespace
