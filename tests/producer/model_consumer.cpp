@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "support.h"
 
@@ -68,7 +69,17 @@ std::pair<uint16_t, uint16_t> key_of(const es_acl_pcx_res_query_req& header) {
 
 }  // namespace
 
+// A question does not wait for the reading.
 void ModelConsumer::apply(const std::string& acl_name, std::span<const std::byte> message) {
+  const std::lock_guard lock(*mutex_);
+  const bool is_question = es_acl_wire_32(word(message, 0)) == ACL_PCX_QUERY_RES_AVAIL;
+  if (unread_.contains(acl_name) && !is_question)
+    parked_[acl_name].emplace_back(message.begin(), message.end());
+  else
+    apply_now(acl_name, message);
+}
+
+void ModelConsumer::apply_now(const std::string& acl_name, std::span<const std::byte> message) {
   const uint32_t command = es_acl_wire_32(word(message, 0));
   if (command != ACL_PCX_QUERY_RES_AVAIL) {
     ++messages;
@@ -89,9 +100,9 @@ std::optional<acl_pcx_cons_resp> ModelConsumer::answer(std::span<const std::byte
   const uint32_t command = es_acl_wire_32(word(question, 0));
   EXPECT_EQ(es_acl_wire_32(word(question, 4)), 1u);
   if (command == ACL_PCX_QUERY_CONS) {
-    response.rc = usage_rc;
-    response.in_use = in_use;
-    return answers ? std::optional(response) : std::nullopt;
+    response.rc = behaviour.usage_rc;
+    response.in_use = behaviour.in_use;
+    return behaviour.answers ? std::optional(response) : std::nullopt;
   }
   auto header = take<es_acl_pcx_res_query_req>(&question);
   es_acl_wire_res_query_req_order(&header);
@@ -102,18 +113,16 @@ std::optional<acl_pcx_cons_resp> ModelConsumer::answer(std::span<const std::byte
   const bool check = command == ACL_PCX_QUERY_RES_AVAIL;
   if (found == held.end()) {
     response.rc = check ? EINVAL : 0;
-  } else if (check && without_room == header.acl_name) {
+  } else if (check && behaviour.without_room == header.acl_name) {
     response.rc = ENOSPC;
     held.erase(found);
-  } else if (check) {
-    found->second.granted = true;
-  } else {
+  } else if (!check) {
     std::string text = found->second.acl_name;
     for (const uint32_t number : found->second.candidates) text += " " + std::to_string(number);
     if (header.res_state != 0) released.push_back(text);
     held.erase(found);
   }
-  return answers ? std::optional(response) : std::nullopt;
+  return behaviour.answers ? std::optional(response) : std::nullopt;
 }
 
 namespace {
@@ -127,26 +136,35 @@ std::vector<AceRecord> ask_for_records(Service& service, const pcx_peer& peer, s
   return records;
 }
 
-void keep(ModelConsumer& consumer, const std::string& acl_name, const std::vector<AceRecord>& records) {
-  for (const AceRecord& record : records)
-    consumer.copies[acl_name].insert_or_assign(es_acl_wire_32(record.ace.seq), record);
-}
-
 }  // namespace
 
-void read_all(Service& service, ModelConsumer& consumer, const std::string& acl_name, uint32_t batch,
-              const std::function<void()>& between) {
+// What is on its way to an earlier registration of the name does not reach the new one.
+void ModelConsumer::register_at(Service& service, const std::string& acl_name) {
+  {
+    const std::lock_guard lock(*mutex_);
+    if (!registered.contains(acl_name)) registered.insert(acl_name);
+    unread_.insert(acl_name);
+  }
+  service.registered(peer, acl_name, false);
+  const std::lock_guard lock(*mutex_);
+  parked_[acl_name].clear();
+  copies[acl_name].clear();
+}
+
+void ModelConsumer::read(Service& service, const std::string& acl_name, uint32_t batch,
+                         const std::function<void()>& between) {
+  std::vector<AceRecord> all;
   for (uint32_t start = 0;; between()) {
     acl_pcx_read_req request = read_request(acl_name, start, batch);
     const auto records =
-        ask_for_records(service, consumer.peer, std::as_writable_bytes(std::span(&request, 1)), batch);
-    keep(consumer, acl_name, records);
-    if (records.size() < batch) return;
+        ask_for_records(service, peer, std::as_writable_bytes(std::span(&request, 1)), batch);
+    all.insert(all.end(), records.begin(), records.end());
+    if (records.size() < batch) return read_to_the_end(acl_name, all);
     start = es_acl_wire_32(records.back().ace.seq);
   }
 }
 
-void read_in_bulk(Service& service, ModelConsumer& consumer, const std::string& acl_name) {
+void ModelConsumer::read_in_bulk(Service& service, const std::string& acl_name) {
   struct {
     acl_pcx_bulk_req header{ACL_PCX_READ_ACES_BULK, ES_ACL_PCX_VERSION, 1, 1};
     char name[ES_ACL_NAME_FIELD_SIZE] = {};
@@ -154,9 +172,16 @@ void read_in_bulk(Service& service, ModelConsumer& consumer, const std::string& 
   es_acl_wire_bulk_req_order(&request.header);
   es_acl_wire_set_name(request.name, acl_name.c_str());
   const auto bytes = std::as_writable_bytes(std::span(&request, 1));
-  keep(consumer, acl_name,
-       ask_for_records(service, consumer.peer, bytes.first(sizeof request.header + sizeof request.name),
-                       4096));
+  read_to_the_end(acl_name, ask_for_records(service, peer,
+                                            bytes.first(sizeof request.header + sizeof request.name), 4096));
+}
+
+void ModelConsumer::read_to_the_end(const std::string& acl_name, const std::vector<AceRecord>& records) {
+  const std::lock_guard lock(*mutex_);
+  for (const AceRecord& record : records)
+    copies[acl_name].insert_or_assign(es_acl_wire_32(record.ace.seq), record);
+  for (const auto& message : std::exchange(parked_[acl_name], {})) apply_now(acl_name, message);
+  unread_.erase(acl_name);
 }
 
 uint32_t ModelBus::publish(const std::string& name) {
@@ -171,7 +196,8 @@ uint32_t ModelBus::push_to(uint64_t peer, const std::string& name,
                            std::span<const std::byte> message) noexcept {
   before_push();
   const auto found = consumers.find(peer);
-  if (found == consumers.end() || !found->second.reachable || !found->second.registered.contains(name))
+  if (found == consumers.end() || !found->second.behaviour.reachable ||
+      !found->second.registered.contains(name))
     return ENOENT;
   found->second.apply(name, message);
   return 0;
@@ -181,10 +207,10 @@ std::vector<BusPort::Answer> ModelBus::ask(const std::string& name, std::span<co
                                            uint32_t) {
   std::vector<Answer> answers;
   for (auto& [id, consumer] : consumers) {
-    if (!consumer.reachable || !consumer.registered.contains(name)) continue;
+    if (!consumer.behaviour.reachable || !consumer.registered.contains(name)) continue;
     auto response = consumer.answer(question);
-    if (consumer.ask_status != 0) response.reset();
-    answers.push_back({consumer.peer, consumer.ask_status, response});
+    if (consumer.behaviour.ask_status != 0) response.reset();
+    answers.push_back({consumer.peer, consumer.behaviour.ask_status, response});
   }
   return answers;
 }

@@ -1,0 +1,328 @@
+// Changes of the configuration, brought to consumers that are at every possible stage, and refused by them in every
+// possible way. At the end each consumer holds what the producer serves.
+#include "updater.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "model_consumer.h"
+#include "support.h"
+
+namespace es_acl::producer {
+
+using test::ModelConsumer;
+
+// ACLs by name, entries by number. Upper-case content is a remark.
+using State = std::map<std::string, std::map<uint32_t, char>>;
+
+DatabasePtr make_database(const State& state) {
+  auto database = std::make_shared<Database>();
+  for (const auto& [name, entries] : state) {
+    std::vector<es_acl_ace> aces;
+    for (const auto& [number, content] : entries) {
+      es_acl_ace ace{};
+      ace.seq = number;
+      ace.kind = content <= 'Z' ? ES_ACL_KIND_REMARK : ES_ACL_KIND_RULE;
+      ace.dst_addr[0] = static_cast<uint16_t>(content);
+      aces.push_back(ace);
+    }
+    database->add(std::make_shared<const Acl>(name, std::move(aces)));
+  }
+  return database;
+}
+
+std::map<uint32_t, char> shown(const std::map<uint32_t, AceRecord>& copy) {
+  std::map<uint32_t, char> entries;
+  for (const auto& [number, record] : copy) {
+    EXPECT_EQ(es_acl_wire_32(record.ace.seq), number);
+    entries[number] = static_cast<char>(es_acl_wire_16(record.ace.dst_addr[0]));
+  }
+  return entries;
+}
+
+std::map<uint32_t, char> rules_of(std::map<uint32_t, char> entries) {
+  std::erase_if(entries, [](const auto& entry) { return entry.second <= 'Z'; });
+  return entries;
+}
+
+class Updating : public ::testing::Test {
+ protected:
+  Updating() {
+    for (uint64_t id = 1; id <= 3; ++id) bus_.consumers.emplace(id, id);
+    for (const auto& [name, entries] : before_) bus_.published.insert(name);
+  }
+
+  ModelConsumer& consumer(uint64_t id) { return bus_.consumers.at(id); }
+  void register_and_read(ModelConsumer& who, const std::string& name) {
+    who.register_at(service_, name);
+    who.read(service_, name, 2);
+  }
+  Updater::Outcome apply(const State& next) { return updater_->apply(make_database(next)); }
+  void check_resources() { updater_.emplace(service_, bus_, asking_, UpdaterOptions{512 << 10, true}); }
+
+  const State before_ = {{"a", {{10, 'a'}, {15, 'R'}, {20, 'b'}, {30, 'c'}}}, {"b", {{10, 'x'}}}};
+  std::vector<std::string> log_;
+  bool interrupted_ = false;
+  test::ModelBus bus_;
+  const std::function<void(std::string_view)> logger_ = [this](std::string_view line) {
+    log_.emplace_back(line);
+  };
+  Service service_{make_database(before_), logger_};
+  const Asking asking_ = {service_, bus_, 1000, logger_, [this] { return interrupted_; }};
+  std::optional<Updater> updater_{std::in_place, service_, bus_, asking_, UpdaterOptions{512 << 10, false}};
+};
+
+TEST_F(Updating, EveryChangeBehindTheStateThatWasReadAndNoneBeforeIt) {
+  State now = before_;
+  const auto change = [&](const std::string& acl, std::map<uint32_t, char> entries) {
+    now[acl] = std::move(entries);
+    EXPECT_EQ(apply(now).result, Updater::Result::kApplied);
+  };
+  ModelConsumer& one = consumer(1);
+  ModelConsumer& two = consumer(2);
+
+  one.register_at(service_, "a");
+  change("a", {{10, 'a'}, {15, 'R'}, {21, 'b'}, {30, 'c'}});
+  EXPECT_EQ(one.messages, 0u);  // it has read nothing yet
+  two.read(service_, "a", 2);
+  one.read(service_, "a", 2, [&, left = 2]() mutable {  // and changes between its batches
+    if (left-- == 2) change("a", {{1, 'a'}, {2, 'R'}, {3, 'b'}, {4, 'c'}});
+    if (left == 0) change("a", {{1, 'a'}, {2, 'R'}, {3, 'd'}});
+  });
+  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
+  EXPECT_EQ(one.messages, 3u);
+  EXPECT_EQ(two.messages, 0u);  // a reader that has not registered
+
+  // A read that is given up and begun again goes on with what was pushed since.
+  one.register_at(service_, "a");
+  int batches = 0;
+  struct GivenUp {};
+  const auto give_up = [&] {
+    change("a", {{3, 'd'}, {5, 'e'}});
+    if (++batches == 1) throw GivenUp();
+  };
+  EXPECT_THROW(one.read(service_, "a", 2, give_up), GivenUp);
+  EXPECT_EQ(service_.pinned(), 1u);
+  one.read(service_, "a", 2);
+  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
+
+  // A new registration begins anew; what the old one was owed is nothing to it.
+  one.messages = 0;
+  one.register_at(service_, "a");
+  change("a", {{3, 'd'}});
+  EXPECT_EQ(one.messages, 0u);
+  one.read(service_, "a", 2);
+  change("a", {{4, 'd'}, {5, 'E'}, {6, 'f'}});
+  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
+
+  // Read in bulk: rules only, and pushed and renumbered as such.
+  two.register_at(service_, "a");
+  two.read_in_bulk(service_, "a");
+  two.messages = 0;
+  change("a", {{4, 'd'}, {6, 'f'}, {7, 'G'}});
+  EXPECT_EQ(two.messages, 0u);
+  change("a", {{7, 'G'}, {14, 'd'}, {16, 'f'}});
+  EXPECT_EQ(two.messages, 1u);
+  EXPECT_EQ(shown(two.copies["a"]), rules_of(now["a"]));
+
+  // An ACL that is not there yet is an empty one.
+  register_and_read(two, "new");
+  change("new", {{1, 'n'}});
+  EXPECT_EQ(shown(two.copies["new"]), now["new"]);
+
+  // A connection lost and made again: nothing missed, nothing said. A change in between is missed, which is said, and
+  // from then on numbers are not taken for granted.
+  one.renew_at(service_, "a");
+  change("a", {{17, 'd'}, {18, 'f'}});
+  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
+  EXPECT_TRUE(log_.empty()) << log_[0];
+  one.behaviour.reachable = false;
+  change("a", {{18, 'f'}});
+  one.behaviour.reachable = true;
+  one.renew_at(service_, "a");
+  EXPECT_EQ(log_.size(), 1u);
+  change("a", {{28, 'f'}});
+  EXPECT_EQ(shown(one.copies["a"]), (std::map<uint32_t, char>{{17, 'd'}, {28, 'f'}}));
+
+  service_.forget(one.peer);
+  const size_t told = one.messages;
+  change("a", {});
+  EXPECT_EQ(one.messages, told);
+  EXPECT_EQ(shown(two.copies["a"]), now["a"]);
+}
+
+TEST_F(Updating, NamesAppearBeforeTheirEntriesAndGoBehindThem) {
+  register_and_read(consumer(1), "a");
+  register_and_read(consumer(1), "new");
+  bus_.before_push = [&] { EXPECT_EQ(bus_.published, (std::set<std::string>{"a", "b", "new"})); };
+  const auto outcome = apply({{"b", {{10, 'x'}}}, {"new", {{1, 'n'}, {2, 'n'}}}});
+  EXPECT_EQ(outcome.result, Updater::Result::kApplied);
+  EXPECT_EQ(outcome.text,
+            "acl 'a' (dropped, 4 removed), acl 'new' (new, 2 added); 2 messages to 1 consumers");
+  EXPECT_EQ(bus_.published, (std::set<std::string>{"b", "new"}));
+  EXPECT_TRUE(consumer(1).copies["a"].empty());
+  bus_.before_push = [] {};
+  const DatabasePtr same = service_.database();
+  EXPECT_EQ(apply({{"b", {{10, 'x'}}}, {"new", {{1, 'n'}, {2, 'n'}}}}).result, Updater::Result::kUnchanged);
+  EXPECT_EQ(service_.database(), same);
+  EXPECT_EQ(apply({{"b", {{10, 'x'}}}, {"new", {{7, 'n'}, {9, 'n'}}}, {"none", {}}}).text,
+            "acl 'new' (renumbered), acl 'none' (new); 1 messages to 1 consumers");
+}
+
+// Two consumers hold both ACLs, and have what it takes to refuse a change. Whoever does: nothing is different
+// afterwards, anywhere, and what was set aside has been released where it had been.
+TEST_F(Updating, IsRefusedAsAWhole) {
+  const State drops = {{"a", before_.at("a")}};
+  const State grows = {{"a", {{10, 'a'}, {15, 'R'}, {20, 'B'}, {30, 'c'}, {40, 'd'}}},
+                       {"b", {{10, 'x'}, {20, 'y'}}},
+                       {"new", {{1, 'n'}}}};
+  using Releases = std::vector<std::string>;
+  const Releases a_only = {"a 20 40"}, both = {"a 20 40", "b 20"};
+  const struct {
+    const char* what;
+    std::function<void(ModelConsumer& one, ModelConsumer& two)> setting;
+    const State& next;
+    const char* reason;  // null: it is made
+    Releases one = {}, two = {};
+  } table[] = {
+      {"in use", [](auto&, auto& two) { two.behaviour.in_use = 1; }, drops,
+       "acl 'b' cannot be dropped: it is in use by model (process 1002 on node)"},
+      {"in use twice", [](auto& one, auto& two) { one.behaviour.in_use = two.behaviour.in_use = -1; }, drops,
+       "1001 on node), model ("},
+      {"in use, but not held", [](auto&, auto& two) { two.behaviour.in_use = 1, two.behaviour.usage_rc = 2; },
+       drops, nullptr},
+      {"silent about use", [](auto&, auto& two) { two.behaviour.ask_status = ETIME; }, drops, nullptr},
+      {"gone", [](auto&, auto& two) { two.behaviour.ask_status = ESRCH; }, drops, nullptr},
+      {"nonsense about use", [](auto&, auto& two) { two.behaviour.answers = false; }, drops, nullptr},
+      {"room for all", [](auto&, auto&) {}, grows, nullptr},
+      {"no room in the first", [](auto&, auto& two) { two.behaviour.without_room = "a"; }, grows,
+       "acl 'a' is refused for want of resources by model (process 1002 on node): No space left on device",
+       a_only},
+      {"no room in the second", [](auto& one, auto&) { one.behaviour.without_room = "b"; }, grows, "acl 'b'",
+       a_only, both},
+      {"silent about room", [](auto&, auto& two) { two.behaviour.ask_status = ETIME; }, grows,
+       "process 1002: no answer", a_only, a_only},
+      {"nonsense about room", [](auto&, auto& two) { two.behaviour.answers = false; }, grows, "no answer",
+       a_only, a_only},
+      {"gone when asked for room", [](auto&, auto& two) { two.behaviour.ask_status = ESRCH; }, grows,
+       nullptr},
+      {"not publishable", [this](auto&, auto&) { bus_.unpublishable = "new"; }, grows,
+       "acl 'new' cannot be published: Cannot allocate memory", both, both},
+      {"interrupted", [this](auto&, auto&) { interrupted_ = true; }, grows, "the producer is ending"},
+      {"interrupted before a drop", [this](auto&, auto&) { interrupted_ = true; }, drops,
+       "the producer is ending"},
+  };
+  check_resources();
+  for (uint64_t id = 1; id <= 2; ++id) {
+    for (const char* name : {"a", "b"}) register_and_read(consumer(id), name);
+  }
+  consumer(3).register_at(service_,
+                          "b");  // comes to read later: is asked all the same, has nothing to release yet
+  const auto fresh = bus_.consumers;
+  for (const auto& one : table) {
+    SCOPED_TRACE(one.what);
+    for (const auto& [id, as_it_was] : fresh) {
+      bus_.consumers.erase(id);
+      bus_.consumers.emplace(id, as_it_was);
+    }
+    bus_.unpublishable.clear();
+    interrupted_ = false;
+    one.setting(consumer(1), consumer(2));
+    const DatabasePtr database = service_.database();
+    const auto published = bus_.published;
+    const auto outcome = apply(one.next);
+    EXPECT_EQ(outcome.result, one.reason ? Updater::Result::kRefused : Updater::Result::kApplied)
+        << outcome.text;
+    EXPECT_EQ(consumer(1).released, one.one);
+    EXPECT_EQ(consumer(2).released, one.two);
+    for (const auto& [id, each] : bus_.consumers) EXPECT_TRUE(each.held.empty()) << id;
+    const State& expected = one.reason ? before_ : one.next;
+    for (const auto& [name, entries] : before_) {
+      const auto now = expected.find(name);
+      for (const uint64_t id : {1, 2})
+        EXPECT_EQ(shown(consumer(id).copies[name]), now == expected.end() ? rules_of({}) : now->second);
+    }
+    if (one.reason) {
+      EXPECT_NE(outcome.text.find(one.reason), std::string::npos) << outcome.text;
+      EXPECT_EQ(service_.database(), database);
+      EXPECT_EQ(bus_.published, published);
+      EXPECT_EQ(consumer(1).messages + consumer(2).messages, fresh.at(1).messages + fresh.at(2).messages);
+    } else {
+      for (auto& [id, each] : bus_.consumers) each.behaviour = {};
+      EXPECT_EQ(apply(before_).result, Updater::Result::kApplied);
+    }
+  }
+}
+
+// While a change of three ACLs is being checked each consumer holds all that it has granted, one question for each
+// ACL, and none when it is made; a renumbering is no question.
+TEST_F(Updating, QuestionsOfOneChangeDoNotSupersedeEachOther) {
+  check_resources();
+  for (const char* name : {"a", "b", "new"}) register_and_read(consumer(1), name);
+  size_t most_held = 0;
+  bus_.before_push = [&] { most_held = std::max(most_held, consumer(1).held.size()); };
+  for (char content = 'p'; content != 's'; ++content) {
+    State next;
+    for (const char* name : {"a", "b", "new"}) next[name] = {{10, content}};
+    EXPECT_EQ(apply(next).result, Updater::Result::kApplied);
+    EXPECT_EQ(most_held, 3u);
+    EXPECT_TRUE(consumer(1).held.empty());
+    for (const char* name : {"a", "b", "new"}) EXPECT_EQ(shown(consumer(1).copies[name]), next[name]);
+  }
+  consumer(1).behaviour.without_room = "b";
+  EXPECT_EQ(apply({{"a", {{10, 'r'}}}, {"b", {{11, 'r'}}}, {"new", {{10, 'r'}}}}).result,
+            Updater::Result::kApplied);
+  EXPECT_TRUE(consumer(1).released.empty());
+}
+
+// Consumers that register and read on threads of their own, again and again, while one thread changes everything all
+// the time.
+TEST(UpdatingUnderWay, ReadersEndWithTheProducersList) {
+  constexpr uint64_t kReaders = 3;
+  std::mt19937 random(7);
+  const auto some_state = [&] {
+    State state = {{"a", {}}};
+    const uint32_t step = 1 + random() % 3;
+    for (uint32_t number = 1 + random() % 5, left = 20 + random() % 3; left != 0; --left, number += step)
+      state["a"][number] = "abcdefghijklmnopqrstuvw"[left];
+    if (random() % 2 != 0) state["a"].erase(std::next(state["a"].begin(), random() % 20));
+    return state;
+  };
+  State last = some_state();
+  const auto log = [](std::string_view line) { ADD_FAILURE() << line; };
+  Service service(make_database(last), log);
+  test::ModelBus bus;
+  for (uint64_t id = 1; id <= kReaders; ++id)
+    bus.consumers.emplace(id, id).first->second.registered.insert("a");
+  std::atomic<uint64_t> done{0};
+  std::vector<std::thread> readers;
+  for (auto& entry : bus.consumers) {
+    readers.emplace_back([&, &self = entry.second] {
+      for (uint32_t round = 0; round < 500; ++round) {
+        self.register_at(service, "a");
+        self.read(service, "a", 1 + round % 7);
+      }
+      ++done;
+    });
+  }
+  const Asking asking = {service, bus, 1000, log, [] { return false; }};
+  Updater updater(service, bus, asking, {1000, false});
+  for (size_t applied = 0; done != kReaders || applied < 100;) {
+    last = some_state();
+    applied += updater.apply(make_database(last)).result == Updater::Result::kApplied;
+  }
+  for (std::thread& reader : readers) reader.join();
+  for (auto& [id, consumer] : bus.consumers) {
+    EXPECT_EQ(shown(consumer.copies["a"]), last["a"]) << id;
+    EXPECT_GT(consumer.messages, 0u);
+  }
+  EXPECT_EQ(service.pinned(), 0u);
+}
+
+}  // namespace es_acl::producer
