@@ -5,10 +5,10 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <new>
 
 #include "config_file.h"
@@ -83,8 +83,8 @@ void reload(Updater& updater, const Options& options) {
     }
   } catch (const ConfigError& error) {
     log_line(error.what());
-  } catch (const std::bad_alloc&) {
-    log_line(options.config + ": change refused: no memory");
+  } catch (const std::exception& error) {
+    log_line(options.config + ": change refused: " + error.what());
   }
 }
 
@@ -126,7 +126,7 @@ int serve(const Options& options) {
   const DatabasePtr database = load_configuration(options);
   LineLimiter limiter(log_line, milliseconds_now);
   Service service(database, [&](std::string_view line) { limiter.write(line); });
-  const auto bus = PcxBus::open(service, options.verbose);
+  const auto bus = PcxBus::open(service, uint64_t{options.queue_limit_mib} << 20, options.verbose);
   if (!bus) return kExitBus;
   // Being the only producer now, we may take away what one that was killed has left.
   retract_ready(options);

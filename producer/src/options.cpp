@@ -18,6 +18,7 @@ constexpr const char* kFooter =
     "Exit codes: 0 done, 1 configuration refused, 2 usage, 3 bus, 4 system.";
 
 constexpr uint32_t kMaxQuestionDeadlineMs = 60'000;
+constexpr uint32_t kMaxQueueLimitMib = 65'536;
 
 // What is wrong with a descriptor's number; nothing when it is one.
 std::string check_descriptor(const std::string& text) {
@@ -46,6 +47,11 @@ std::optional<Options> parse_options(int argc, char** argv, int* exit_code) {
                  "How long consumers may take to answer whether they use an ACL, or have resources for it")
       ->type_name("N")
       ->check(CLI::Range(uint32_t{1}, kMaxQuestionDeadlineMs))
+      ->capture_default_str();
+  app.add_option("--queue-limit-mib", options.queue_limit_mib,
+                 "How much may wait for one consumer before its connection is given up")
+      ->type_name("N")
+      ->check(CLI::Range(uint32_t{1}, kMaxQueueLimitMib))
       ->capture_default_str();
   app.add_option("--ready-fd", options.ready_fd,
                  "Write \"ready\" and a newline to this descriptor when serving")

@@ -21,6 +21,7 @@ struct Options {
   std::string ready_file;
   int ready_fd = -1;
   uint32_t question_deadline_ms = 2000;
+  uint32_t queue_limit_mib = 64;
   bool check = false;
   bool check_resources = false;
   bool print_yang = false;

@@ -41,10 +41,10 @@ void gather(void* user, const pcx_sync_answer* answer) {
 
 }  // namespace
 
-std::unique_ptr<PcxBus> PcxBus::open(Service& service, bool verbose) {
+std::unique_ptr<PcxBus> PcxBus::open(Service& service, uint64_t queue_limit, bool verbose) {
   std::unique_ptr<PcxBus> bus(new PcxBus(service, verbose));
   const pcx_producer_ops operations = {on_read, on_peer_gone, on_registered};
-  const pcx_producer_options bus_options = {0, log_bus_line};
+  const pcx_producer_options bus_options = {queue_limit, log_bus_line};
   pcx_producer* producer = nullptr;
   if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &operations, bus.get(), &bus_options, &producer) != 0) {
     log_line(std::string("bus: ") + pcx_producer_error());

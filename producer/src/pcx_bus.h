@@ -13,8 +13,9 @@ namespace es_acl::producer {
 class PcxBus final : public BusPort {
  public:
   // Opens the class; from then on the service is called on the bus's thread. Null when it cannot be opened, and the
-  // reason has been logged. `verbose`: log who leaves. The service must outlive the bus.
-  static std::unique_ptr<PcxBus> open(Service& service, bool verbose);
+  // reason has been logged. `queue_limit`: bytes that may wait for one consumer. `verbose`: log who leaves. The service
+  // must outlive the bus.
+  static std::unique_ptr<PcxBus> open(Service& service, uint64_t queue_limit, bool verbose);
 
   uint32_t publish(const std::string& name) override;
   void unpublish(const std::string& name) noexcept override;

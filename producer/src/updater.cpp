@@ -41,13 +41,17 @@ Refusal publish_new(std::span<const AclChange> changes, Publication* publication
   return std::nullopt;
 }
 
+std::string counted(size_t number, const char* what) {
+  return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
 std::string summary(std::span<const AclChange> changes, const Service::Delivery& delivery) {
   std::string text;
   for (const AclChange& change : changes.first(std::min(kMostNamed, changes.size())))
     text += (text.empty() ? "acl '" : ", acl '") + change.name() + "' (" + change.summary() + ")";
   if (changes.size() > kMostNamed) text += ", and " + std::to_string(changes.size() - kMostNamed) + " more";
-  return text + "; " + std::to_string(delivery.messages) + " messages to " +
-         std::to_string(delivery.consumers) + " consumers";
+  return text + "; " + counted(delivery.messages, "message") + " to " +
+         counted(delivery.consumers, "consumer");
 }
 
 }  // namespace

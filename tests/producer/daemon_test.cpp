@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -54,15 +53,14 @@ class Program {
 class Daemon : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    ::setenv("ES_PCX_DIR", bus_->path("bus").c_str(), 1);
+    ::setenv("ES_PCX_DIR", bus_.path("bus").c_str(), 1);
     ASSERT_EQ(evm_create(&events_), 0u);
     ASSERT_EQ(dsv_init(events_, 0), 0u);
     ASSERT_EQ(dsv_create_class(ES_ACL_DSV_CLASS_NAME, 0, 1, &dsv_class_), 0u);
     ASSERT_EQ(pcx_lr_init(events_), 0u);
   }
-  static void TearDownTestSuite() { bus_.reset(); }
 
-  static inline auto bus_ = std::make_unique<test::TempDir>();
+  static inline const test::TempDir bus_;
   static inline evm* events_ = nullptr;  // the process's, as the bus is: never destroyed
   static inline uint32_t dsv_class_ = 0;
   const test::TempDir files;
@@ -106,7 +104,7 @@ TEST_F(Daemon, ServesAConsumerUntilItIsEnded) {
   ::kill(pid, SIGTERM);
   producer.expect_end(0, "request refused with 22: version 0");
   EXPECT_FALSE(std::filesystem::exists(ready_file));
-  for (const auto& entry : std::filesystem::directory_iterator(bus_->path("bus")))
+  for (const auto& entry : std::filesystem::directory_iterator(bus_.path("bus")))
     EXPECT_FALSE(entry.is_socket()) << entry << " could be taken for a live producer";
   EXPECT_EQ(pcx_read(address, &request, sizeof request, records.data(), &length), uint32_t{ESRCH});
 }
@@ -191,16 +189,16 @@ TEST_F(Daemon, FollowsItsConfiguration) {
 
   // Written in place behind the link; the link replaced by a file; written in place.
   files.write("c.json", configuration({{"a", {10, 20, 30, 40}}, {"b", {10}}}));
-  EXPECT_EQ(producer.line(), says + "acl 'a' (1 added); 1 messages to 1 consumers\n");
+  EXPECT_EQ(producer.line(), says + "acl 'a' (1 added); 1 message to 1 consumer\n");
   told.expect(held + "|6,0,160" + settled);
   std::filesystem::rename(files.write("new.json", configuration({{"a", {1, 2, 4, 5}}, {"b", {10}}})), linked);
-  EXPECT_EQ(producer.line(), says + "acl 'a' (renumbered); 1 messages to 1 consumers\n");
+  EXPECT_EQ(producer.line(), says + "acl 'a' (renumbered); 1 message to 1 consumer\n");
   told.expect("|6,10,92");
   files.write("link.json", configuration({{"a", {2, 3, 9}}, {"b", {}}, {"c", {7}}}));
   EXPECT_EQ(producer.line(),
             says +
                 "acl 'a' (3 removed, 1 changed, 2 added), acl 'b' (1 removed), acl 'c' (new, 1 "
-                "added); 3 messages to 1 consumers\n");
+                "added); 3 messages to 1 consumer\n");
   told.expect("|6,14,568|18,14,88|6,1,480|6,0,480|6,1,160|18,15,88");
 
   // Bad, and refused: nothing is told to anyone but the questions, and nothing is different.
@@ -220,7 +218,7 @@ TEST_F(Daemon, FollowsItsConfiguration) {
   told.expect(held + "|18,15,88");
   told.rc = told.in_use = 0;
   ::kill(pid, SIGHUP);
-  EXPECT_EQ(producer.line(), says + "acl 'a' (1 added); 1 messages to 1 consumers\n");
+  EXPECT_EQ(producer.line(), says + "acl 'a' (1 added); 1 message to 1 consumer\n");
   told.expect(held + "|6,0,160" + settled);
 
   // Silent while two ACLs are to be dropped, and the program is ended: it does not ask for the second.

@@ -163,8 +163,7 @@ TEST_F(Updating, NamesAppearBeforeTheirEntriesAndGoBehindThem) {
   bus_.before_push = [&] { EXPECT_EQ(bus_.published, (std::set<std::string>{"a", "b", "new"})); };
   const auto outcome = apply({{"b", {{10, 'x'}}}, {"new", {{1, 'n'}, {2, 'n'}}}});
   EXPECT_EQ(outcome.result, Updater::Result::kApplied);
-  EXPECT_EQ(outcome.text,
-            "acl 'a' (dropped, 4 removed), acl 'new' (new, 2 added); 2 messages to 1 consumers");
+  EXPECT_EQ(outcome.text, "acl 'a' (dropped, 4 removed), acl 'new' (new, 2 added); 2 messages to 1 consumer");
   EXPECT_EQ(bus_.published, (std::set<std::string>{"b", "new"}));
   EXPECT_TRUE(consumer(1).copies["a"].empty());
   bus_.before_push = [] {};
@@ -172,7 +171,7 @@ TEST_F(Updating, NamesAppearBeforeTheirEntriesAndGoBehindThem) {
   EXPECT_EQ(apply({{"b", {{10, 'x'}}}, {"new", {{1, 'n'}, {2, 'n'}}}}).result, Updater::Result::kUnchanged);
   EXPECT_EQ(service_.database(), same);
   EXPECT_EQ(apply({{"b", {{10, 'x'}}}, {"new", {{7, 'n'}, {9, 'n'}}}, {"none", {}}}).text,
-            "acl 'new' (renumbered), acl 'none' (new); 1 messages to 1 consumers");
+            "acl 'new' (renumbered), acl 'none' (new); 1 message to 1 consumer");
 }
 
 // Two consumers hold both ACLs, and have what it takes to refuse a change. Whoever does: nothing is different
