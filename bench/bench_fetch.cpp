@@ -8,8 +8,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <map>
-#include <mutex>
 #include <vector>
 
 #include "es_acl/es_acl.h"
@@ -17,6 +15,7 @@
 #include "es_platform/dsv.h"
 #include "es_platform/evm.h"
 #include "es_platform/pcx.h"
+#include "map_store.h"
 #include "peer.h"
 
 namespace es_acl_bench {
@@ -24,6 +23,8 @@ namespace es_acl_bench {
 namespace {
 
 constexpr uint32_t kRecord = sizeof(es_acl_pcx_acl_ace);
+
+}  // namespace
 
 void init_library() {
   static evm* events = [] {
@@ -35,6 +36,32 @@ void init_library() {
 }
 
 uint32_t batch_size() { return pcx_get_optimum_msg_size(es_acl_classhandle) / kRecord; }
+
+bool read_into_map(void* address, const std::string& name, MapStore& store) {
+  std::vector<es_acl_pcx_acl_ace> buffer(batch_size());
+  uint32_t start_seq = 0;
+  for (;;) {
+    acl_pcx_read_req request = {};
+    request.cmd = ACL_PCX_READ_ACES;
+    request.ver = ES_ACL_PCX_VERSION;
+    es_acl_wire_set_name(request.acl_name, name.c_str());
+    request.start_seq = start_seq;
+    request.max_entries = batch_size();
+    es_acl_wire_read_req_order(&request);
+    uint32_t length = batch_size() * kRecord;
+    if (pcx_read(address, &request, sizeof request, buffer.data(), &length) != 0) return false;
+    const uint32_t count = length / kRecord;
+    for (uint32_t i = 0; i < count; ++i) {
+      es_acl_wire_acl_ace_order(&buffer[i]);
+      start_seq = buffer[i].ace.seq;
+      const std::lock_guard<std::mutex> guard(store.lock);
+      store.aces.emplace(start_seq, buffer[i].ace);
+    }
+    if (count < batch_size()) return true;
+  }
+}
+
+namespace {
 
 // Runs `fetch` as one timed iteration and `forget` untimed.
 template <typename Fetch, typename Forget>
@@ -66,7 +93,7 @@ void fetch_es_acl(benchmark::State& state) {
 }
 
 bool read_bare(int fd, std::vector<es_acl_pcx_acl_ace>& buffer, uint32_t first, uint32_t count) {
-  const BareRequest request = {first, count};
+  const BareRequest request = {BareRequest::kRead, first, count, 0, 0};
   if (send(fd, &request, sizeof request, MSG_NOSIGNAL) != sizeof request) return false;
   const size_t length = size_t{count} * kRecord;
   if (recv(fd, buffer.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) return false;
@@ -89,35 +116,6 @@ void fetch_bare_socket(benchmark::State& state, const Peer* peer) {
       },
       [] {});
   close(fd);
-}
-
-struct MapStore {
-  std::mutex lock;
-  std::map<uint32_t, es_acl_ace> aces;
-};
-
-bool read_into_map(void* address, const std::string& name, MapStore& store) {
-  std::vector<es_acl_pcx_acl_ace> buffer(batch_size());
-  uint32_t start_seq = 0;
-  for (;;) {
-    acl_pcx_read_req request = {};
-    request.cmd = ACL_PCX_READ_ACES;
-    request.ver = ES_ACL_PCX_VERSION;
-    es_acl_wire_set_name(request.acl_name, name.c_str());
-    request.start_seq = start_seq;
-    request.max_entries = batch_size();
-    es_acl_wire_read_req_order(&request);
-    uint32_t length = batch_size() * kRecord;
-    if (pcx_read(address, &request, sizeof request, buffer.data(), &length) != 0) return false;
-    const uint32_t count = length / kRecord;
-    for (uint32_t i = 0; i < count; ++i) {
-      es_acl_wire_acl_ace_order(&buffer[i]);
-      start_seq = buffer[i].ace.seq;
-      const std::lock_guard<std::mutex> guard(store.lock);
-      store.aces.emplace(start_seq, buffer[i].ace);
-    }
-    if (count < batch_size()) return true;
-  }
 }
 
 void fetch_std_map(benchmark::State& state) {

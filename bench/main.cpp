@@ -3,12 +3,16 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "peer.h"
 #include "ratios.h"
 
 int main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "--fan-consumer") == 0)
+    return es_acl_bench::run_fan_consumer(static_cast<uint32_t>(std::atoi(argv[2])));
   std::vector<char*> args(argv, argv + argc);
   char repetitions[] = "--benchmark_repetitions=5";
   char interleaving[] = "--benchmark_enable_random_interleaving=true";
@@ -21,6 +25,7 @@ int main(int argc, char** argv) {
   es_acl_bench::Peer peer;  // forks: before any thread
   if (!peer.start()) return 1;
   es_acl_bench::register_fetch_benchmarks(peer);
+  es_acl_bench::register_push_benchmarks(peer);
   es_acl_bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.print_ratios();

@@ -17,6 +17,7 @@
 
 #include "es_acl/es_acl_wire.h"
 #include "es_platform/pcx_producer.h"
+#include "pusher.h"
 
 namespace es_acl_bench {
 
@@ -78,25 +79,18 @@ sockaddr_un bare_address(const std::string& directory) {
   return address;
 }
 
-bool write_all(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t written = send(fd, data, size, MSG_NOSIGNAL);
-    if (written <= 0) return false;
-    data += written;
-    size -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
-void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records) {
+void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records, Pusher pusher) {
   for (;;) {
     const int fd = accept(listener, nullptr, nullptr);
     if (fd < 0) return;
     BareRequest request;
-    while (recv(fd, &request, sizeof request, MSG_WAITALL) == sizeof request)
-      if (!write_all(fd, reinterpret_cast<const char*>(&records[request.first]),
-                     size_t{request.count} * sizeof records[0]))
-        break;
+    while (recv(fd, &request, sizeof request, MSG_WAITALL) == sizeof request) {
+      const bool good =
+          request.kind == BareRequest::kRead
+              ? write_all(fd, &records[request.first], size_t{request.count} * sizeof records[0])
+              : pusher.serve(fd, request);
+      if (!good) break;
+    }
     close(fd);
   }
 }
@@ -118,7 +112,7 @@ void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records) {
   }
   for (const int64_t size : kSizes) pcx_producer_publish(producer, acl_name(size).c_str());
   if (write(ready, "r", 1) != 1) _exit(1);
-  serve_bare(listener, records);
+  serve_bare(listener, records, Pusher(producer));
   _exit(0);
 }
 

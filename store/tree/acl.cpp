@@ -1,5 +1,6 @@
 #include "acl.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -79,8 +80,24 @@ void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
 
 es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) const noexcept {
   const SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
-  if (iter != nullptr) *iter = SeqIndex::word(place);
+  if (iter != nullptr) {
+    *iter = SeqIndex::word(place);
+    prefetch_around(place);
+  }
   return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
+}
+
+// Who searches with a position looks at many ACEs before the first of them is changed: what the change will touch is
+// fetched while the caller waits for the ACE itself.
+void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
+  if (place.leaf == nullptr) return;
+  const uint32_t end = std::min(place.pos + 2, place.leaf->count);
+  for (uint32_t pos = place.pos - (place.pos != 0); pos < end; ++pos)
+    __builtin_prefetch(slots_.node(place.leaf->values[pos]), 1);
+  if (!place.found) return;
+  const auto* ace = reinterpret_cast<const char*>(slots_.ace(place.leaf->values[place.pos]));
+  __builtin_prefetch(ace);
+  __builtin_prefetch(ace + sizeof(es_acl_ace) - 1);
 }
 
 void Acl::store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept {

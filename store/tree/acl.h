@@ -63,6 +63,7 @@ class Acl : public es_acl_head {
   void replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq);
   void store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept;
   void link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* after) noexcept;
+  void prefetch_around(SeqIndex::Place place) const noexcept;
   es_acl_ace_node* node_before(SeqIndex::Place place) noexcept;
   void set_count(uint32_t count) noexcept;
 

@@ -30,6 +30,14 @@ struct alignas(64) Block {
   uint32_t last_key() const noexcept { return keys[count - 1]; }
   bool spans(uint32_t key) const noexcept { return count != 0 && keys[0] <= key && key <= last_key(); }
 
+  // Whether a block beside this one is likely to span the key: it is no farther away than this block is wide. To look
+  // there in vain would cost as much as to come from the root.
+  bool spans_near(uint32_t key) const noexcept {
+    if (count == 0) return false;
+    const uint32_t width = last_key() - keys[0];
+    return key < keys[0] ? keys[0] - key <= width : key - last_key() <= width;
+  }
+
   // The number of keys less than `key`.
   uint32_t lower_bound(uint32_t key) const noexcept {
     static_assert(kFanout == 64 && kGroup == 8);

@@ -55,7 +55,13 @@ SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hin
   if (root_ == nullptr) return {};
   uint32_t near = 0;
   Leaf* leaf = hint != nullptr ? hinted(hint, &near) : nullptr;
-  if (leaf != nullptr && !leaf->spans(seq)) leaf = direction == ES_ACL_FORWARD ? leaf->next : leaf->prev;
+  if (leaf != nullptr && !leaf->spans(seq)) {
+    if (!leaf->spans_near(seq)) {
+      leaf = nullptr;
+    } else {
+      leaf = direction == ES_ACL_FORWARD ? leaf->next : leaf->prev;
+    }
+  }
   if (leaf == nullptr || !leaf->spans(seq)) {
     leaf = leaf_for(seq);
     leaf->prefetch_values();

@@ -25,13 +25,27 @@ SlotId SlotPool::take(SlotRun& run) {
     if (free_.first != kNoSlot) {
       const SlotId id = free_.first;
       free_.first = static_cast<SlotId>(reinterpret_cast<uintptr_t>(node(id)->aux));
-      if (free_.first == kNoSlot) free_.last = kNoSlot;
+      if (free_.first == kNoSlot)
+        free_.last = kNoSlot;
+      else
+        prefetch_after(free_.first);
       return id;
     }
     carve(run);
   }
   --run.left;
   return run.first++;
+}
+
+// A slot that has waited out its grace time has left the caches, and its taker will write all of it: the one after the
+// next is asked for, whose number the next one holds.
+void SlotPool::prefetch_after(SlotId next) const noexcept {
+  const SlotId id = static_cast<SlotId>(reinterpret_cast<uintptr_t>(node(next)->aux));
+  if (id == kNoSlot) return;
+  const auto* record = reinterpret_cast<const char*>(element(id));
+  __builtin_prefetch(node(id), 1);
+  __builtin_prefetch(record, 1);
+  __builtin_prefetch(record + sizeof(Element) - 1, 1);
 }
 
 void SlotPool::put_back(SlotRun& run) noexcept {
@@ -42,6 +56,7 @@ void SlotPool::retire(SlotId id) noexcept {
   age();
   if (young_.first == kNoSlot && old_.first == kNoSlot) young_since_ = now_ms();
   chain(young_, id);
+  ++young_count_;
 }
 
 void SlotPool::chain(Chain& to, SlotId id) noexcept {
@@ -64,11 +79,13 @@ void SlotPool::append(Chain& to, Chain& from) noexcept {
 void SlotPool::age() noexcept {
   if (young_.first == kNoSlot && old_.first == kNoSlot) return;
   const uint64_t now = now_ms();
-  if (now - young_since_ < kGraceMs) return;
+  const uint64_t grace = young_count_ < kManyRetired ? kGraceMs : kShortGraceMs;
+  if (now - young_since_ < grace) return;
   append(free_, old_);
   // A young generation that nobody has looked at for two grace times is old enough to be free as well.
   append(now - young_since_ < 2 * kGraceMs ? old_ : free_, young_);
   young_since_ = now;
+  young_count_ = 0;
 }
 
 void SlotPool::carve(SlotRun& run) {

@@ -10,13 +10,14 @@
 //   - Slabs are given back only with the whole pool: a stale pointer always points to a slot.
 //   - A node's element pointer and an element's ACE pointer are written once, when the slot is carved from
 //   its slab.
-//   - A retired slot keeps its next link and its ACE until kGraceMs have passed; only then may it be taken
+//   - A retired slot keeps its next link and its ACE until a grace time has passed; only then may it be taken
 //   again.
 //
 // Retired slots wait in two generations: those retired lately and those retired before. When the younger
 // generation is a grace time old it becomes the older one, and the older one, which is at least that old by
 // then, becomes free. So no slot carries a time, and under endless change about two grace times' worth of
-// slots are waiting.
+// slots are waiting. That would be gigabytes where millions of changes come in a second, fresh memory for each of them
+// included, so the grace time is shorter once a generation has become large.
 //
 // Not thread-safe: the ACL's lock guards it.
 #ifndef ES_ACL_STORE_TREE_SLOTS_H_
@@ -43,8 +44,10 @@ struct SlotRun {
 
 class SlotPool {
  public:
-  // How long a retired slot stays as it is.
+  // How long a retired slot stays as it is; and how long at least where so many are retired together.
   static constexpr uint64_t kGraceMs = 3000;
+  static constexpr uint64_t kShortGraceMs = 100;
+  static constexpr uint32_t kManyRetired = 1 << 16;
   // Slots carved at a time. A leaf takes its slots from runs of its own, so that neighbours in the list are
   // mostly neighbours in memory, even when an ACL is filled in random order; longer runs waste more at the
   // leaf's end.
@@ -92,6 +95,7 @@ class SlotPool {
   static_assert(kHugePage / kSlotBytes <= kPlaceMask, "a place in a slab has kPlaceBits bits");
 
   Element* element(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].elements + (id & kPlaceMask); }
+  void prefetch_after(SlotId next) const noexcept;
   void chain(Chain& to, SlotId id) noexcept;
   void append(Chain& to, Chain& from) noexcept;
   void age() noexcept;
@@ -106,6 +110,7 @@ class SlotPool {
   Chain old_;
   Chain young_;
   uint64_t young_since_ = 0;
+  uint32_t young_count_ = 0;
 };
 
 }  // namespace es_tree
