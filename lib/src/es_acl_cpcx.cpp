@@ -31,6 +31,12 @@ bool refuse_short(const Message& message) {
   return false;
 }
 
+bool has_command(const Message& message) {
+  if (message.bytes != nullptr) return message.holds(sizeof(uint32_t)) || refuse_short(message);
+  DBG_ERR("%s: Handler called with no data", kHandler);
+  return false;
+}
+
 void refuse_version(const char* format, uint32_t version) {
   DBG_ERR(format, kHandler, ES_ACL_PCX_VERSION, static_cast<int>(version));
   trace(kHandler, "wrong version", version);
@@ -196,14 +202,7 @@ void receive_change(const Message& message) {
 
 void receive_write(const Message& message) {
   DBG_DETAIL("%s: mtype is PCX_CMD_WRITE", kHandler);
-  if (message.bytes == nullptr) {
-    DBG_ERR("%s: Handler called with no data", kHandler);
-    return;
-  }
-  if (!message.holds(sizeof(uint32_t))) {
-    refuse_short(message);
-    return;
-  }
+  if (!has_command(message)) return;
   const uint32_t command = es_acl_wire_32(message.word(0));
   if (is_change(command)) return receive_change(message);
   print_event(message);

@@ -36,6 +36,8 @@ struct Message {
 
 // Says that the message is shorter than what it names. False, for the caller to return.
 bool refuse_short(const Message& message);
+// Whether the message has a sub-command, its first word; says so when it has none.
+bool has_command(const Message& message);
 // What the dispatcher says of a record whose version it does not know: `format` takes its name, 1 and the version.
 void refuse_version(const char* format, uint32_t version);
 

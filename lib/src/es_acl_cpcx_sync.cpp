@@ -122,10 +122,7 @@ void answer_usage(const Message& message, const Reply& reply) {
 
 void answer_sync_request(const Message& message, void** response, uint32_t* response_length) {
   DBG_DETAIL("%s: mtype PCX_CMD_PROD_SYNC_REQ", kHandler);
-  if (!message.holds(sizeof(uint32_t)) || response == nullptr || response_length == nullptr) {
-    refuse_short(message);
-    return;
-  }
+  if (!has_command(message)) return;
   const uint32_t query = es_acl_wire_32(message.word(0));
   DBG_DETAIL("%s: Query is %d", kHandler, static_cast<int>(query));
   trace(kHandler, "query", query);

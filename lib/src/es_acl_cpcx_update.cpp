@@ -115,18 +115,19 @@ uint32_t Update::report_additions() {
   return rc;
 }
 
-// What the store refuses stays in the batch, and goes back to the pool with it.
+// A record is the store's once added; what the store refuses goes back to the pool, and the others are added all the
+// same.
 void Update::add_all() {
   es_acl_iter iter = nullptr;
   for (uint32_t i = 0; i < batch_.size(); ++i) {
     const ace_edit_info& element = batch_[i];
     const uint32_t flag = add_only() && element.is_new != 0 ? ES_ACL_ADD_KEEP : ES_ACL_ADD_REPLACE;
-    element.ace->private_data = nullptr;
-    if (es_acl_add_acl_item_common(acl_, element.ace, element.seq, flag, &iter) == 0)
-      batch_.release(i);
-    else
-      DBG_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
-                 element.seq);
+    es_acl_ace* const ace = batch_.release(i);
+    ace->private_data = nullptr;
+    if (es_acl_add_acl_item_common(acl_, ace, element.seq, flag, &iter) == 0) continue;
+    es_acl_free_rules(ace);
+    DBG_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
+               element.seq);
   }
 }
 
