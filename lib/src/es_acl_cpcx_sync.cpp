@@ -107,7 +107,10 @@ void answer_usage(const Message& message, const Reply& reply) {
     trace(kHandler, "no memory for a response", ENOMEM);
     return;
   }
-  record->in_use = static_cast<int32_t>(es_acl_invoke_check_usage_callback());
+  {
+    const AclUse of_none(nullptr);  // the callbacks are told no ACL, and may release any
+    record->in_use = static_cast<int32_t>(es_acl_invoke_check_usage_callback());
+  }
   const AclUse use(request->acl_name);
   if (es_acl_lookup(request->acl_name) != nullptr && !use.leaving()) {
     fill_process_data(record, request->acl_name);

@@ -43,16 +43,11 @@ void remove_acl(es_acl_head* head) {
   es_acl_db_owner_release(head);
 }
 
-// A teardown that was left to the end of a callback. The callback may have got the ACL again.
-void remove_unless_held_again(es_acl_head* head) {
-  if (references(head) == 0) remove_acl(head);
-}
-
 void release_one(es_acl_head* head) {
   if (head == nullptr) return;
   DBG_DETAIL("%s: Releasing ACL %s", kRelease, shown(head->name));
   if (drop_reference(head) != 0) return;
-  const AclTeardown teardown(head, remove_unless_held_again);
+  const AclTeardown teardown(head, remove_acl);
   if (teardown.granted()) remove_acl(head);
 }
 

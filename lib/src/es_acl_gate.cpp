@@ -17,7 +17,7 @@ using Kind = Stay::Kind;
 // Never destroyed: the delivery thread may be at work while the process ends.
 constinit std::mutex gate_mutex;
 constinit Stay* stays = nullptr;
-pthread_cond_t use_ended = PTHREAD_COND_INITIALIZER;
+pthread_cond_t stay_ended = PTHREAD_COND_INITIALIZER;
 constinit uint32_t waiting = 0;
 
 void link_locked(Stay* stay) {
@@ -34,36 +34,46 @@ void unlink_locked(Stay* stay) {
   stay->linked = false;
 }
 
+void end_locked(Stay* stay) {
+  unlink_locked(stay);
+  if (waiting != 0) pthread_cond_broadcast(&stay_ended);
+}
+
+// The condition is one about the stays.
+template <typename Condition>
+void wait_locked(Condition met) {
+  ++waiting;
+  while (!met()) pthread_cond_wait(&stay_ended, gate_mutex.native_handle());
+  --waiting;
+}
+
 bool on_this_thread(const Stay& stay) { return pthread_equal(stay.thread, pthread_self()) != 0; }
 bool at_acl(const Stay& stay, Kind kind, const char* name) {
   return stay.kind == kind && std::strcmp(stay.name, name) == 0;
 }
 
-// The first stay from `from` on that fits, or null.
+// The newest stay that fits, or null.
 template <typename Fits>
-Stay* find_locked(Fits fits, Stay* from) {
-  while (from != nullptr && !fits(*from)) from = from->next;
-  return from;
+Stay* find_locked(Fits fits) {
+  Stay* stay = stays;
+  while (stay != nullptr && !fits(*stay)) stay = stay->next;
+  return stay;
 }
 
-Stay* use_locked(const char* name) {
-  return find_locked([&](const Stay& stay) { return at_acl(stay, Kind::use, name); }, stays);
+Stay* own_locked(Kind kind, const char* name) {
+  return find_locked([&](const Stay& stay) { return at_acl(stay, kind, name) && on_this_thread(stay); });
+}
+Stay* others_locked(Kind kind, const char* name) {
+  return find_locked([&](const Stay& stay) { return at_acl(stay, kind, name) && !on_this_thread(stay); });
 }
 bool in_a_use_locked() {
-  return find_locked([](const Stay& stay) { return stay.kind == Kind::use && on_this_thread(stay); },
-                     stays) != nullptr;
+  return find_locked([](const Stay& stay) { return stay.kind == Kind::use && on_this_thread(stay); }) !=
+         nullptr;
 }
-
-// Calls `visit` for what other threads do at the ACL.
-template <typename Visit>
-void for_others_locked(Kind kind, const char* name, Visit visit) {
-  for (Stay* stay = stays; stay != nullptr; stay = stay->next)
-    if (at_acl(*stay, kind, name) && !on_this_thread(*stay)) visit(stay);
-}
-bool nested_locked(const Stay& stay) {
-  return find_locked(
-             [&](const Stay& other) { return at_acl(other, stay.kind, stay.name) && on_this_thread(other); },
-             stays) != nullptr;
+// A use that a teardown has to respect.
+bool is_in_use(const Stay& stay, const char* name) { return at_acl(stay, Kind::use, name) && !stay.late; }
+Stay* use_locked(const char* name) {
+  return find_locked([&](const Stay& stay) { return is_in_use(stay, name); });
 }
 
 }  // namespace
@@ -81,25 +91,35 @@ AclUse::AclUse(const char* its_name) : Stay(Kind::use, its_name) {
 
 AclUse::AclUse(const char* its_name, const void* message, uint32_t length) : Stay(Kind::use, its_name) {
   const std::lock_guard lock(gate_mutex);
-  for_others_locked(Kind::fill, name, [&](Stay* stay) {
-    static_cast<AclFill*>(stay)->keep_locked(message, length);
+  if (Stay* fill = others_locked(Kind::fill, name)) {
+    static_cast<AclFill*>(fill)->keep_locked(message, length);
     kept_ = true;
-  });
-  if (!kept_) enter_locked();
+    return;
+  }
+  enter_locked();
 }
 
-// A use that comes too late is not waited for: it does not touch the head.
+AclUse::AclUse(const char* its_name, WhenGone) : Stay(Kind::use, its_name) {
+  const std::lock_guard lock(gate_mutex);
+  if (!in_a_use_locked()) wait_locked([this] { return others_locked(Kind::teardown, name) == nullptr; });
+  enter_locked();
+}
+
+// What is inside a use that leaves the head alone does so too, unless the ACL has been got again in there.
 void AclUse::enter_locked() {
-  for_others_locked(Kind::teardown, name, [&](Stay*) { leaving_.store(true, std::memory_order_relaxed); });
-  if (!leaving()) link_locked(this);
+  const Stay* const around = own_locked(Kind::use, name);
+  const bool outdated = around != nullptr && around->leaving.load(std::memory_order_relaxed) &&
+                        own_locked(Kind::fill, name) == nullptr;
+  late = others_locked(Kind::teardown, name) != nullptr;
+  Stay::leaving.store(late || outdated, std::memory_order_relaxed);
+  link_locked(this);
 }
 
 AclUse::~AclUse() {
   Stay teardown(Kind::teardown, name);
   {
     const std::lock_guard lock(gate_mutex);
-    unlink_locked(this);
-    if (waiting != 0) pthread_cond_broadcast(&use_ended);
+    end_locked(this);
     if (left_head_ == nullptr) return;
     if (auto* other = static_cast<AclUse*>(use_locked(name))) {
       other->left_head_ = left_head_;
@@ -110,7 +130,13 @@ AclUse::~AclUse() {
   }
   left_work_(left_head_);
   const std::lock_guard lock(gate_mutex);
-  unlink_locked(&teardown);
+  end_locked(&teardown);
+}
+
+void AclArrival::keep() {
+  const std::lock_guard lock(gate_mutex);
+  for (Stay* stay = stays; stay != nullptr; stay = stay->next)
+    if (at_acl(*stay, Kind::use, name)) static_cast<AclUse*>(stay)->left_head_ = nullptr;
 }
 
 // --- Fills ---
@@ -124,10 +150,10 @@ struct AclFill::Message {
 // What an earlier copy of this ACL was still to be told is older than what will be read.
 AclFill::AclFill(const char* its_name) : Stay(Kind::fill, its_name) {
   const std::lock_guard lock(gate_mutex);
-  if (nested_locked(*this)) return;
-  for_others_locked(Kind::use, name, [](Stay* stay) {
-    static_cast<AclUse*>(stay)->leaving_.store(true, std::memory_order_relaxed);
-  });
+  if (own_locked(kind, name) != nullptr) return;
+  for (Stay* stay = stays; stay != nullptr; stay = stay->next)
+    if (at_acl(*stay, Kind::use, name) && !on_this_thread(*stay))
+      stay->leaving.store(true, std::memory_order_relaxed);
   link_locked(this);
 }
 
@@ -180,26 +206,27 @@ uint32_t AclFill::finish(void (*apply)(void* message, uint32_t length)) {
 
 // --- Teardowns ---
 
+// The list of a fill that has failed is nothing that anybody may get again: that teardown is never left to others.
 AclTeardown::AclTeardown(es_acl_head* head, TeardownWork work) : Stay(Kind::teardown, head->name) {
-  std::unique_lock lock(gate_mutex);
-  if (nested_locked(*this)) return;
-  if (in_a_use_locked()) {
-    if (auto* use = static_cast<AclUse*>(use_locked(name))) {
-      use->left_head_ = head;
-      use->left_work_ = work;
-      granted_ = false;
-      return;
-    }
+  const std::lock_guard lock(gate_mutex);
+  if (own_locked(kind, name) != nullptr) return;
+  auto* const use = static_cast<AclUse*>(use_locked(name));
+  if (use != nullptr && in_a_use_locked() && own_locked(Kind::fill, name) == nullptr) {
+    use->left_head_ = head;
+    use->left_work_ = work;
+    granted_ = false;
+    return;
   }
   link_locked(this);
-  ++waiting;
-  while (use_locked(name) != nullptr) pthread_cond_wait(&use_ended, gate_mutex.native_handle());
-  --waiting;
+  wait_locked([this] {
+    return find_locked([this](const Stay& stay) { return is_in_use(stay, name) && !on_this_thread(stay); }) ==
+           nullptr;
+  });
 }
 
 AclTeardown::~AclTeardown() {
   const std::lock_guard lock(gate_mutex);
-  unlink_locked(this);
+  end_locked(this);
 }
 
 }  // namespace es_acl

@@ -12,7 +12,8 @@
 //   - a use that meets a teardown finds the ACL not held any more;
 //   - a teardown that meets a use waits for it, with no lock held. On a thread that is in a use itself (a
 //     callback releases an ACL) it does not wait but is left to the end of the use that it meets: no two
-//     callbacks can wait for each other.
+//     callbacks can wait for each other. Who gets the ACL again before that end takes it over, alive;
+//   - a get that meets a teardown waits until the ACL is gone; in a callback it fails, for the same reason.
 // A use inside a use of the same thread, a fill inside a fill, a teardown inside a teardown change nothing.
 #ifndef ES_ACL_SRC_GATE_H_
 #define ES_ACL_SRC_GATE_H_
@@ -39,6 +40,8 @@ struct Stay {
   char name[ES_ACL_NAME_FIELD_SIZE];  // a copy: the head, and its name, may go first
   Stay* next = nullptr;
   bool linked = false;
+  bool late = false;                  // of a use: it met a teardown, and nobody waits for it
+  std::atomic<bool> leaving = false;  // of a use: it leaves the head alone
 };
 
 // The teardown of a head, for when it cannot be done at once.
@@ -46,6 +49,7 @@ using TeardownWork = void (*)(es_acl_head* head);
 
 class AclUse : private Stay {
  public:
+  // Null: of no ACL, for callbacks that are not about one.
   explicit AclUse(const char* name);
   // For a pushed change: when another thread fills the ACL, the message is kept aside for it.
   AclUse(const char* name, const void* message, uint32_t length);
@@ -55,17 +59,28 @@ class AclUse : private Stay {
   // The message has been kept for the filling thread: nothing is to be done with it here.
   bool kept() const { return kept_; }
   // Whatever a lookup finds, the ACL is on its way out, or is another one already that a fill just begins.
-  bool leaving() const { return leaving_.load(std::memory_order_relaxed); }
+  bool leaving() const { return Stay::leaving.load(std::memory_order_relaxed); }
 
  private:
-  friend class AclFill;
+  friend class AclArrival;
   friend class AclTeardown;
+  struct WhenGone {};
+  AclUse(const char* name, WhenGone);  // waits for the end of a teardown, where it may
   void enter_locked();
 
   bool kept_ = false;
-  std::atomic<bool> leaving_ = false;
   es_acl_head* left_head_ = nullptr;
   TeardownWork left_work_ = nullptr;
+};
+
+// A get that looks whether the ACL is held: while there is one, nobody takes the ACL down.
+class AclArrival : private AclUse {
+ public:
+  explicit AclArrival(const char* its_name) : AclUse(its_name, WhenGone()) {}
+  // Another thread is taking the ACL down, and this one is in a callback, where it does not wait.
+  using AclUse::leaving;
+  // The ACL has a holder again: it is not taken down at the end of a callback that has released it.
+  void keep();
 };
 
 class AclFill : private Stay {

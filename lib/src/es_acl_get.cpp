@@ -40,7 +40,6 @@ uint32_t register_name(const char* name, es_acl_head* head) {
 // A push or a question may just be looking at the head.
 void discard_new_head(es_acl_head* head) {
   const AclTeardown teardown(head, discard_new_head);
-  if (!teardown.granted()) return;
   if (head->reg_handle != nullptr) pcx_unregister(head->reg_handle);
   es_acl_freelist(head, nullptr);
 }
@@ -76,10 +75,22 @@ uint32_t attach(const char* name, es_acl_head* head, AclFill& fill) {
   return rc;
 }
 
-Outcome share(es_acl_head* head) {
+// One more holder of an ACL that is there. False when it is not.
+bool share(const char* name, Outcome* outcome) {
+  AclArrival arrival(name);
+  es_acl_head* const head = es_acl_lookup_internal(name);
+  if (head == nullptr) return false;
+  if (arrival.leaving()) {
+    DBG_ERR("%s: acl %s is just being released on another thread", kGet, name);
+    trace_name(kGet, "being released", name, EAGAIN);
+    *outcome = failed(EAGAIN);
+    return true;
+  }
+  arrival.keep();
   const int32_t holders = add_reference(head);
-  trace_name(kGet, "shared", head->name, static_cast<uint32_t>(holders));
-  return {head, 0, true};
+  trace_name(kGet, "shared", name, static_cast<uint32_t>(holders));
+  *outcome = {head, 0, true};
+  return true;
 }
 
 Outcome create(const char* name) {
@@ -123,8 +134,7 @@ Outcome get_one(const char* name, uint32_t check_count) {
   }
   Outcome outcome;
   if (check_count != 0 && rejected_by_count(name, &outcome)) return outcome;
-  if (es_acl_head* held = es_acl_lookup_internal(name)) return share(held);
-  return create(name);
+  return share(name, &outcome) ? outcome : create(name);
 }
 
 }  // namespace

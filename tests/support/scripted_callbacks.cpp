@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <list>
+#include <mutex>
 #include <vector>
 
 #include "scripted_platform.h"
@@ -33,6 +34,8 @@ struct list_registry_cursor {
 namespace es_test {
 namespace {
 
+std::mutex mutex;  // of all leaves and lists
+
 // The process has one tree.
 mtimer_tree& the_tree() {
   static auto* const tree = new mtimer_tree;
@@ -59,6 +62,7 @@ mtimer_tree* make_tree(const evm_sigevent*, uint32_t) {
 }
 
 mtimer_leaf* make_leaf(mtimer_tree* tree, uint16_t type, uint32_t, void* context) {
+  const std::lock_guard guard(mutex);
   tree->leaves.push_back({type, context, 0, false});
   name_pointer(&tree->leaves.back(), "leaf");
   return &tree->leaves.back();
@@ -66,10 +70,12 @@ mtimer_leaf* make_leaf(mtimer_tree* tree, uint16_t type, uint32_t, void* context
 
 // A test may stand any token in for a leaf.
 void free_leaf(mtimer_leaf* leaf) {
+  const std::lock_guard guard(mutex);
   the_tree().leaves.remove_if([&](const mtimer_leaf& one) { return &one == leaf; });
 }
 
 void start_leaf(mtimer_leaf* leaf, uint64_t delay) {
+  const std::lock_guard guard(mutex);
   leaf->running_for = delay;
   leaf->expired = false;
 }
@@ -78,6 +84,7 @@ uint16_t leaf_type(const mtimer_leaf* leaf) { return leaf->type; }
 void* leaf_context(const mtimer_leaf* leaf) { return leaf->context; }
 
 mtimer_leaf* first_expired(mtimer_tree* tree) {
+  const std::lock_guard guard(mutex);
   for (mtimer_leaf& leaf : tree->leaves)
     if (leaf.expired) return &leaf;
   return nullptr;
@@ -86,11 +93,17 @@ int tree_expired(mtimer_tree* tree) { return first_expired(tree) != nullptr ? 1 
 
 void expire(void* leaf) {
   const Backstage backstage;
+  const std::lock_guard guard(mutex);
   as_leaf(leaf)->expired = true;
 }
-uint64_t running_for(void* leaf) { return as_leaf(leaf)->running_for; }
+uint64_t running_for(void* leaf) {
+  const Backstage backstage;
+  const std::lock_guard guard(mutex);
+  return as_leaf(leaf)->running_for;
+}
 
 list_registry* make_registry(uint32_t, uint32_t) {
+  const std::lock_guard guard(mutex);
   static auto* const kept = new std::list<list_registry>;
   kept->emplace_back();
   name_pointer(&kept->back(), "registry");
@@ -99,11 +112,13 @@ list_registry* make_registry(uint32_t, uint32_t) {
 void destroy_registry(list_registry*) {}
 
 uint32_t add_entry(list_registry* registry, list_registry_function function, void* context) {
+  const std::lock_guard guard(mutex);
   registry->entries.push_back({function, context});
   return 0;
 }
 
 uint32_t delete_entry(list_registry* registry, list_registry_function function, void* context) {
+  const std::lock_guard guard(mutex);
   auto& entries = registry->entries;
   for (auto at = entries.begin(); at != entries.end(); ++at) {
     if (at->function != function || at->context != context) continue;
@@ -114,6 +129,7 @@ uint32_t delete_entry(list_registry* registry, list_registry_function function, 
 }
 
 list_registry_cursor* first_entry(list_registry* registry, list_registry_function* function, void** context) {
+  const std::lock_guard guard(mutex);
   return shown(new list_registry_cursor{registry->entries, 0}, function, context);
 }
 list_registry_cursor* next_entry(list_registry_cursor* cursor, list_registry_function* function,
