@@ -11,6 +11,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace es_acl::e2e {
 
@@ -20,12 +21,31 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr unsigned kAlarmSeconds = 60;  // sanitizers on a busy machine take their time
+constexpr std::chrono::seconds kPatience{20};
 
 std::string content(const std::string& file) {
   std::ostringstream text;
   text << std::ifstream(file, std::ios::binary).rdbuf();
   return text.str();
 }
+
+std::string configuration(const std::vector<nlohmann::json>& acls) {
+  return nlohmann::json{{"es-acl:acls", {{"acl", acls}}}}.dump();
+}
+
+// Waits until the text is in the file behind `from`. Where it is there.
+size_t await(const std::string& file, const std::string& text, size_t from) {
+  const auto end = steady_clock::now() + kPatience;
+  for (;;) {
+    const std::string all = content(file);
+    const size_t place = all.find(text, from);
+    if (place != std::string::npos && all.find('\n', place) != std::string::npos) return place;
+    if (steady_clock::now() > end) throw std::runtime_error("no '" + text + "' but: " + all.substr(from));
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+}
+
+int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
 }  // namespace
 
@@ -83,9 +103,19 @@ void World::start_producer(const std::string& command) {
   }
 }
 
-void World::produce(const std::vector<nlohmann::json>& acls) {
-  const nlohmann::json tree = {{"es-acl:acls", {{"acl", acls}}}};
-  start_producer("es-acl-producer --config " + write("configuration.json", tree.dump()));
+void World::produce(const std::vector<nlohmann::json>& acls, const std::string& options) {
+  start_producer("es-acl-producer --config " + write("configuration.json", configuration(acls)) + " " +
+                 options);
+}
+
+void World::reconfigure(const std::vector<nlohmann::json>& acls) const {
+  std::filesystem::rename(write("next.json", configuration(acls)), path("configuration.json"));
+}
+
+std::string World::producer_says(const std::string& text) const {
+  const size_t place = await(path("producer.err"), text, 0);
+  const std::string log = content(path("producer.err"));
+  return log.substr(place + text.size(), log.find('\n', place) - place - text.size());
 }
 
 void World::signal_producer(int number) const {
@@ -98,8 +128,41 @@ Ended World::shell(const std::string& command) const {
   int status = 0;
   waitpid(start(command, "command"), &status, 0);
   const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
-  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return {code, content(path("command.out")), content(path("command.err")), took};
+  return {exit_code(status), content(path("command.out")), content(path("command.err")), took};
 }
+
+Running::Running(const World& world, const std::string& command) {
+  static int number;
+  const std::string name = "running" + std::to_string(++number);
+  output_ = world.path(name);
+  pid_ = world.start("exec " + command, name);
+}
+
+Running::~Running() {
+  if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
+}
+
+std::string Running::until(const std::string& text) {
+  const size_t from = seen_;
+  const size_t place = await(output_ + ".out", text, from);
+  const std::string all = content(output_ + ".out");
+  seen_ = all.find('\n', place) + 1;
+  return all.substr(from, seen_ - from);
+}
+
+Ended Running::end() {
+  const auto begin = steady_clock::now();
+  int status = 0;
+  waitpid(std::exchange(pid_, 0), &status, 0);  // its alarm sees to it that it ends
+  const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+  return {exit_code(status), content(output_ + ".out").substr(seen_), content(output_ + ".err"), took};
+}
+
+Ended Running::end_by(int signal_number) {
+  signal(signal_number);
+  return end();
+}
+
+void Running::signal(int number) const { kill(pid_, number); }
 
 }  // namespace es_acl::e2e

@@ -43,7 +43,11 @@ class World {
   std::string write(const std::string& leaf, const std::string& content) const;
 
   // Starts a producer of these ACLs and waits until it serves. It is killed at the end.
-  void produce(const std::vector<nlohmann::json>& acls);
+  void produce(const std::vector<nlohmann::json>& acls, const std::string& options = "");
+  // Replaces its configuration. It notices by itself.
+  void reconfigure(const std::vector<nlohmann::json>& acls) const;
+  // Waits until its log has the text, and returns what the log has behind it in the same line.
+  std::string producer_says(const std::string& text) const;
   // The same with any other program that takes --ready-file.
   void start_producer(const std::string& command);
   // Stops the producer or lets it go on, and returns when it has.
@@ -54,10 +58,32 @@ class World {
   Ended client(const std::string& arguments) const { return shell("exec es-acl " + arguments); }
 
  private:
+  friend class Running;
   pid_t start(const std::string& command, const std::string& output) const;
 
   std::string directory_;
   pid_t producer_ = 0;
+};
+
+// A process beside the test, one of several. It is killed at the end.
+class Running {
+ public:
+  Running(const World& world, const std::string& command);
+  ~Running();
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+  // Waits for a line with the text, and returns what was written since the last call up to that line's end.
+  std::string until(const std::string& text);
+  // Waits until it has ended. What was written since the last call of until() is `out`.
+  Ended end();
+  Ended end_by(int signal_number);
+  void signal(int number) const;
+
+ private:
+  std::string output_;  // path of its output files, without the suffix
+  pid_t pid_;
+  size_t seen_ = 0;
 };
 
 }  // namespace es_acl::e2e

@@ -1,0 +1,208 @@
+// `es-acl watch` beside a producer whose configuration is changed: what arrives, in which order, and what an
+// answer does to a change.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <list>
+#include <regex>
+
+#include "world.h"
+
+namespace es_acl::e2e {
+namespace {
+
+using nlohmann::json;
+
+json rule(uint32_t sequence, const char* action) {
+  return {{"sequence", sequence}, {"actions", {{"forwarding", action}}}};
+}
+json remark(uint32_t sequence) { return {{"sequence", sequence}, {"remark", "what follows"}}; }
+json acl(const std::string& name, const std::vector<json>& aces) {
+  return {{"name", name}, {"aces", {{"ace", aces}}}};
+}
+
+// The lines without their times.
+std::string untimed(const std::string& text) {
+  static const std::regex time("(^|\n)[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} ");
+  return std::regex_replace(text, time, "$1");
+}
+
+std::string without_name(const std::string& text, const std::string& name) {
+  return std::regex_replace(text, std::regex("(^|\n)" + name + ": "), "$1");
+}
+
+const std::vector<json> kBefore = {rule(10, "accept"), remark(20), rule(30, "drop"), rule(40, "accept")};
+
+TEST(Watch, ShowsWhatAChangeDoesAndTellsWhenItIsDone) {
+  const struct {
+    const char* name;
+    const char* mode;
+    std::vector<json> after;
+    const char* told;
+  } cases[] = {
+      {"replaced.two",
+       "delete-and-add",
+       {rule(10, "drop"), remark(20), rule(30, "drop"), rule(40, "accept"), rule(50, "drop"), remark(60)},
+       "removing 1 entry\n  - 10 permit\n"
+       "adding 3 entries\n  + 10 deny\n  + 50 deny\n  + 60 remark\n"
+       "has changed, 6 entries, 2 of them remarks\n"},
+      {"replaced.one",
+       "add-only",
+       {rule(10, "drop"), remark(20), rule(30, "drop"), rule(40, "accept"), rule(50, "drop"), remark(60)},
+       "adding 3 entries\n  - 10 permit\n  + 10 deny\n  + 50 deny\n  + 60 remark\n"
+       "has changed, 6 entries, 2 of them remarks\n"},
+      {"removed",
+       "delete-and-add",
+       {rule(10, "accept"), rule(40, "accept")},
+       "removing 1 entry\n  - 30 deny\n"
+       "has changed, 2 entries\n"},
+      {"remark-removed-is-not-shown",
+       "add-only",
+       {rule(10, "accept"), rule(30, "drop"), rule(40, "accept")},
+       "has changed, 3 entries\n"},
+      {"removed-before-added",
+       "add-only",
+       {remark(20), rule(25, "drop"), rule(40, "accept")},
+       "removing 2 entries\n  - 10 permit\n  - 30 deny\n"
+       "adding 1 entry\n  + 25 deny\n"
+       "has changed, 3 entries, 1 of them a remark\n"},
+      {"renumbered",
+       "delete-and-add",
+       {rule(100, "accept"), remark(105), rule(110, "drop"), rule(115, "accept")},
+       "renumbered from 100 in steps of 5\n"
+       "has changed, 4 entries, 1 of them a remark\n"},
+      {"renumbered-around-a-gap",
+       "add-only",
+       {rule(10, "accept"), remark(11), rule(13, "drop"), rule(14, "accept")},
+       "renumbered from 10 in steps of 1, passing over 12\n"
+       "has changed, 4 entries, 1 of them a remark\n"},
+  };
+  World world;
+  std::vector<json> before, after;
+  for (const auto& row : cases) {
+    before.push_back(acl(row.name, kBefore));
+    after.push_back(acl(row.name, row.after));
+  }
+  world.produce(before);
+  std::list<Running> watches;  // each its own ACL; they all wait for their notices at once
+  for (const auto& row : cases) {
+    Running& watch =
+        watches.emplace_back(world, std::string("es-acl watch --modify-mode ") + row.mode + " " + row.name);
+    EXPECT_EQ(untimed(watch.until("held")),
+              row.name + std::string(": held, 4 entries, 1 of them a remark\n"));
+  }
+  world.reconfigure(after);
+  for (const auto& row : cases) {
+    Running& watch = watches.front();
+    EXPECT_EQ(without_name(untimed(watch.until("has changed")), row.name), row.told);
+    const Ended ended = watch.end_by(SIGTERM);
+    EXPECT_EQ(ended.code, 0) << row.name;
+    EXPECT_EQ(ended.out + ended.err, "");
+    watches.pop_front();
+  }
+}
+
+// Each of two clients watches with room of its own. What one of them refuses is made nowhere.
+TEST(Watch, RefusesForWantOfResourcesForEverybody) {
+  World world;
+  world.produce({acl("a", kBefore)}, "--check-resources");
+  Running roomy(world, "es-acl watch a"), tight(world, "es-acl watch --refuse-above 5 a");
+  roomy.until("held");
+  tight.until("held");
+  std::vector<json> aces = kBefore;
+  aces.push_back(rule(50, "drop"));
+  aces.push_back(rule(60, "drop"));
+  world.reconfigure({acl("a", aces)});
+  const std::string candidates = "  + 50 deny\n  + 60 deny\n";
+  EXPECT_EQ(untimed(tight.until("+ 60")),
+            "a: resources for 2 entries, 6 in all? no, status 28, No space left on device\n" + candidates);
+  EXPECT_EQ(untimed(roomy.until("+ 60")), "a: resources for 2 entries, 6 in all? yes\n" + candidates);
+  EXPECT_EQ(untimed(roomy.until("+ 60")),
+            "a: resources for 2 entries are no longer asked for\n" + candidates);
+  EXPECT_PRED2(contains, world.producer_says("change refused"), "by es-acl (process ");
+  EXPECT_EQ(world.client("--json count a").acls()[0]["entries"], 4);
+
+  aces.pop_back();  // nothing of the refused change comes behind the one that has room
+  world.reconfigure({acl("a", aces)});
+  for (Running* watch : {&tight, &roomy})
+    EXPECT_EQ(untimed(watch->until("has changed")),
+              "a: resources for 1 entry, 5 in all? yes\n  + 50 deny\n"
+              "a: adding 1 entry\n  + 50 deny\n"
+              "a: has changed, 5 entries, 1 of them a remark\n");
+}
+
+TEST(Watch, KeepsAnAclThatIsUsedFromBeingDropped) {
+  World world;
+  world.produce({acl("a", kBefore), acl("b", kBefore)});
+  Running watch(world, "es-acl --json watch a b");
+  watch.until("\"acl\":\"b\"");
+  world.reconfigure({acl("b", {})});
+  EXPECT_EQ(json::parse(watch.until("usage"))["answer"], 1);
+  EXPECT_PRED2(contains, world.producer_says("acl 'a' cannot be dropped: it is in use by "),
+               "es-acl (process ");
+  const json acls = world.client("--json count a b").acls();
+  EXPECT_EQ(acls[0]["entries"], 4);
+  EXPECT_EQ(acls[1]["entries"], 4) << "a change is made as a whole or not at all";
+  const Ended ended = watch.end_by(SIGINT);
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(ended.out, "");
+}
+
+TEST(Watch, SeesAnAclGoThatItDoesNotUse) {
+  World world;
+  world.produce({acl("a", kBefore)});
+  Running watch(world, "es-acl watch --not-in-use a");
+  watch.until("held");
+  world.reconfigure({});
+  EXPECT_EQ(untimed(watch.until("has changed")),
+            "in use? no\na: removing 3 entries\n  - 10 permit\n  - 30 deny\n  - 40 permit\n"
+            "a: has changed, 0 entries\n");
+  EXPECT_EQ(world.client("--json show a").acls()[0]["state"], "not-configured");
+  world.reconfigure({acl("a", {rule(7, "drop")})});
+  EXPECT_EQ(untimed(watch.until("has changed")), "a: adding 1 entry\n  + 7 deny\na: has changed, 1 entry\n");
+}
+
+TEST(Watch, EndsByItselfWhenThatIsAskedFor) {
+  const struct {
+    const char* arguments;
+    int code;
+    int lines;
+  } cases[] = {
+      {"a --timeout 0.01", 0, 1},
+      {"a --timeout 0.01 --count 1", 6, 1},
+      {"a missing --timeout 0.01", 1, 1},
+      {"missing usage", 1, 0},
+      {"a a --timeout 0.01 > /dev/full", 5, 0},
+  };
+  World world;
+  world.produce({acl("a", kBefore)});
+  for (const auto& [arguments, code, lines] : cases) {
+    const Ended ended = world.client(std::string("watch ") + arguments);
+    EXPECT_EQ(ended.code, code) << arguments << ended.err;
+    EXPECT_EQ(std::count(ended.out.begin(), ended.out.end(), '\n'), lines) << ended.out;
+  }
+  const Ended left = world.shell("{ es-acl watch a; echo code $? >&2; } | head -n 1");
+  EXPECT_EQ(left.err, "code 0\n") << "nothing happens, and yet it is seen that the reader has gone";
+
+  Running watch(world, "es-acl watch --count 1 a");
+  watch.until("held");
+  world.reconfigure({acl("a", {rule(5, "drop")})});
+  const Ended counted = watch.end();
+  EXPECT_EQ(counted.code, 0) << counted.err;
+  EXPECT_EQ(untimed(counted.out), "a: removing 3 entries\n  - 10 permit\n  - 30 deny\n  - 40 permit\n");
+  EXPECT_EQ(world.client("watch --json a --count 1 --timeout 9 --store /missing").code, 3);
+}
+
+TEST(Watch, WithoutAProducerSaysSoAsTheOthersDo) {
+  World world;
+  const Ended ended = world.client("--json watch a");
+  EXPECT_EQ(ended.code, 4);
+  const json told = json::parse(ended.out);
+  EXPECT_EQ(told["event"], "unavailable");
+  EXPECT_EQ(told["state"], "no-producer");
+  EXPECT_EQ(ended.err, "es-acl: a: no producer serves " + world.path("bus") + " (from ES_PCX_DIR)\n");
+}
+
+}  // namespace
+}  // namespace es_acl::e2e
