@@ -169,7 +169,9 @@ class PushTest : public LibraryTest {
   void SetUp() override {
     initialise();
     // Records show as "copy1", "copy2" in the order of their taking.
-    platform().pool_take.always([this](pool*) {
+    platform().pool_take.always([this](pool*) -> void* {
+      if (pool_left_ == 0) return nullptr;
+      --pool_left_;
       void* const record = memset(malloc(80), 0xa5, 80);
       name_pointer(record, "copy" + std::to_string(++taken_));
       return record;
@@ -204,10 +206,12 @@ class PushTest : public LibraryTest {
       aces.push_back({ace->seq, ace->log_option, ace->kind});
     return aces;
   }
+  void leave_in_pool(int records) { pool_left_ = records; }
   static bool armed(es_acl_head* head) { return running_for(head->cb_timer_leaf) != 0; }
 
  private:
   int taken_ = 0;
+  int pool_left_ = -1;  // no end to them
 };
 
 }  // namespace es_test

@@ -1,0 +1,321 @@
+// Applying pushed batches in both modes: what the callbacks are shown, what the store is then told, and what goes back
+// to the pool on each failure.
+#include "push_fixture.h"
+
+using namespace es_test;
+
+namespace {
+
+constexpr Ace kRemark = {30, 3, 1};
+const Aces kStored = {{10, 1}, {20, 2}, kRemark, {40, 4}};
+
+Lines searched(const std::string& direction, const Numbers& sequence) {
+  Lines all;
+  for (const uint32_t seq : sequence)
+    all.push_back("store.search_entry_iter(head:edge, " + std::to_string(seq) + ", " + direction + ", ptr)");
+  return all;
+}
+std::string deleted(uint32_t seq) {
+  return "store.delete_entry_iter(head:edge, " + std::to_string(seq) + ", 1, ptr)";
+}
+std::string added(uint32_t seq, int copy, const std::string& flag) {
+  return "store.add_acl_item_iter(head:edge, copy" + std::to_string(copy) + ", " + std::to_string(seq) +
+         ", " + flag + ", ptr)";
+}
+std::string given(const std::string& record) { return "pool_give(pool, " + record + ")"; }
+const std::string kTake = "pool_take(pool)";
+
+// One batch, and what the store, the pool and the callback then see.
+struct Row {
+  const char* name;
+  uint32_t mode;
+  uint32_t command;
+  Aces pushed;
+  int refused_call;  // which call of the update callback refuses, 0 for none
+  uint32_t status;
+  uint32_t changed;
+  Lines expected;
+  Aces left;
+};
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+
+const Aces kMixed = {{10, 1}, {20, 9}, kRemark, {50, 5}};  // equal, changed, remark, new
+const Row kRows[] = {
+    {"mixed_delete_and_add",
+     0,
+     kAdd,
+     kMixed,
+     0,
+     0,
+     1,
+     lines(searched("0", {50, 30, 20, 10}), "remove(head:edge, 20=2 stored20)", kTake, kTake, kTake,
+           "add(head:edge, 20=9 copy1 new, 30=3 copy2 new, 50=5 copy3 new)", added(20, 1, "1"),
+           given("stored20"), added(30, 2, "1"), given("stored30"), added(50, 3, "1")),
+     {{10, 1}, {20, 9}, kRemark, {40, 4}, {50, 5}}},
+    {"mixed_add_only",
+     1,
+     kAdd,
+     kMixed,
+     0,
+     0,
+     1,
+     lines(searched("1", {10, 20}), kTake, searched("1", {30, 50}), kTake,
+           "add(head:edge, 20=9 copy1 old stored20, 50=5 copy2 new)", added(20, 1, "1"), given("stored20"),
+           added(50, 2, "0")),
+     {{10, 1}, {20, 9}, kRemark, {40, 4}, {50, 5}}},
+    {"only_1_is_add_only",
+     7,
+     kAdd,
+     {{20, 9}},
+     0,
+     0,
+     1,
+     lines(searched("0", {20}), "remove(head:edge, 20=2 stored20)", kTake, "add(head:edge, 20=9 copy1 new)",
+           added(20, 1, "1"), given("stored20")),
+     {{10, 1}, {20, 9}, kRemark, {40, 4}}},
+    {"removal",
+     1,
+     kRemove,
+     {{20, 77}, {60}, kRemark, {10, 1}},
+     0,
+     0,
+     0,
+     lines(searched("0", {20, 60, 30, 10}), "remove(head:edge, 20=2 stored20, 10=1 stored10)", deleted(20),
+           given("stored20"), deleted(60), deleted(30), given("stored30"), deleted(10), given("stored10")),
+     {{40, 4}}},
+    {"equal_delete_and_add",
+     0,
+     kAdd,
+     {{10, 1}, {20, 2}, {40, 4}},
+     0,
+     0,
+     0,
+     searched("0", {40, 20, 10}),
+     kStored},
+    {"equal_add_only", 1, kAdd, {{10, 1}, {20, 2}, {40, 4}}, 0, 0, 0, searched("1", {10, 20, 40}), kStored},
+    {"number_0_add_only", 1, kAdd, {{0, 1}}, 0, 0, 0, {}, kStored},
+    {"one_number_thrice_delete_and_add",
+     0,
+     kAdd,
+     {{20, 8}, {20, 2}, {20, 9}},
+     0,
+     0,
+     1,
+     lines(searched("0", {20, 20, 20}), "remove(head:edge, 20=2 stored20, 20=2 stored20)", kTake, kTake,
+           "add(head:edge, 20=8 copy1 new, 20=9 copy2 new)", added(20, 1, "1"), given("stored20"),
+           added(20, 2, "1"), given("copy1")),
+     {{10, 1}, {20, 9}, kRemark, {40, 4}}},
+    {"one_number_twice_add_only",
+     1,
+     kAdd,
+     {{50, 1}, {50, 2}, {20, 8}, {20, 9}},
+     0,
+     0,
+     1,
+     lines(searched("1", {50}), kTake, searched("1", {50}), kTake, searched("1", {20}), kTake,
+           searched("1", {20}), kTake,
+           "add(head:edge, 50=1 copy1 new, 50=2 copy2 new, 20=8 copy3 old stored20, 20=9 copy4 old stored20)",
+           added(50, 1, "0"), added(50, 2, "0"), given("copy2"), added(20, 3, "1"), given("stored20"),
+           added(20, 4, "1"), given("copy3")),
+     {{10, 1}, {20, 9}, kRemark, {40, 4}, {50, 1}}},
+    {"removal_refused",
+     0,
+     kRemove,
+     {{20}, {60}},
+     1,
+     5,
+     0,
+     lines(searched("0", {20, 60}), "remove(head:edge, 20=2 stored20)"),
+     kStored},
+    {"removal_before_addition_refused",
+     0,
+     kAdd,
+     {{20, 9}, {60}},
+     1,
+     5,
+     0,
+     lines(searched("0", {60, 20}), "remove(head:edge, 20=2 stored20)"),
+     kStored},
+    {"addition_refused_delete_and_add",
+     0,
+     kAdd,
+     {{20, 9}, {60}},
+     2,
+     5,
+     0,
+     lines(searched("0", {60, 20}), "remove(head:edge, 20=2 stored20)", kTake, kTake,
+           "add(head:edge, 20=9 copy1 new, 60=0 copy2 new)", given("copy1"), given("copy2")),
+     kStored},
+    {"addition_refused_add_only",
+     1,
+     kAdd,
+     {{20, 9}},
+     1,
+     5,
+     0,
+     lines(searched("1", {20}), kTake, "add(head:edge, 20=9 copy1 old stored20)", given("copy1")),
+     kStored},
+};
+
+class Update : public PushTest {
+ protected:
+  void SetUp() override {
+    PushTest::SetUp();
+    ASSERT_EQ(es_acl_register_update_callback(on_update, &client_), 0U);
+    head_ = hold(kStored);
+  }
+
+  // Applies the batch in host byte order; what was marked in it stays to be seen in records_.
+  uint32_t apply(uint32_t command, const Aces& aces, const std::string& name = "edge") {
+    records_.assign(aces.size(), {});
+    for (size_t i = 0; i < aces.size(); ++i) {
+      es_acl_wire_set_name(records_[i].acl_name, name.c_str());
+      records_[i].ace.kind = aces[i].kind;
+      records_[i].ace.seq = aces[i].seq;
+      records_[i].ace.log_option = aces[i].content;
+    }
+    found_ = nullptr;
+    changed_ = 0;
+    return es_acl_cpcx_handle_pcx_update_ace(command, records_.data(), static_cast<uint32_t>(aces.size()),
+                                             &found_, &changed_);
+  }
+  static Lines steps() {
+    Lines all = log(kStore | kCall);
+    std::erase_if(all, [](const std::string& line) {
+      return line.starts_with("store.acl_lookup") || line.starts_with("list_registry");
+    });
+    return all;
+  }
+
+  es_acl_head* head_ = nullptr;
+  Client client_;
+  std::vector<es_acl_pcx_acl_ace> records_;
+  es_acl_head* found_ = nullptr;
+  uint32_t changed_ = 0;
+};
+
+class Batch : public Update, public ::testing::WithParamInterface<Row> {};
+
+TEST_P(Batch, StepsAndResult) {
+  const Row& row = GetParam();
+  es_acl_set_modify_mode(row.mode);
+  client_.action = [&, call = 0]() mutable { client_.answer = ++call == row.refused_call ? 5 : 0; };
+  clear_log();
+  EXPECT_EQ(apply(row.command, row.pushed), row.status);
+  EXPECT_EQ(found_, head_);
+  EXPECT_EQ(changed_, row.changed);
+  EXPECT_EQ(steps(), row.expected);
+  EXPECT_EQ(list(head_), row.left);
+  for (size_t i = 0; i < row.pushed.size(); ++i) {
+    const Ace& ace = row.pushed[i];
+    const bool stored = std::count(kStored.begin(), kStored.end(), ace) != 0;
+    const bool marked = row.command == kAdd && row.mode != 1 && stored && ace.kind != 1;
+    EXPECT_EQ(records_[i].ace.seq, marked ? 0 : ace.seq) << i;
+  }
+}
+INSTANTIATE_CASES(Batch, kRows);
+
+TEST_F(Update, TextsOfFailures) {
+  const std::string failure = "E: es_acl_cpcx_handle_pcx_update_ace: ";
+  const std::string refused = "E: es_acl_invoke_update_callback: callback func failed <0x5>";
+  client_.answer = 5;
+  const auto expect = [&](uint32_t status, uint32_t expected, const Lines& errors) {
+    EXPECT_EQ(status, expected);
+    EXPECT_EQ(log_of("E:"), errors);
+    EXPECT_EQ(changed_, 0U);
+    EXPECT_EQ(list(head_), kStored);
+    EXPECT_EQ(records_out(), 0U);
+    clear_log();
+  };
+  expect(apply(kRemove, {{20}}), 5, {refused, failure + "failed for ACL_REMOVE_ACE: <0x5>"});
+  expect(apply(kAdd, {{50}}), 5, {refused, failure + "failed for ACL_ADD_ACE: <0x5>"});
+  expect(apply(kAdd, {{50}}, "other"), 22, {failure + "acl lookup failed"});
+  EXPECT_EQ(found_, nullptr);
+  expect(es_acl_cpcx_handle_pcx_update_ace(kAdd, nullptr, 1, &found_, &changed_), 22,
+         {failure + "Invalid arguments"});
+  expect(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 0, &found_, &changed_), 22,
+         {failure + "Invalid arguments"});
+  expect(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 1, nullptr, &changed_), 22,
+         {failure + "Invalid arguments"});
+  const Aces two = {{20, 9}, {50}};
+  apply(kAdd, two);
+  clear_log();
+  fail_allocation(1);
+  const uint32_t status = es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 2, &found_, &changed_);
+  EXPECT_TRUE(end_allocation_failure());
+  EXPECT_EQ(found_, head_);
+  expect(status, 12, {failure + "memory alloc for ace_edit_info failed: ACL name:edge"});
+}
+
+TEST_F(Update, ThePoolIsEmptyAtEachRecord) {
+  for (const uint32_t mode : {0U, 1U}) {
+    es_acl_set_modify_mode(mode);
+    for (int room = 0; room < 3; ++room) {
+      leave_in_pool(room);
+      clear_log();
+      EXPECT_EQ(apply(kAdd, {{20, 9}, {50}, {60}}), 12U);
+      EXPECT_EQ(log_of("E:"),
+                Lines{"E: es_acl_cpcx_handle_pcx_update_ace: Memory cannot be allocated for ace"});
+      EXPECT_EQ(log_of("pool_give").size(), static_cast<size_t>(room));
+      EXPECT_EQ(log_of("remove(").size(), mode == 0 ? 1U : 0U);
+      EXPECT_EQ(log_of("add("), Lines{});
+      EXPECT_EQ(list(head_), kStored);
+    }
+  }
+}
+
+TEST_F(Update, WhatTheStoreRefusesGoesBackAndTheRestIsAdded) {
+  store().add_acl_item_iter.next(77);
+  EXPECT_EQ(apply(kAdd, {{50}, {60, 6}}), 0U);
+  EXPECT_EQ(changed_, 1U);
+  Lines shown = log();
+  EXPECT_EQ(
+      Lines(shown.end() - 9, shown.end()),
+      (Lines{"I: Entering : es_acl_add_acl_item_common", "trylock(lock:edge)", added(50, 1, "1"),
+             "unlock(lock:edge)", given("copy1"),
+             "D: es_acl_cpcx_handle_pcx_update_ace: es_acl_add_acl_item_common fail for acl edge sequence 50",
+             "I: Entering : es_acl_add_acl_item_common", "trylock(lock:edge)", added(60, 2, "1"),
+             "unlock(lock:edge)"}));
+  EXPECT_EQ(list(head_).back(), (Ace{60, 6}));
+}
+
+// Nothing of the pointer-sized bytes on the wire reaches the store; who does not ask is not told of the change.
+TEST_F(Update, PointerBytesAreCleared) {
+  apply(kAdd, {{20, 2}});
+  records_[0].ace.private_data = this;
+  records_[0].ace.seq = 20;
+  EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 1, &found_, nullptr), 0U);
+  EXPECT_EQ(es_acl_search_item(head_, 20)->private_data, nullptr);
+}
+
+// Each pass begins without a position and carries it from one store call to the next.
+TEST_F(Update, Positions) {
+  const auto seen = [](es_acl_iter* iter, uint32_t seq) {
+    record(kCall, "at " + std::to_string(reinterpret_cast<uintptr_t>(*iter)));
+    *iter = reinterpret_cast<void*>(uintptr_t{seq});
+  };
+  store().search_entry_iter.always(
+      [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) -> es_acl_ace* {
+        seen(iter, seq);
+        return nullptr;
+      });
+  store().add_acl_item_iter.always([&](es_acl_head*, es_acl_ace*, uint32_t seq, uint32_t, es_acl_iter* iter) {
+    seen(iter, seq);
+    return 1U;
+  });
+  store().delete_entry_iter.always(
+      [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) { seen(iter, seq); });
+  const std::tuple<uint32_t, uint32_t, Lines> rows[] = {
+      {0, kAdd, {"at 0", "at 70", "at 0", "at 60"}},
+      {1, kAdd, {"at 0", "at 60", "at 0", "at 60"}},
+      {0, kRemove, {"at 0", "at 60", "at 0", "at 60"}},
+  };
+  for (const auto& [mode, command, positions] : rows) {
+    es_acl_set_modify_mode(mode);
+    clear_log();
+    EXPECT_EQ(apply(command, {{60}, {70}}), 0U);
+    EXPECT_EQ(log_of("at "), positions);
+  }
+}
+
+}  // namespace
