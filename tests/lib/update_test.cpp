@@ -270,7 +270,7 @@ TEST_F(Update, WhatTheStoreRefusesGoesBackAndTheRestIsAdded) {
   EXPECT_EQ(changed_, 1U);
   Lines shown = log();
   EXPECT_EQ(
-      Lines(shown.end() - 9, shown.end()),
+      Lines(shown.end() - 10, shown.end()),
       (Lines{"I: Entering : es_acl_add_acl_item_common", "trylock(lock:edge)", added(50, 1, "1"),
              "unlock(lock:edge)", given("copy1"),
              "D: es_acl_cpcx_handle_pcx_update_ace: es_acl_add_acl_item_common fail for acl edge sequence 50",
