@@ -31,15 +31,17 @@
  *     ACLs do not wait for each other. Getting and releasing the same ACL is to be serialised by the client, and
  *     its last release may not run beside any operation that names it or uses its handle: a lookup, a count, a
  *     snapshot or a traversal takes no reference (and may show an ACL that another thread's get still fills).
- *  6. What the producer pushes arrives on the bus's delivery thread. This release logs it there and leaves the
- *     local copies as they were fetched.
+ *  6. Once an ACL is held, what the producer changes is applied to the local copy by itself, on the bus's delivery
+ *     thread; changes that come while a get first reads the ACL, by that get. es_acl_callback.h tells how to hear of
+ *     them and how to refuse them. A change that a callback refuses, or that comes while the connection to the
+ *     producer is down, is not made up for.
  *  7. No exception leaves the library; where memory runs out the status is 12.
  *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
  *  9. Nothing is ever torn down: there is no shutdown operation.
  * 10. Blocking: the gets and count queries talk to the producer. Each exchange has the bus's deadline; what fails
  *     for a passing reason is tried four times, a second's sleep after each, so that a name may take four deadlines
  *     and four seconds for each of its exchanges. The initialisation may sleep four seconds. A release waits for a
- *     message of the ACL that is just being handled. Nothing else here blocks but for an ACL's lock.
+ *     message of the ACL that is just being handled, callbacks included. Nothing else here blocks but for an ACL's lock.
  * 11. What an operation prints and traces is described in docs/diagnostics.md. */
 #ifndef ES_ACL_H_
 #define ES_ACL_H_
@@ -83,7 +85,8 @@ ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
  *   names    names->entries[i] is a `const char*`
  *   handles  entries is the caller's array of at least names->count slots; count is set and every slot is written:
  *            the handle, or null
- *   results  results[i] is name i's status; may be null
+ *   results  results[i] is name i's status; may be null. 11: called from inside a callback, while another thread is just
+ *            releasing the ACL, for which a callback does not wait
  *
  * Without a producer a valid name yields a handle to an empty ACL. It stays empty, and later gets share it: release it
  * and get it again when there is a producer. Returns the status of the last name processed: look at `results` and the
@@ -103,7 +106,9 @@ ES_ACL_API es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_
 ES_ACL_API es_acl_status es_acl_get_ace_count(const char* name, uint32_t* num_aces,
                                               uint32_t* num_remark_aces);
 
-/* Gives back one reference for each non-null handle in the list. The entries are left as they are. */
+/* Gives back one reference for each non-null handle in the list. The entries are left as they are. The last reference
+ * takes the local copy away: waits until callbacks for the ACL that run on other threads have returned. Called from
+ * inside a callback it does not wait; the copy then goes when the last callback for it has returned. */
 ES_ACL_API void es_acl_release(const es_acl_handle_list* handles);
 
 /* --- Walking. No lock, no call into the store; any thread that holds the handle. ---
@@ -152,8 +157,8 @@ ES_ACL_API uint32_t es_acl_match_complex(es_acl_head* acl, const void* key, uint
 ES_ACL_API uint32_t es_acl_match_complex_2(es_acl_head* acl, const void* key, uint32_t value32,
                                            uint64_t value64);
 
-/* How pushed ACEs that replace others are to be reported, ES_ACL_MODIFY_*. Set it during configuration. Kept for when
- * pushes are applied: this release only stores it. */
+/* How pushed ACEs that replace others are to be reported, ES_ACL_MODIFY_*; see es_acl_update_cb. Set it during
+ * configuration: it is read again at each step of applying a batch. */
 ES_ACL_API void es_acl_set_modify_mode(uint32_t mode);
 ES_ACL_API uint32_t es_acl_get_modify_mode(void);
 
