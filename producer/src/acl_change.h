@@ -21,6 +21,7 @@ enum class Form {
   // under the numbers themselves.
   kByNumber,
 };
+constexpr size_t kFormCount = 3;
 
 using Message = std::span<const std::byte>;
 

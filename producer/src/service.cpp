@@ -1,7 +1,6 @@
 #include "service.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -28,25 +27,6 @@ acl_pcx_query_resp count_record(const AclPtr& acl) {
   es_acl_wire_query_resp_order(&record);
   return record;
 }
-
-constexpr std::array kForms = {Form::kWhole, Form::kRules, Form::kByNumber};
-
-// A change with its messages in every form, made before anything is locked.
-struct Outgoing {
-  explicit Outgoing(const AclChange& told) : change(told) {
-    for (const Form form : kForms) messages[static_cast<size_t>(form)] = told.messages(form);
-  }
-  const AclChange& change;
-  std::array<std::vector<Message>, kForms.size()> messages;
-};
-
-// One consumer of one change.
-struct Addressee {
-  uint64_t peer;
-  const Outgoing* outgoing;
-  std::span<const Message> messages;
-  bool reached = true;
-};
 
 }  // namespace
 
@@ -110,34 +90,12 @@ DatabasePtr Service::database() const {
   return database_;
 }
 
-// The addressees are written down first: what follows cannot fail half-way.
-Service::Delivery Service::commit(DatabasePtr next, std::span<const AclChange> changes, BusPort& bus) {
-  const std::vector<Outgoing> outgoing(changes.begin(), changes.end());
-  std::vector<Addressee> addressees;
-  {
-    const std::lock_guard lock(mutex_);
-    for (const Outgoing& one : outgoing) {
-      for (const Audience::Member& member : audience_.of(one.change.name())) {
-        if (!member.armed) continue;
-        const auto& messages = one.messages[static_cast<size_t>(*member.armed)];
-        if (!messages.empty()) addressees.push_back({member.peer, &one, messages});
-      }
-    }
-    database_.swap(next);  // the old one goes after the lock, with the argument
-    for (Addressee& to : addressees) {
-      const std::string& name = to.outgoing->change.name();
-      to.reached = std::ranges::all_of(
-          to.messages, [&](Message message) { return bus.push_to(to.peer, name, message) == 0; });
-      if (!to.reached) audience_.remove(to.peer, name);
-    }
-  }
-  Delivery delivery;
-  std::erase_if(addressees, [](const Addressee& to) { return !to.reached; });
-  for (const Addressee& to : addressees) delivery.messages += to.messages.size();
-  std::ranges::sort(addressees, {}, &Addressee::peer);
-  const auto same = std::ranges::unique(addressees, {}, &Addressee::peer);
-  delivery.consumers = addressees.size() - same.size();
-  return delivery;
+Delivery Service::commit(DatabasePtr next, std::span<const AclChange> changes, BusPort& bus) {
+  Outbox outbox(changes);
+  const std::lock_guard lock(mutex_);
+  outbox.address_to(audience_);
+  database_.swap(next);  // the old one goes after the lock, with the argument
+  return outbox.send(bus, &audience_);
 }
 
 std::vector<Audience::Member> Service::audience(const std::string& acl_name) const {
@@ -277,14 +235,10 @@ DatabasePtr Service::arm_for_bulk_read(uint64_t peer, std::span<const std::strin
   return database_;
 }
 
-// What an earlier registration of this consumer has left behind says nothing about a new one.
 void Service::registered(const pcx_peer& peer, std::string_view acl_name, bool renewed) {
   {
     const std::lock_guard lock(mutex_);
-    if (!renewed) {
-      unpin_locked(peer.id, acl_name);
-      return audience_.add(peer.id, acl_name);
-    }
+    if (!renewed) return audience_.add(peer.id, acl_name);
     if (!audience_.renew(peer.id, acl_name)) return;
   }
   log_("process " + std::to_string(peer.pid) +
@@ -293,10 +247,6 @@ void Service::registered(const pcx_peer& peer, std::string_view acl_name, bool r
 
 void Service::unpin(uint64_t peer, std::string_view name) {
   const std::lock_guard lock(mutex_);
-  unpin_locked(peer, name);
-}
-
-void Service::unpin_locked(uint64_t peer, std::string_view name) {
   const auto pins = pins_.find(peer);
   if (pins == pins_.end()) return;
   if (const auto pin = pins->second.find(name); pin != pins->second.end()) pins->second.erase(pin);

@@ -27,6 +27,7 @@
 #include "audience.h"
 #include "bus_port.h"
 #include "database.h"
+#include "outbox.h"
 
 namespace es_acl::producer {
 
@@ -42,10 +43,6 @@ class Service {
   // From now on new reads see `next`; those under way go on as they began. `changes`: what differs from the present
   // one; it is pushed to those who hold the state before. std::bad_alloc, and then nothing has happened. To be called
   // by one thread.
-  struct Delivery {
-    size_t messages = 0;
-    size_t consumers = 0;
-  };
   Delivery commit(DatabasePtr next, std::span<const AclChange> changes, BusPort& bus);
   // Who has registered the ACL.
   std::vector<Audience::Member> audience(const std::string& acl_name) const;
@@ -75,7 +72,6 @@ class Service {
   AclPtr snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq);
   DatabasePtr arm_for_bulk_read(uint64_t peer, std::span<const std::string_view> names);
   void unpin(uint64_t peer, std::string_view name);
-  void unpin_locked(uint64_t peer, std::string_view name);
 
   using Pins = std::map<std::string, AclPtr, std::less<>>;
 

@@ -45,7 +45,7 @@ std::string counted(size_t number, const char* what) {
   return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-std::string summary(std::span<const AclChange> changes, const Service::Delivery& delivery) {
+std::string summary(std::span<const AclChange> changes, const Delivery& delivery) {
   std::string text;
   for (const AclChange& change : changes.first(std::min(kMostNamed, changes.size())))
     text += (text.empty() ? "acl '" : ", acl '") + change.name() + "' (" + change.summary() + ")";
@@ -68,7 +68,7 @@ Updater::Outcome Updater::apply(DatabasePtr next) {
   }
   Publication publication(bus_);
   if (Refusal refusal = publish_new(changes, &publication)) return {Result::kRefused, *refusal};
-  const Service::Delivery delivery = service_.commit(std::move(next), changes, bus_);
+  const Delivery delivery = service_.commit(std::move(next), changes, bus_);
   publication.keep();
   for (const AclChange& change : changes) {
     if (change.disappears()) bus_.unpublish(change.name());

@@ -1,0 +1,40 @@
+#include "outbox.h"
+
+#include <algorithm>
+
+namespace es_acl::producer {
+
+Outbox::Outbox(std::span<const AclChange> changes) {
+  parcels_.reserve(changes.size());
+  for (const AclChange& change : changes) {
+    Parcel& parcel = parcels_.emplace_back(Parcel{&change, {}});
+    for (size_t form = 0; form != kFormCount; ++form)
+      parcel.messages[form] = change.messages(static_cast<Form>(form));
+  }
+}
+
+void Outbox::address_to(const Audience& audience) {
+  for (const Parcel& parcel : parcels_) {
+    for (const Audience::Member& member : audience.of(parcel.change->name())) {
+      if (!member.armed) continue;
+      const auto& messages = parcel.messages[static_cast<size_t>(*member.armed)];
+      if (!messages.empty()) addressees_.push_back({member.peer, parcel.change, messages});
+    }
+  }
+}
+
+Delivery Outbox::send(BusPort& bus, Audience* audience) noexcept {
+  std::erase_if(addressees_, [&](const Addressee& to) {
+    const auto push = [&](Message message) { return bus.push_to(to.peer, to.change->name(), message) == 0; };
+    if (std::ranges::all_of(to.messages, push)) return false;
+    audience->remove(to.peer, to.change->name());
+    return true;
+  });
+  Delivery delivery;
+  for (const Addressee& to : addressees_) delivery.messages += to.messages.size();
+  std::ranges::sort(addressees_, {}, &Addressee::peer);
+  delivery.consumers = addressees_.size() - std::ranges::unique(addressees_, {}, &Addressee::peer).size();
+  return delivery;
+}
+
+}  // namespace es_acl::producer
