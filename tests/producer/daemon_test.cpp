@@ -70,6 +70,8 @@ TEST_F(Daemon, ServesAConsumerUntilItIsEnded) {
   const std::string bad = files.write("bad.json", "{\"es-acl:acls\": {\"acl\": [\n{\"name\": \"trace\"}]}}");
   Program("").expect_end(2, "--config is required");
   Program(kGood + "--nonsense").expect_end(2, "--nonsense");
+  Program(kGood + "--question-deadline-ms 0").expect_end(2, "--question-deadline-ms");
+  Program(kGood + "--queue-limit-mib 65537").expect_end(2, "--queue-limit-mib");
   Program("--help").expect_end(0, "Exit codes");
   Program("--print-yang").expect_end(0, "module es-acl {");
   Program(kGood + "--check").expect_end(0, "ok: 2 ACLs, 11 entries, 3 of them remarks");
