@@ -91,12 +91,16 @@ AclUse::AclUse(const char* its_name) : Stay(Kind::use, its_name) {
 
 AclUse::AclUse(const char* its_name, const void* message, uint32_t length) : Stay(Kind::use, its_name) {
   const std::lock_guard lock(gate_mutex);
-  if (Stay* fill = others_locked(Kind::fill, name)) {
-    static_cast<AclFill*>(fill)->keep_locked(message, length);
-    kept_ = true;
-    return;
-  }
-  enter_locked();
+  AclFill* fill = nullptr;
+  wait_locked([&] {
+    fill = static_cast<AclFill*>(others_locked(Kind::fill, name));
+    return fill == nullptr || fill->has_room_locked();
+  });
+  kept_ = fill != nullptr;
+  if (kept_)
+    fill->keep_locked(message, length);
+  else
+    enter_locked();
 }
 
 AclUse::AclUse(const char* its_name, WhenGone) : Stay(Kind::use, its_name) {
@@ -160,7 +164,7 @@ AclFill::AclFill(const char* its_name) : Stay(Kind::fill, its_name) {
 AclFill::~AclFill() {
   {
     const std::lock_guard lock(gate_mutex);
-    unlink_locked(this);
+    end_locked(this);
   }
   while (Message* message = first_) {
     first_ = message->next;
@@ -168,8 +172,14 @@ AclFill::~AclFill() {
   }
 }
 
+bool AclFill::has_room_locked() const {
+  constexpr uint32_t kMostAtEnd = 64;
+  return !ending_ || kept_at_end_ < kMostAtEnd;
+}
+
 // Without memory to keep it the fill fails, and with it goes the list that would have missed the change.
 void AclFill::keep_locked(const void* message, uint32_t length) {
+  if (ending_) ++kept_at_end_;
   auto* kept = static_cast<Message*>(std::malloc(offsetof(Message, bytes) + length));
   if (kept == nullptr) {
     lost_ = true;
@@ -185,9 +195,10 @@ void AclFill::keep_locked(const void* message, uint32_t length) {
 // The next message; null ends the fill.
 AclFill::Message* AclFill::take() {
   const std::lock_guard lock(gate_mutex);
+  ending_ = true;
   Message* message = lost_ ? nullptr : first_;
   if (message == nullptr) {
-    unlink_locked(this);
+    end_locked(this);
     return nullptr;
   }
   first_ = message->next;

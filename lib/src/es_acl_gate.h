@@ -7,8 +7,8 @@
 // Each says so, by the ACL's name, with an object on its stack. One small mutex orders the saying; nothing else
 // runs under it. Then:
 //   - a pushed change that meets a fill is kept aside, and applied in order by the filling thread at the fill's
-//     end. The fill ends under the mutex under which messages are kept, so none is lost, and the delivery thread
-//     does not wait;
+//     end. The fill ends under the mutex under which messages are kept, so none is lost. The delivery thread does
+//     not wait, unless more arrives during that end than is worth keeping: else the end might never come;
 //   - a use that meets a teardown finds the ACL not held any more;
 //   - a teardown that meets a use waits for it, with no lock held. On a thread that is in a use itself (a
 //     callback releases an ACL) it does not wait but is left to the end of the use that it meets: no two
@@ -97,12 +97,15 @@ class AclFill : private Stay {
   friend class AclUse;
   struct Message;
 
+  bool has_room_locked() const;
   void keep_locked(const void* message, uint32_t length);
   Message* take();
 
   Message* first_ = nullptr;
   Message** end_ = &first_;
   bool lost_ = false;
+  bool ending_ = false;
+  uint32_t kept_at_end_ = 0;  // messages that came while others were applied
 };
 
 class AclTeardown : private Stay {

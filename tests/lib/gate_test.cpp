@@ -13,12 +13,13 @@ using namespace es_test;
 namespace {
 
 std::function<void(es_acl_head*)> on_event;  // what each callback does
+std::function<void()> on_usage;
 
 uint32_t updated(es_acl_head* acl, uint32_t, uint32_t, const ace_edit_info*, void*) {
   return on_event(acl), 0;
 }
 uint32_t asked(es_acl_head* acl, uint32_t, const ace_edit_info*, int32_t, void*) { return on_event(acl), 0; }
-uint32_t usage() { return on_event(nullptr), 0; }
+uint32_t usage() { return on_usage(), 0; }
 void notified(es_acl_head* acl, uint32_t) { on_event(acl); }
 
 // --- Messages ---
@@ -205,9 +206,8 @@ TEST_F(Gate, UsageCallbackReleasesAnAclThatIsDrained) {
   es_acl_head* const acl = get_one("edge");
   es_acl_register_check_usage_callback(usage);
   Held drain([acl] { es_acl_invoke_list(acl); }, [] {});
-  on_event = [acl](es_acl_head*) { release({acl}); };
-  Bytes question = change(kUsage, "edge", 0);
-  deliver(question, kQuestion);
+  on_usage = [acl] { release({acl}); };
+  deliver(change(kUsage, "edge", 0), kQuestion);
   EXPECT_EQ(held("edge"), acl);
   drain.let_go();
   EXPECT_EQ(teardown(), kOneTeardown);
@@ -284,6 +284,28 @@ TEST_F(GateFill, ChangesThatArriveMeanwhileAreMadeBehindItInOrder) {
   EXPECT_EQ(told, 3U);
   deliver(change(kAdd, "edge", 50));
   EXPECT_EQ(changes().back(), "add 50") << "the fill is over";
+}
+
+// Changes may come faster than they are made; the get ends all the same.
+TEST_F(GateFill, EndsThoughChangesKeepComing) {
+  std::atomic<uint32_t> sent = 0, told = 0;
+  std::atomic<bool> enough = false;
+  std::thread flood;
+  on_event = [&](es_acl_head*) {
+    const uint32_t before = sent;
+    if (++told == 2000) enough = true;
+    comes([&] { return enough || sent >= before + 2; }, std::chrono::milliseconds(1));
+  };
+  while_reading([&] {
+    flood = std::thread([&] {
+      for (uint32_t seq = 1; !enough; ++seq, ++sent) deliver(change(kAdd, "edge", seq));
+    });
+    EXPECT_TRUE(comes([&] { return sent > 2; }));
+  });
+  es_acl_head* const acl = get({"edge"}).heads[0];
+  EXPECT_FALSE(enough.exchange(true));
+  flood.join();
+  EXPECT_EQ(acl->ace_count, sent) << "none is lost";
 }
 
 TEST_F(GateFill, ChangeOnTheFillingThreadIsMadeAtOnce) {
