@@ -8,9 +8,8 @@ namespace es_acl::producer {
 void Audience::add(uint64_t peer, std::string_view name) { member(peer, name).armed.reset(); }
 
 bool Audience::renew(uint64_t peer, std::string_view name) {
-  Member& renewed = member(peer, name);
-  if (renewed.armed) return false;
-  renewed.armed = Form::kByNumber;
+  if (find(peer, name) != nullptr) return false;
+  member(peer, name).armed = Form::kByNumber;
   return true;
 }
 

@@ -29,7 +29,8 @@ class Audience {
 
   // A new registration; an earlier one of this consumer is forgotten.
   void add(uint64_t peer, std::string_view name);
-  // One that was there before, and has read. False when this finds it armed still: it has missed nothing.
+  // One that was there before, and whose consumer has read. False when it is here still: it has missed nothing, or has
+  // not read yet.
   bool renew(uint64_t peer, std::string_view name);
   // The consumer reads the ACL from its beginning, in that form. No registration, no effect.
   void arm(uint64_t peer, std::string_view name, Form form);

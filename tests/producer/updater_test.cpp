@@ -150,6 +150,13 @@ TEST_F(Updating, EveryChangeBehindTheStateThatWasReadAndNoneBeforeIt) {
   change("a", {{28, 'f'}});
   EXPECT_EQ(shown(one.copies["a"]), (std::map<uint32_t, char>{{17, 'd'}, {28, 'f'}}));
 
+  one.register_at(service_, "b");  // and a connection lost before the read
+  one.renew_at(service_, "b");
+  change("b", {{10, 'y'}});
+  one.read(service_, "b", 2);
+  EXPECT_EQ(shown(one.copies["b"]), now["b"]);
+  EXPECT_EQ(log_.size(), 1u);
+
   service_.forget(one.peer);
   const size_t told = one.messages;
   change("a", {});
