@@ -33,7 +33,9 @@ Delivery Outbox::send(BusPort& bus, Audience* audience) noexcept {
   Delivery delivery;
   for (const Addressee& to : addressees_) delivery.messages += to.messages.size();
   std::ranges::sort(addressees_, {}, &Addressee::peer);
-  delivery.consumers = addressees_.size() - std::ranges::unique(addressees_, {}, &Addressee::peer).size();
+  const auto same_peer = [](const Addressee& a, const Addressee& b) { return a.peer == b.peer; };
+  const auto end = std::unique(addressees_.begin(), addressees_.end(), same_peer);
+  delivery.consumers = static_cast<size_t>(end - addressees_.begin());
   return delivery;
 }
 
