@@ -111,7 +111,7 @@ void es_acl_start_cb_timer(es_acl_head* acl) {
 void es_acl_cb_process_timer(int, void*) {
   DBG_INFO("Entering %s", __func__);
   mtimer_tree* const tree = timer_tree();
-  while (mtimer_tree_expired(tree) != 0) {
+  while (tree != nullptr && mtimer_tree_expired(tree) != 0) {
     mtimer_leaf* const leaf = mtimer_tree_first_expired(tree);
     if (leaf == nullptr) {
       DBG_ERR("%s: NULL leaf on timer expiry", __func__);

@@ -29,81 +29,56 @@ ace_edit_info batch[2];
 uint32_t skip_list[2] = {20, 30};
 char first, second, third;  // contexts
 
+const std::string kUsualEntry = "I: Entering : %s";
+
 // One kind. %s stands for an operation's name, CONTEXT for what the entry holds.
 struct KindOfCallback {
   const char* name;
-  const char* stem;                          // of the operations' names
   std::function<uint32_t(bool, void*)> add;  // with the function, or a null one
   std::function<void(void*)> remove;
   std::function<uint32_t(es_acl_head*)> invoke;
-  std::string entering_add, entering_remove, null_function, no_registry;
-  Lines entering, before_call;
   std::string call;
-  std::string failure;
-  uint32_t without_registry;
+  std::string entering_add = kUsualEntry, entering_remove = kUsualEntry, entering = kUsualEntry;
+  std::string null_function = "E: %s: Invalid callback function";
+  std::string no_registry = "E: %s:Memory allocation falied for registry";
+  Lines before_call = {"trace w"};
+  std::string failure = "E: %s: callback func failed <0x5>";
+  uint32_t without_registry = 0;
 };
 void PrintTo(const KindOfCallback& kind, std::ostream* out) { *out << kind.name; }
 
-const std::string kUsualEntry = "I: Entering : %s";
-const std::string kUsualFailure = "E: %s: callback func failed <0x5>";
-
 const KindOfCallback kKinds[] = {
-    {"update",
-     "update",
-     [](bool f, void* c) { return es_acl_register_update_callback(f ? on_update : nullptr, c); },
-     [](void* c) { es_acl_unregister_update_callback(on_update, c); },
-     [](es_acl_head* acl) { return es_acl_invoke_update_callback(acl, 7, 2, batch); },
-     kUsualEntry,
-     kUsualEntry,
-     "E: %s: Invalid callback function",
-     "E: %s:Memory allocation falied for registry",
-     {kUsualEntry},
-     {"D: %s Invoking callback function for the acl edge batch 2 action ACL_ADD_ACE", "trace w"},
-     "on_update(head:edge, 7, 2, batch, CONTEXT)",
-     kUsualFailure,
-     0},
-    {"res_check",
-     "res_check",
-     [](bool f, void* c) { return es_acl_register_res_check_callback(f ? on_check : nullptr, c); },
-     [](void* c) { es_acl_unregister_res_check_callback(on_check, c); },
-     [](es_acl_head* acl) { return es_acl_invoke_res_check_callback(acl, 2, batch, -1); },
-     kUsualEntry,
-     kUsualEntry,
-     "E: %s: Invalid callback function",
-     "E: %s:Memory allocation falied for registry",
-     {kUsualEntry},
-     {"trace w"},
-     "on_check(head:edge, 2, batch, -1, CONTEXT)",
-     kUsualFailure,
-     0},
-    {"resequence",
-     "resequence",
-     [](bool f, void* c) { return es_acl_register_resequence_callback(f ? on_reseq : nullptr, c); },
-     [](void* c) { es_acl_unregister_resequence_callback(on_reseq, c); },
-     [](es_acl_head* acl) { return es_acl_invoke_resequence_callback(acl, 100, 10, 2, skip_list); },
-     "I: Entering %s",
-     "I: Entering : %s ",
-     "E: %s: Invalid acl or callback func",
-     "E: %s: registry_create failed ",
-     {"I: Entering  %s acl edge start_seq 100 step 10"},
-     {"trace w"},
-     "on_reseq(head:edge, 100, 10, 2, skips, CONTEXT)",
-     "E: %s: Acl edge Error returned from reseq callback: <0x5>",
-     22},
-    {"check_usage",
-     "check_usage",
-     [](bool f, void*) { return es_acl_register_check_usage_callback(f ? on_usage : nullptr); },
-     [](void*) { es_acl_unregister_check_usage_callback(on_usage); },
-     [](es_acl_head*) { return es_acl_invoke_check_usage_callback(); },
-     kUsualEntry,
-     kUsualEntry,
-     "",
-     "",
-     {kUsualEntry},
-     {"trace w"},
-     "on_usage()",
-     "",
-     0},
+    {.name = "update",
+     .add = [](bool f, void* c) { return es_acl_register_update_callback(f ? on_update : nullptr, c); },
+     .remove = [](void* c) { es_acl_unregister_update_callback(on_update, c); },
+     .invoke = [](es_acl_head* acl) { return es_acl_invoke_update_callback(acl, 7, 2, batch); },
+     .call = "on_update(head:edge, 7, 2, batch, CONTEXT)",
+     .before_call = {"D: %s Invoking callback function for the acl edge batch 2 action ACL_ADD_ACE",
+                     "trace w"}},
+    {.name = "res_check",
+     .add = [](bool f, void* c) { return es_acl_register_res_check_callback(f ? on_check : nullptr, c); },
+     .remove = [](void* c) { es_acl_unregister_res_check_callback(on_check, c); },
+     .invoke = [](es_acl_head* acl) { return es_acl_invoke_res_check_callback(acl, 2, batch, -1); },
+     .call = "on_check(head:edge, 2, batch, -1, CONTEXT)"},
+    {.name = "resequence",
+     .add = [](bool f, void* c) { return es_acl_register_resequence_callback(f ? on_reseq : nullptr, c); },
+     .remove = [](void* c) { es_acl_unregister_resequence_callback(on_reseq, c); },
+     .invoke = [](es_acl_head* acl) { return es_acl_invoke_resequence_callback(acl, 100, 10, 2, skip_list); },
+     .call = "on_reseq(head:edge, 100, 10, 2, skips, CONTEXT)",
+     .entering_add = "I: Entering %s",
+     .entering_remove = "I: Entering : %s ",
+     .entering = "I: Entering  %s acl edge start_seq 100 step 10",
+     .null_function = "E: %s: Invalid acl or callback func",
+     .no_registry = "E: %s: registry_create failed ",
+     .failure = "E: %s: Acl edge Error returned from reseq callback: <0x5>",
+     .without_registry = 22},
+    {.name = "check_usage",
+     .add = [](bool f, void*) { return es_acl_register_check_usage_callback(f ? on_usage : nullptr); },
+     .remove = [](void*) { es_acl_unregister_check_usage_callback(on_usage); },
+     .invoke = [](es_acl_head*) { return es_acl_invoke_check_usage_callback(); },
+     .call = "on_usage()",
+     .null_function = "",
+     .no_registry = ""},
 };
 
 class Callbacks : public LibraryTest, public ::testing::WithParamInterface<KindOfCallback> {
@@ -112,17 +87,14 @@ class Callbacks : public LibraryTest, public ::testing::WithParamInterface<KindO
     initialise();
     acl_ = make_acl("edge");
     answers.always(0);
-    for (auto& [pointer, name] : std::initializer_list<std::pair<void*, const char*>>{
-             {&first, "first"},
-             {&second, "second"},
-             {&third, "third"},
-             {batch, "batch"},
-             {skip_list, "skips"},
-             {reinterpret_cast<void*>(on_update), "function"},
-             {reinterpret_cast<void*>(on_reseq), "function"},
-             {reinterpret_cast<void*>(on_check), "function"},
-             {reinterpret_cast<void*>(on_usage), "function"}})
-      name_pointer(pointer, name);
+    const std::pair<const char*, char*> contexts[] = {
+        {"first", &first}, {"second", &second}, {"third", &third}};
+    for (const auto& [name, context] : contexts) name_pointer(context, name);
+    name_pointer(batch, "batch");
+    name_pointer(skip_list, "skips");
+    for (void* function : {reinterpret_cast<void*>(on_update), reinterpret_cast<void*>(on_reseq),
+                           reinterpret_cast<void*>(on_check), reinterpret_cast<void*>(on_usage)})
+      name_pointer(function, "function");
   }
 
   // The line with the name of this kind's operation; none for an empty one.
@@ -130,7 +102,7 @@ class Callbacks : public LibraryTest, public ::testing::WithParamInterface<KindO
     std::erase(texts, "");
     for (std::string& text : texts)
       if (const size_t at = text.find("%s"); at != std::string::npos)
-        text.replace(at, 2, "es_acl_" + verb + "_" + GetParam().stem + "_callback");
+        text.replace(at, 2, "es_acl_" + verb + "_" + GetParam().name + "_callback");
     return texts;
   }
   static bool is_usage() { return std::string(GetParam().name) == "check_usage"; }
@@ -179,10 +151,10 @@ TEST_P(Callbacks, WithoutRegistryAndWithAnEmptyOne) {
   snprintf(null_refused, sizeof null_refused, format, nullptr, nullptr);
   const bool is_reseq = std::string(kind.name) == "resequence";
   EXPECT_EQ(kind.invoke(acl_), kind.without_registry);
-  EXPECT_EQ(take_log(), of("invoke", {is_reseq ? none_refused : kind.entering[0], "trace w"}));
+  EXPECT_EQ(take_log(), of("invoke", {is_reseq ? none_refused : kind.entering, "trace w"}));
   if (!is_usage()) {
     EXPECT_EQ(kind.invoke(nullptr), 22U);
-    EXPECT_EQ(take_log(), of("invoke", {is_reseq ? "" : kind.entering[0],
+    EXPECT_EQ(take_log(), of("invoke", {is_reseq ? "" : kind.entering,
                                         is_reseq ? null_refused : "E: %s: Invalid acl", "trace w"}));
   }
   kind.add(true, &first);
@@ -203,7 +175,7 @@ TEST_P(Callbacks, InOrderUntilOneDecides) {
   answers.next(is_usage() ? 1 : 5);
   EXPECT_EQ(kind.invoke(acl_), is_usage() ? 1U : 5U);
   const Lines end = is_usage() ? Lines{"I: %s returning TRUE"} : Lines{kind.failure, "trace w"};
-  EXPECT_EQ(take_log(), lines(of("invoke", kind.entering), "list_registry_first(registry, ptr, ptr)",
+  EXPECT_EQ(take_log(), lines(of("invoke", {kind.entering}), "list_registry_first(registry, ptr, ptr)",
                               called("first"), "list_registry_next(ptr, ptr, ptr)", called("second"),
                               "list_registry_end(ptr)", of("invoke", end)));
   EXPECT_EQ(kind.invoke(acl_), 0U) << "all agree";
