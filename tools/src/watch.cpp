@@ -1,8 +1,7 @@
-// Three threads meet here. The bus's delivery thread calls the callbacks, except for what was pushed while an
-// ACL was being fetched: that comes on the fetching thread. This one, which fetches, then runs the event
-// manager and so calls the deferred notices. Whatever thread tells an event has it formatted and written
-// under one mutex; nothing of the library is called with it held but reads, so a release that waits for a
-// callback cannot wait for itself.
+// Two threads meet here. The bus's delivery thread calls the callbacks. This one fetches the ACLs, and calls the
+// callbacks for what was pushed meanwhile; then it runs the event manager, and so calls the deferred notices.
+// Whichever tells an event has it formatted and written under one mutex. Nothing of the library is called with
+// the mutex held, so a release that waits for a callback cannot wait for itself.
 #include "watch.h"
 
 #include <poll.h>
