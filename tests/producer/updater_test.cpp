@@ -272,7 +272,11 @@ TEST_F(Updating, QuestionsOfOneChangeDoNotSupersedeEachOther) {
   check_resources();
   for (const char* name : {"a", "b", "new"}) register_and_read(consumer(1), name);
   size_t most_held = 0;
-  bus_.before_push = [&] { most_held = std::max(most_held, consumer(1).held.size()); };
+  std::set<std::pair<uint16_t, uint16_t>> keys;
+  bus_.before_push = [&] {
+    most_held = std::max(most_held, consumer(1).held.size());
+    for (const auto& [key, question] : consumer(1).held) keys.insert(key);
+  };
   for (char content = 'p'; content != 's'; ++content) {
     State next;
     for (const char* name : {"a", "b", "new"}) next[name] = {{10, content}};
@@ -281,6 +285,7 @@ TEST_F(Updating, QuestionsOfOneChangeDoNotSupersedeEachOther) {
     EXPECT_TRUE(consumer(1).held.empty());
     for (const char* name : {"a", "b", "new"}) EXPECT_EQ(shown(consumer(1).copies[name]), next[name]);
   }
+  EXPECT_EQ(keys.size(), 9u);  // none is used again
   consumer(1).behaviour.without_room = "b";
   EXPECT_EQ(apply({{"a", {{10, 'r'}}}, {"b", {{11, 'r'}}}, {"new", {{10, 'r'}}}}).result,
             Updater::Result::kApplied);
