@@ -51,7 +51,8 @@ class AclUse : private Stay {
  public:
   // Null: of no ACL, for callbacks that are not about one.
   explicit AclUse(const char* name);
-  // For a pushed change: when another thread fills the ACL, the message is kept aside for it.
+  // For a pushed change: when another thread fills the ACL, the message is kept aside for it. Waits for the fill's end
+  // when that has been given too many already.
   AclUse(const char* name, const void* message, uint32_t length);
   // Does a teardown that was left to this use.
   ~AclUse();

@@ -147,8 +147,9 @@ TEST_P(Callbacks, WithoutRegistryAndWithAnEmptyOne) {
   const KindOfCallback& kind = GetParam();
   char null_refused[160], none_refused[160];
   const char* const format = "E: %%s: Error Invalid acl %p (or) es_acl_reseq_notify %p ";
-  snprintf(none_refused, sizeof none_refused, format, static_cast<void*>(acl_), nullptr);
-  snprintf(null_refused, sizeof null_refused, format, nullptr, nullptr);
+  void* const none = nullptr;
+  snprintf(none_refused, sizeof none_refused, format, static_cast<void*>(acl_), none);
+  snprintf(null_refused, sizeof null_refused, format, none, none);
   const bool is_reseq = std::string(kind.name) == "resequence";
   EXPECT_EQ(kind.invoke(acl_), kind.without_registry);
   EXPECT_EQ(take_log(), of("invoke", {is_reseq ? none_refused : kind.entering, "trace w"}));
