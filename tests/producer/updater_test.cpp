@@ -290,6 +290,11 @@ TEST_F(Updating, QuestionsOfOneChangeDoNotSupersedeEachOther) {
   EXPECT_EQ(apply({{"a", {{10, 'r'}}}, {"b", {{11, 'r'}}}, {"new", {{10, 'r'}}}}).result,
             Updater::Result::kApplied);
   EXPECT_TRUE(consumer(1).released.empty());
+  // Who holds the rules only is not asked about a remark, and its "nothing held" is no refusal.
+  consumer(2).register_at(service_, "a");
+  consumer(2).read_in_bulk(service_, "a");
+  const auto with_remark = apply({{"a", {{10, 'r'}, {20, 'R'}}}, {"b", {{11, 'r'}}}, {"new", {{10, 'r'}}}});
+  EXPECT_EQ(with_remark.result, Updater::Result::kApplied) << with_remark.text;
 }
 
 // Consumers that register and read on threads of their own, again and again, while one thread changes everything all
