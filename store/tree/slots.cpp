@@ -22,30 +22,32 @@ SlotPool::~SlotPool() {
 SlotId SlotPool::take(SlotRun& run) {
   if (run.left == 0) {
     age();
-    if (free_.first != kNoSlot) {
-      const SlotId id = free_.first;
-      free_.first = static_cast<SlotId>(reinterpret_cast<uintptr_t>(node(id)->aux));
-      if (free_.first == kNoSlot)
-        free_.last = kNoSlot;
-      else
-        prefetch_after(free_.first);
-      return id;
-    }
+    if (free_.first != kNoSlot) return take_free();
     carve(run);
   }
   --run.left;
   return run.first++;
 }
 
-// A slot that has waited out its grace time has left the caches, and its taker will write all of it: the one after the
-// next is asked for, whose number the next one holds.
-void SlotPool::prefetch_after(SlotId next) const noexcept {
-  const SlotId id = static_cast<SlotId>(reinterpret_cast<uintptr_t>(node(next)->aux));
-  if (id == kNoSlot) return;
-  const auto* record = reinterpret_cast<const char*>(element(id));
-  __builtin_prefetch(node(id), 1);
-  __builtin_prefetch(record, 1);
-  __builtin_prefetch(record + sizeof(Element) - 1, 1);
+SlotId SlotPool::take_free() noexcept {
+  const SlotId id = free_.first;
+  free_.first = link(id);
+  if (fetched_ != 0) --fetched_;
+  fetch_ahead();
+  return id;
+}
+
+void SlotPool::fetch_ahead() noexcept {
+  while (fetched_ < kAhead) {
+    const SlotId next = fetched_ == 0 ? free_.first : link(ahead_);
+    if (next == kNoSlot) return;
+    const auto* record = reinterpret_cast<const char*>(element(next));
+    __builtin_prefetch(node(next), 1);
+    __builtin_prefetch(record, 1);
+    __builtin_prefetch(record + sizeof(Element) - 1, 1);
+    ahead_ = next;
+    ++fetched_;
+  }
 }
 
 void SlotPool::put_back(SlotRun& run) noexcept {
@@ -61,7 +63,7 @@ void SlotPool::retire(SlotId id) noexcept {
 
 void SlotPool::chain(Chain& to, SlotId id) noexcept {
   Chain one{id, id};
-  node(id)->aux = reinterpret_cast<es_acl_ace_node*>(static_cast<uintptr_t>(kNoSlot));
+  link(id) = kNoSlot;
   append(to, one);
 }
 
@@ -70,7 +72,7 @@ void SlotPool::append(Chain& to, Chain& from) noexcept {
   if (to.first == kNoSlot) {
     to = from;
   } else {
-    node(to.last)->aux = reinterpret_cast<es_acl_ace_node*>(static_cast<uintptr_t>(from.first));
+    link(to.last) = from.first;
     to.last = from.last;
   }
   from = Chain{};
@@ -107,7 +109,8 @@ void SlotPool::add_slab() {
   auto* nodes = static_cast<es_acl_ace_node*>(allocate_slab(bytes));
   if (nodes == nullptr) throw std::bad_alloc();
   const size_t slots = bytes / kSlotBytes / kRunLength * kRunLength;
-  slabs_.push_back({nodes, reinterpret_cast<Element*>(nodes + slots), bytes});
+  auto* elements = reinterpret_cast<Element*>(nodes + slots);
+  slabs_.push_back({nodes, elements, reinterpret_cast<SlotId*>(elements + slots), bytes});
   bytes_ += bytes;
   slab_slots_ = slots;
   slab_used_ = 0;

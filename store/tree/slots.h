@@ -1,9 +1,11 @@
 // Where an ACL's nodes and ACE records live.
 //
-// A slot is one list node (24 bytes) and one element: the pointer to the ACE, then the ACE itself (88 bytes).
-// Slots stand in slabs, first all nodes of the slab, then all its elements, because a walk is a chain of
-// dependent loads through the nodes alone: kept apart they are dense (three nodes to a cache line and a bit),
-// and the processor fetches the elements of the nodes ahead while it waits for nothing but the chain.
+// A slot is one list node (24 bytes), one element: the pointer to the ACE, then the ACE itself (88 bytes), and a link
+// for when it is not in use (4 bytes). Slots stand in slabs, first all nodes of the slab, then all its elements, then
+// all links, because a walk is a chain of dependent loads through the nodes alone: kept apart they are dense (three
+// nodes to a cache line and a bit), and the processor fetches the elements of the nodes ahead while it waits for
+// nothing but the chain. The links are kept apart for a like reason: a slot that has waited out its grace time has left
+// the caches, and is asked for while those before it are taken.
 //
 // Readers that hold no lock walk the nodes and read the ACEs while a writer changes the list. Three rules
 // keep them safe:
@@ -81,9 +83,10 @@ class SlotPool {
   struct Slab {
     es_acl_ace_node* nodes;
     Element* elements;
+    SlotId* links;
     size_t bytes;
   };
-  // Slots linked through their nodes' aux words, which hold slot numbers while they wait.
+  // Slots that wait, by their links.
   struct Chain {
     SlotId first = kNoSlot;
     SlotId last = kNoSlot;
@@ -91,11 +94,14 @@ class SlotPool {
 
   static constexpr unsigned kPlaceBits = 15;
   static constexpr SlotId kPlaceMask = (1u << kPlaceBits) - 1;
-  static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element);
+  static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element) + sizeof(SlotId);
+  static constexpr uint32_t kAhead = 8;  // free slots that are asked for before they are taken
   static_assert(kHugePage / kSlotBytes <= kPlaceMask, "a place in a slab has kPlaceBits bits");
 
   Element* element(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].elements + (id & kPlaceMask); }
-  void prefetch_after(SlotId next) const noexcept;
+  SlotId& link(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].links[id & kPlaceMask]; }
+  SlotId take_free() noexcept;
+  void fetch_ahead() noexcept;
   void chain(Chain& to, SlotId id) noexcept;
   void append(Chain& to, Chain& from) noexcept;
   void age() noexcept;
@@ -107,6 +113,8 @@ class SlotPool {
   size_t slab_slots_ = 0;  // in the last slab
   size_t slab_used_ = 0;   // carved from it
   Chain free_;
+  SlotId ahead_ = kNoSlot;  // the last of the `fetched_` first free slots that have been asked for
+  uint32_t fetched_ = 0;
   Chain old_;
   Chain young_;
   uint64_t young_since_ = 0;
