@@ -42,8 +42,7 @@ ES_ACL_API void es_acl_cpcx_handler(uint64_t context, uint32_t mtype, void* payl
  * 0, also when the store refused some of the ACEs; 22: the ACL is not held; 12; or the status with which an update
  * callback refused, and then nothing is stored. As for threads, see es_acl_cpcx_handler(). */
 ES_ACL_API es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records,
-                                                           uint32_t n, es_acl_head** head,
-                                                           uint32_t* changed);
+                                                           uint32_t n, es_acl_head** head, uint32_t* changed);
 
 ES_ACL_END_DECLS
 

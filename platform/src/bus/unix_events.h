@@ -77,8 +77,8 @@ class UnixEvents {
   std::map<uint64_t, Topic> topics_;
   uint64_t order_ = 0;           // number of the last change
   uint64_t answered_order_ = 0;  // number of the last change behind which a request has been answered
-  Connection current_;  // where changes and responses go; null when there is none
-  OutQueue out_;        // waits for current_
+  Connection current_;           // where changes and responses go; null when there is none
+  OutQueue out_;                 // waits for current_
 
   // Delivery thread only.
   Connection reader_;  // being read; may be an older one than current_
