@@ -62,6 +62,15 @@ class Registration {
   void* handle_ = nullptr;
 };
 
+// Waits until the registrations made so far have reached the producer: the answer to a read says so.
+bool settle() {
+  acl_pcx_query_req request = {};
+  uint32_t length = sizeof request;
+  void* address = nullptr;
+  return dsv_lookup_data(es_acl_classhandle, acl_name(1000).c_str(), &address) == 0 &&
+         pcx_read(address, &request, sizeof request, &request, &length) == 0;
+}
+
 // The library's copy of one of the peer's ACLs.
 class Acl {
  public:
@@ -118,6 +127,7 @@ void push_and_wait(benchmark::State& state, const Peer* peer) {
   const BareRequest order = push_order(state, BareRequest::kPush);
   const Orders orders(peer);
   const Registration done(kDoneName, on_done, nullptr);
+  if (!settle()) std::abort();
   time_orders(state, order, [&] {
     orders.give(order);
     wait_for(&arrived);
@@ -311,13 +321,7 @@ int run_fan_consumer(uint32_t messages) {
   pcx_lr_init(nullptr);
   if (dsv_create_class(ES_ACL_DSV_CLASS_NAME, 0, 1, &es_acl_classhandle) != 0) return 1;
   const Registration registration(kFanName, on_fan_message, nullptr);
-  acl_pcx_query_req request = {};
-  uint32_t length = sizeof request;
-  void* address = nullptr;
-  // The answer says that the registration has arrived.
-  if (dsv_lookup_data(es_acl_classhandle, acl_name(1000).c_str(), &address) != 0 ||
-      pcx_read(address, &request, sizeof request, &request, &length) != 0)
-    return 1;
+  if (!settle()) return 1;
   std::puts("ready");
   std::fflush(stdout);
   wait_for(&arrived);
