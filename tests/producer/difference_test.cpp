@@ -10,29 +10,15 @@
 
 #include "acl_change.h"
 #include "model_consumer.h"
+#include "support.h"
 
 namespace es_acl::producer {
 
 constexpr size_t kMuch = 512 << 10;
 
-// An entry: its number, and what it says; content 'r' is a remark.
-struct Entry {
-  uint32_t number;
-  char content;
-};
-using Entries = std::vector<Entry>;
+using test::Entries;
 
-AclPtr make(const Entries& entries) {
-  std::vector<es_acl_ace> aces;
-  for (const Entry& entry : entries) {
-    es_acl_ace ace{};
-    ace.seq = entry.number;
-    ace.kind = entry.content == 'r' ? ES_ACL_KIND_REMARK : ES_ACL_KIND_RULE;
-    ace.src_addr[2] = static_cast<uint16_t>(entry.content);
-    aces.push_back(ace);
-  }
-  return std::make_shared<const Acl>("a", std::move(aces));
-}
+AclPtr make(const Entries& entries) { return test::make_acl("a", entries); }
 
 // "-10 -20 +30" or "start 5 step 5 skip 10 15"
 std::string told(const Difference& difference) {
@@ -65,7 +51,7 @@ TEST(DifferenceOfStates, IsTheLeastThatHasToBeTold) {
       {abc, {{5, 'x'}, {10, 'a'}, {25, 'x'}, {30, 'c'}, {40, 'x'}}, "-20 +5 +25 +40"},
       {abc, {{10, 'b'}, {20, 'a'}, {30, 'c'}}, "+10 +20", 2},
       {{{1, 'a'}, {UINT32_MAX, 'b'}}, {{2, 'a'}, {UINT32_MAX, 'x'}}, "-1 +2 +4294967295", 1},
-      {{{10, 'r'}}, {{10, 'a'}}, "+10", 1},
+      {{{10, 'R'}}, {{10, 'a'}}, "+10", 1},
       // Renumbered.
       {abc, {{100, 'a'}, {200, 'b'}, {300, 'c'}}, "start 100 step 100 skip"},
       {abc, {{1, 'a'}, {2, 'b'}, {3, 'c'}}, "start 1 step 1 skip"},
@@ -73,7 +59,7 @@ TEST(DifferenceOfStates, IsTheLeastThatHasToBeTold) {
       {abc, {{10, 'a'}, {20, 'b'}, {40, 'c'}}, "start 10 step 10 skip 30"},
       {{{10, 'a'}}, {{11, 'a'}}, "start 11 step 1 skip"},
       {{{10, 'a'}, {20, 'a'}}, {{10, 'a'}, {30, 'a'}}, "start 10 step 20 skip"},  // equal entries
-      {{{10, 'r'}, {20, 'a'}}, {{10, 'r'}, {30, 'a'}}, "start 10 step 20 skip"},
+      {{{10, 'R'}, {20, 'a'}}, {{10, 'R'}, {30, 'a'}}, "start 10 step 20 skip"},
       {{{1, 'a'}, {2, 'b'}}, {{UINT32_MAX - 1, 'a'}, {UINT32_MAX, 'b'}}, "start 4294967294 step 1 skip"},
       // As many bytes as the two records, and one number more.
       {{{1, 'a'}, {2, 'b'}, {3, 'c'}}, {{1, 'a'}, {2, 'b'}, {61, 'c'}}, nullptr},
@@ -127,30 +113,34 @@ size_t bring_along(const AclPtr& before, const AclPtr& after, size_t max_message
 
 TEST(DifferenceOfStates, BatchesAreAsFewAsTheSizeAllows) {
   Entries hundred;
-  for (uint32_t i = 1; i <= 100; ++i) hundred.push_back({i, 'a'});
-  const AclPtr full = make(hundred), none = make({});
-  EXPECT_EQ(bring_along(none, full, 100 * 160, Form::kWhole), 1u);
-  EXPECT_EQ(bring_along(none, full, 100 * 160 - 1, Form::kWhole), 2u);
-  EXPECT_EQ(bring_along(full, none, 10 * 160, Form::kWhole), 10u);
-  EXPECT_EQ(bring_along(full, none, 1, Form::kWhole), 100u);
-  // A remark is nothing to those who hold the rules only, and its place no reason to tell all numbers.
-  const AclPtr two = make({{1, 'a'}, {3, 'b'}});
-  const AclPtr with_remark = make({{1, 'a'}, {2, 'r'}, {3, 'b'}}),
-               renumbered = make({{2, 'a'}, {3, 'r'}, {4, 'b'}});
-  EXPECT_EQ(bring_along(two, with_remark, kMuch, Form::kWhole), 1u);
-  EXPECT_EQ(bring_along(two, with_remark, kMuch, Form::kRules), 0u);
-  EXPECT_EQ(bring_along(with_remark, renumbered, kMuch, Form::kRules), 1u);
-  EXPECT_EQ(bring_along(with_remark, renumbered, kMuch, Form::kByNumber), 2u);
+  for (uint32_t i = 1; i <= 100; ++i) hundred[i] = 'a';
+  const struct {
+    Entries before, after;
+    size_t max_message;
+    Form form;
+    size_t messages;
+  } table[] = {
+      {{}, hundred, 100 * 160, Form::kWhole, 1},
+      {{}, hundred, 100 * 160 - 1, Form::kWhole, 2},
+      {hundred, {}, 1, Form::kWhole, 100},
+      // A remark is nothing to those who hold the rules only, and its place no reason to tell all numbers.
+      {{{1, 'a'}, {3, 'b'}}, {{1, 'a'}, {2, 'R'}, {3, 'b'}}, kMuch, Form::kRules, 0},
+      {{{1, 'a'}, {2, 'R'}, {3, 'b'}}, {{2, 'a'}, {3, 'R'}, {4, 'b'}}, kMuch, Form::kRules, 1},
+      {{{1, 'a'}, {2, 'R'}, {3, 'b'}}, {{2, 'a'}, {3, 'R'}, {4, 'b'}}, kMuch, Form::kByNumber, 2},
+  };
+  for (const auto& one : table)
+    EXPECT_EQ(bring_along(make(one.before), make(one.after), one.max_message, one.form), one.messages)
+        << one.max_message;
 }
 
 // Random states, random edits of them, random sizes: whatever the form, the consumer holds what it should.
 TEST(DifferenceOfStates, BringsEveryConsumerToTheNewState) {
   std::mt19937 random(20261123);
   const auto upto = [&](uint32_t most) { return std::uniform_int_distribution<uint32_t>(0, most)(random); };
-  const auto content = [&] { return "abr"[upto(2)]; };
+  const auto content = [&] { return "abR"[upto(2)]; };
   size_t resequenced = 0;
   for (int round = 0; round < 3000; ++round) {
-    std::map<uint32_t, char> state, next;
+    Entries state, next;
     for (uint32_t left = upto(30); left != 0; --left) state[1 + upto(60)] = content();
     switch (upto(2)) {
       case 0:  // numbered anew, with gaps or a new entry now and then
@@ -167,16 +157,12 @@ TEST(DifferenceOfStates, BringsEveryConsumerToTheNewState) {
       default:  // another one
         for (uint32_t left = upto(30); left != 0; --left) next[1 + upto(60)] = content();
     }
-    const auto acl = [](const std::map<uint32_t, char>& from) {
-      Entries entries;
-      for (const auto& [number, what] : from) entries.push_back({number, what});
-      return make(entries);
-    };
+    const AclPtr before = make(state), after = make(next);
     const size_t max_message = 60 + upto(2000);
     SCOPED_TRACE(round);
     for (const Form form : {Form::kWhole, Form::kRules, Form::kByNumber})
-      bring_along(acl(state), acl(next), max_message, form);
-    resequenced += AclChange("a", acl(state), acl(next), max_message).is_resequencing();
+      bring_along(before, after, max_message, form);
+    resequenced += AclChange("a", before, after, max_message).is_resequencing();
     if (::testing::Test::HasFailure()) return;
   }
   EXPECT_GT(resequenced, 200u);

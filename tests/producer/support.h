@@ -1,4 +1,4 @@
-// What the producer's tests share: a directory that goes away with its test, and short ways to make requests.
+// What the producer's tests share: a directory that goes away with its test, and short ways to make ACLs and requests.
 #ifndef ES_ACL_TESTS_PRODUCER_SUPPORT_H_
 #define ES_ACL_TESTS_PRODUCER_SUPPORT_H_
 
@@ -6,8 +6,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 
+#include "database.h"
 #include "es_acl/es_acl_wire.h"
 
 namespace es_acl::producer::test {
@@ -30,6 +32,27 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// An ACL's entries by number. What one says is a letter; an upper-case one is a remark.
+using Entries = std::map<uint32_t, char>;
+using State = std::map<std::string, Entries>;
+
+inline AclPtr make_acl(const std::string& name, const Entries& entries) {
+  std::vector<es_acl_ace> aces;
+  for (const auto& [number, content] : entries) {
+    es_acl_ace& ace = aces.emplace_back();
+    ace.seq = number;
+    ace.kind = content <= 'Z' ? ES_ACL_KIND_REMARK : ES_ACL_KIND_RULE;
+    ace.dst_addr[0] = static_cast<uint16_t>(content);
+  }
+  return std::make_shared<const Acl>(name, std::move(aces));
+}
+
+inline DatabasePtr make_database(const State& state) {
+  auto database = std::make_shared<Database>();
+  for (const auto& [name, entries] : state) database->add(make_acl(name, entries));
+  return database;
+}
 
 inline acl_pcx_query_req count_request(const std::string& name) {
   acl_pcx_query_req request{ACL_PCX_QUERY_ACE_COUNT, ES_ACL_PCX_VERSION, {}, {}};
