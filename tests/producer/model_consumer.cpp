@@ -63,10 +63,6 @@ void edit(std::map<uint32_t, AceRecord>* copy, const std::string& acl_name,
   }
 }
 
-std::pair<uint16_t, uint16_t> key_of(const es_acl_pcx_res_query_req& header) {
-  return {header.req_origin, header.req_num};
-}
-
 }  // namespace
 
 // A question does not wait for the reading.
@@ -92,7 +88,7 @@ void ModelConsumer::apply_now(const std::string& acl_name, std::span<const std::
   EXPECT_EQ(message.size(), header.num_aces * sizeof(AceRecord));
   Held question{acl_name, {}};
   while (!message.empty()) question.candidates.push_back(es_acl_wire_32(take<AceRecord>(&message).ace.seq));
-  EXPECT_TRUE(held.emplace(key_of(header), question).second);
+  EXPECT_TRUE(held.emplace(std::pair(header.req_origin, header.req_num), question).second);
 }
 
 std::optional<acl_pcx_cons_resp> ModelConsumer::answer(std::span<const std::byte> question) {
@@ -109,7 +105,7 @@ std::optional<acl_pcx_cons_resp> ModelConsumer::answer(std::span<const std::byte
   std::erase_if(held, [&](const auto& entry) {  // superseded
     return entry.first.first == header.req_origin && entry.first.second != header.req_num;
   });
-  const auto found = held.find(key_of(header));
+  const auto found = held.find({header.req_origin, header.req_num});
   const bool check = command == ACL_PCX_QUERY_RES_AVAIL;
   if (found == held.end()) {
     response.rc = check ? EINVAL : 0;
@@ -125,24 +121,11 @@ std::optional<acl_pcx_cons_resp> ModelConsumer::answer(std::span<const std::byte
   return behaviour.answers ? std::optional(response) : std::nullopt;
 }
 
-namespace {
-
-std::vector<AceRecord> ask_for_records(Service& service, const pcx_peer& peer, std::span<std::byte> request,
-                                       size_t most) {
-  std::vector<AceRecord> records(most);
-  uint32_t length = 0;
-  EXPECT_EQ(service.answer(peer, request, std::as_writable_bytes(std::span(records)), &length), 0u);
-  records.resize(length / sizeof(AceRecord));
-  return records;
-}
-
-}  // namespace
-
 // What is on its way to an earlier registration of the name does not reach the new one.
 void ModelConsumer::register_at(Service& service, const std::string& acl_name) {
   {
     const std::lock_guard lock(*mutex_);
-    if (!registered.contains(acl_name)) registered.insert(acl_name);
+    registered.insert(acl_name);
     unread_.insert(acl_name);
   }
   service.registered(peer, acl_name, false);
@@ -151,13 +134,20 @@ void ModelConsumer::register_at(Service& service, const std::string& acl_name) {
   copies[acl_name].clear();
 }
 
+std::vector<AceRecord> ModelConsumer::ask(Service& service, std::span<std::byte> request, size_t most) {
+  std::vector<AceRecord> records(most);
+  uint32_t length = 0;
+  EXPECT_EQ(service.answer(peer, request, std::as_writable_bytes(std::span(records)), &length), 0u);
+  records.resize(length / sizeof(AceRecord));
+  return records;
+}
+
 void ModelConsumer::read(Service& service, const std::string& acl_name, uint32_t batch,
                          const std::function<void()>& between) {
   std::vector<AceRecord> all;
   for (uint32_t start = 0;; between()) {
     acl_pcx_read_req request = read_request(acl_name, start, batch);
-    const auto records =
-        ask_for_records(service, peer, std::as_writable_bytes(std::span(&request, 1)), batch);
+    const auto records = ask(service, std::as_writable_bytes(std::span(&request, 1)), batch);
     all.insert(all.end(), records.begin(), records.end());
     if (records.size() < batch) return read_to_the_end(acl_name, all);
     start = es_acl_wire_32(records.back().ace.seq);
@@ -165,15 +155,8 @@ void ModelConsumer::read(Service& service, const std::string& acl_name, uint32_t
 }
 
 void ModelConsumer::read_in_bulk(Service& service, const std::string& acl_name) {
-  struct {
-    acl_pcx_bulk_req header{ACL_PCX_READ_ACES_BULK, ES_ACL_PCX_VERSION, 1, 1};
-    char name[ES_ACL_NAME_FIELD_SIZE] = {};
-  } request;
-  es_acl_wire_bulk_req_order(&request.header);
-  es_acl_wire_set_name(request.name, acl_name.c_str());
-  const auto bytes = std::as_writable_bytes(std::span(&request, 1));
-  read_to_the_end(acl_name, ask_for_records(service, peer,
-                                            bytes.first(sizeof request.header + sizeof request.name), 4096));
+  auto request = bulk_request(ACL_PCX_READ_ACES_BULK, {acl_name});
+  read_to_the_end(acl_name, ask(service, request, 4096));
 }
 
 void ModelConsumer::read_to_the_end(const std::string& acl_name, const std::vector<AceRecord>& records) {
@@ -183,14 +166,6 @@ void ModelConsumer::read_to_the_end(const std::string& acl_name, const std::vect
   for (const auto& message : std::exchange(parked_[acl_name], {})) apply_now(acl_name, message);
   unread_.erase(acl_name);
 }
-
-uint32_t ModelBus::publish(const std::string& name) {
-  if (name == unpublishable) return ENOMEM;
-  published.insert(name);
-  return 0;
-}
-
-void ModelBus::unpublish(const std::string& name) noexcept { published.erase(name); }
 
 uint32_t ModelBus::push_to(uint64_t peer, const std::string& name,
                            std::span<const std::byte> message) noexcept {

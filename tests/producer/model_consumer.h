@@ -2,6 +2,7 @@
 #ifndef ES_ACL_TESTS_PRODUCER_MODEL_CONSUMER_H_
 #define ES_ACL_TESTS_PRODUCER_MODEL_CONSUMER_H_
 
+#include <cerrno>
 #include <functional>
 #include <map>
 #include <memory>
@@ -54,6 +55,7 @@ struct ModelConsumer {
   std::vector<std::string> released;                   // "a 10 20": set aside for these, and then not needed
 
  private:
+  std::vector<AceRecord> ask(Service& service, std::span<std::byte> request, size_t most);
   void apply_now(const std::string& acl_name, std::span<const std::byte> message);
   void read_to_the_end(const std::string& acl_name, const std::vector<AceRecord>& records);
 
@@ -64,8 +66,10 @@ struct ModelConsumer {
 
 class ModelBus final : public BusPort {
  public:
-  uint32_t publish(const std::string& name) override;
-  void unpublish(const std::string& name) noexcept override;
+  uint32_t publish(const std::string& name) override {
+    return name == unpublishable ? ENOMEM : (published.insert(name), 0);
+  }
+  void unpublish(const std::string& name) noexcept override { published.erase(name); }
   uint32_t push_to(uint64_t peer, const std::string& name,
                    std::span<const std::byte> message) noexcept override;
   std::vector<Answer> ask(const std::string& name, std::span<const std::byte> question,

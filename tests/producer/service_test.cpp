@@ -12,32 +12,17 @@
 
 namespace es_acl::producer {
 
+using test::bulk_request;
+using test::Bytes;
+using test::bytes_of;
 using test::count_request;
 using test::make_database;
 using test::read_request;
 
-using Bytes = std::vector<std::byte>;
 using Sequences = std::vector<uint32_t>;
 
 constexpr pcx_peer kPeer = {1, 100, 0};
 constexpr pcx_peer kOther = {2, 200, 0};
-
-template <typename Record>
-Bytes bytes_of(const Record& record) {
-  const auto bytes = std::as_bytes(std::span(&record, 1));
-  return {bytes.begin(), bytes.end()};
-}
-
-Bytes bulk_request(uint32_t command, const std::vector<std::string>& names) {
-  acl_pcx_bulk_req header{command, ES_ACL_PCX_VERSION, static_cast<uint32_t>(names.size()), 1};
-  es_acl_wire_bulk_req_order(&header);
-  Bytes request = bytes_of(header);
-  for (const std::string& name : names) {
-    request.resize(request.size() + ES_ACL_NAME_FIELD_SIZE);
-    es_acl_wire_set_name(reinterpret_cast<char*>(&request.end()[-ES_ACL_NAME_FIELD_SIZE]), name.c_str());
-  }
-  return request;
-}
 
 Bytes with_word(Bytes request, size_t offset, uint32_t value) {
   value = es_acl_wire_32(value);

@@ -68,6 +68,25 @@ inline acl_pcx_read_req read_request(const std::string& name, uint32_t start_seq
   return request;
 }
 
+using Bytes = std::vector<std::byte>;
+
+template <typename Record>
+Bytes bytes_of(const Record& record) {
+  const auto bytes = std::as_bytes(std::span(&record, 1));
+  return {bytes.begin(), bytes.end()};
+}
+
+inline Bytes bulk_request(uint32_t command, const std::vector<std::string>& names) {
+  acl_pcx_bulk_req header{command, ES_ACL_PCX_VERSION, static_cast<uint32_t>(names.size()), 1};
+  es_acl_wire_bulk_req_order(&header);
+  Bytes request = bytes_of(header);
+  for (const std::string& name : names) {
+    request.resize(request.size() + ES_ACL_NAME_FIELD_SIZE);
+    es_acl_wire_set_name(reinterpret_cast<char*>(&request.end()[-ES_ACL_NAME_FIELD_SIZE]), name.c_str());
+  }
+  return request;
+}
+
 }  // namespace es_acl::producer::test
 
 #endif  // ES_ACL_TESTS_PRODUCER_SUPPORT_H_
