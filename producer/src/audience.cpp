@@ -8,7 +8,7 @@ namespace es_acl::producer {
 void Audience::add(uint64_t peer, std::string_view name) { member(peer, name).armed.reset(); }
 
 bool Audience::renew(uint64_t peer, std::string_view name) {
-  if (find(peer, name) != nullptr) return false;
+  if (const Member* known = find(peer, name); known != nullptr && !known->armed) return false;
   member(peer, name).armed = Form::kByNumber;
   return true;
 }
