@@ -1,6 +1,5 @@
 #include "config_watch.h"
 
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@ namespace es_acl::producer {
 namespace {
 
 constexpr std::chrono::milliseconds kSettling{100};
+constexpr std::chrono::milliseconds kLongestSettling{1000};
 
 // The file behind the name, symbolic links followed.
 struct stat look_at(const std::string& file) {
@@ -34,7 +34,8 @@ ConfigWatch::ConfigWatch(const std::string& file)
   const std::filesystem::path parent = std::filesystem::path(file).parent_path();
   const std::string directory = parent.empty() ? std::string(1, '.') : parent.string();
   fd_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (fd_ >= 0 && ::inotify_add_watch(fd_, directory.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) >= 0) return;
+  if (fd_ >= 0 && ::inotify_add_watch(fd_, directory.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) >= 0)
+    return;
   log_line(directory + ": cannot be watched for changes, only SIGHUP is heeded: " + std::strerror(errno));
 }
 
@@ -53,7 +54,7 @@ bool ConfigWatch::take_change() {
   for (ssize_t bytes; fd_ >= 0 && (bytes = ::read(fd_, events, sizeof events)) > 0;) {
     for (const char* at = events; at < events + bytes;) {
       const auto* event = reinterpret_cast<const inotify_event*>(at);
-      if (concerns_file(event->len != 0 ? event->name : "")) due_ = Clock::now() + kSettling;
+      if (concerns_file(*event)) postpone();
       at += sizeof *event + event->len;
     }
   }
@@ -63,9 +64,21 @@ bool ConfigWatch::take_change() {
   return true;
 }
 
+// A directory in which something is written all the time must not keep a change back for ever.
+void ConfigWatch::postpone() {
+  const Clock::time_point now = Clock::now();
+  if (!due_) latest_ = now + kLongestSettling;
+  due_ = std::min(now + kSettling, latest_);
+}
+
 // Another name in the directory matters when it is part of the way to the file. An event without a name says that
-// events have been lost.
-bool ConfigWatch::concerns_file(const std::string& name) {
+// events have been lost. A new file is still to be written; a new link is all there.
+bool ConfigWatch::concerns_file(const inotify_event& event) const {
+  const std::string name = event.len != 0 ? event.name : "";
+  if ((event.mask & IN_CREATE) != 0) {
+    std::error_code ignored;
+    return name == base_name_ && std::filesystem::is_symlink(file_, ignored);
+  }
   return name == base_name_ || name.empty() || !same_file(seen_, look_at(file_));
 }
 

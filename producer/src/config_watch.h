@@ -1,11 +1,12 @@
 // Notices that the configuration file has changed, however that is done: written in place, replaced by another file,
 // or reached by a symbolic link that now leads elsewhere. Watches the directory, and reports a change when the file has
-// been left alone for a moment.
+// been left alone for a moment, or when that moment does not come.
 //
 // Not thread-safe.
 #ifndef ES_ACL_PRODUCER_CONFIG_WATCH_H_
 #define ES_ACL_PRODUCER_CONFIG_WATCH_H_
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -32,13 +33,15 @@ class ConfigWatch {
  private:
   using Clock = std::chrono::steady_clock;
 
-  bool concerns_file(const std::string& name);
+  bool concerns_file(const inotify_event& event) const;
+  void postpone();
 
   const std::string file_;
   std::string base_name_;
   int fd_ = -1;
   struct stat seen_ {};  // the file as it was when it was last looked at
   std::optional<Clock::time_point> due_;
+  Clock::time_point latest_;  // of due_
 };
 
 }  // namespace es_acl::producer

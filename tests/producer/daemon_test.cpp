@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "es_platform/dsv.h"
 #include "es_platform/evm.h"
@@ -130,10 +131,24 @@ TEST_F(Daemon, FollowsItsConfigurationUntilItIsEnded) {
   expect_line(says + "acl 'c' (new)");
   std::filesystem::rename(files.write("new.json", configuration({"a", "b"})), linked);
   expect_line(says + "acl 'c' (dropped)");
+  // A new link, in a directory that is never left alone.
+  std::atomic<bool> told{false}, told_in_time{true};
+  std::thread writer([&] {
+    for (int left = 1000; !told && told_in_time; told_in_time = --left != 0) {
+      files.write("other", "");
+      ::usleep(10000);
+    }
+  });
+  std::filesystem::remove(linked);
+  std::filesystem::create_symlink(files.path("c.json"), linked);
+  expect_line(says + "acl 'c' (new)");
+  told = true;
+  writer.join();
+  EXPECT_TRUE(told_in_time);
   files.write("link.json", configuration({"a", "trace"}));
   expect_line("es-acl-producer: " + linked + ":3: ");
   files.write("link.json", configuration({"a", "b"}));
-  expect_line(says + "nothing has changed");
+  expect_line(says + "acl 'c' (dropped)");
   ::kill(pid, SIGHUP);
   expect_line(says + "nothing has changed");
 
