@@ -316,6 +316,27 @@ TEST_F(BusFaults, ConsumerGetsMalformedEvents) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<ptrdiff_t>(std::size(bad))) << text;
 }
 
+// The event connection is lost while a read is under way, and the registration is made again, as new, before the answer
+// comes: what the answer shows is not what the producer takes to be known, so the read goes out again.
+TEST_F(BusFaults, AnswerFromBeforeTheRegistration) {
+  std::atomic<int> reads{0}, registrations{0};
+  std::atomic<bool> over{false};
+  const RawProducer producer(name, [&](int fd, const Header& first, const std::string&) {
+    if (first.kind == kReadKind) {
+      const bool early = ++reads == 1;
+      EXPECT_TRUE(eventually([&] { return registrations == 2; }));
+      send_all(fd, frame({.kind = kAnswer, .length = 4, .tag = first.tag}, early ? "then" : "now."));
+    } else if (first.kind == kSubscribe) {
+      EXPECT_EQ(first.word, 0U);
+      const bool lost = ++registrations == 1;
+      EXPECT_TRUE(eventually([&] { return lost ? reads == 1 : over.load(); }));
+    }
+  });
+  const Registration registration(name, "n", recorder);
+  EXPECT_EQ(read(registration.handle, "r").answer, "now.");
+  over = true;
+}
+
 // Runs as another user in a process of its own.
 template <typename Body>
 pid_t as_nobody(Body body) {

@@ -78,9 +78,9 @@ void UnixEvents::append_change_locked(const FrameHeader& header, const void* pay
   }
 }
 
-uint64_t UnixEvents::settle(const Deadline& deadline) {
+UnixEvents::Standing UnixEvents::settle(const Deadline& deadline) {
   std::unique_lock lock(mutex_);
-  if (topics_.empty()) return 0;
+  if (topics_.empty()) return {};
   if (current_ == nullptr || hung_up(current_->get())) connect_locked();
   while (!out_.empty() && deadline.left_ms() > 0) {
     const Connection connection = current_;
@@ -89,12 +89,14 @@ uint64_t UnixEvents::settle(const Deadline& deadline) {
     lock.lock();
     if (current_ == connection) flush_locked();
   }
-  return order_;
+  return {order_, connections_};
 }
 
-void UnixEvents::answered(uint64_t order) {
+bool UnixEvents::answered(const Standing& standing) {
   std::lock_guard lock(mutex_);
-  answered_order_ = std::max(answered_order_, order);
+  if (standing.connection != connections_ && standing.order > renewed_order_) return false;
+  answered_order_ = std::max(answered_order_, standing.order);
+  return true;
 }
 
 // --- The connection ---
@@ -108,6 +110,8 @@ bool UnixEvents::connect_locked() {
     out_.clear();
     append_all_locked();
     current_ = std::move(fresh);
+    ++connections_;
+    renewed_order_ = answered_order_;
   } catch (const std::bad_alloc&) {
     lose_locked();
     return false;

@@ -35,12 +35,18 @@ class UnixEvents {
 
   void subscribe(uint64_t topic, std::string_view name);
   void unsubscribe(uint64_t topic) noexcept;
-  // Sees to it that all changes are on their way, as far as there is a producer, and returns the last one's
-  // number; 0 when nothing is subscribed.
-  uint64_t settle(const Deadline& deadline);
-  // A request sent behind that change has been answered: the subscriptions up to it, made again after a lost
-  // connection, are renewed ones.
-  void answered(uint64_t order);
+  // What a request goes out behind: the last change's number, 0 when nothing is subscribed, and the connection that
+  // brings it.
+  struct Standing {
+    uint64_t order = 0;
+    uint64_t connection = 0;
+  };
+  // Sees to it that all changes are on their way, as far as there is a producer.
+  Standing settle(const Deadline& deadline);
+  // A request sent behind it has been answered: the subscriptions up to it, made again after a lost connection, are
+  // renewed ones. False when they have been made again already, as new ones: to the producer nobody has read behind
+  // those, so the request has to go out once more.
+  bool answered(const Standing& standing);
 
   // --- Delivery thread only ---
 
@@ -77,6 +83,8 @@ class UnixEvents {
   std::map<uint64_t, Topic> topics_;
   uint64_t order_ = 0;           // number of the last change
   uint64_t answered_order_ = 0;  // number of the last change behind which a request has been answered
+  uint64_t connections_ = 0;     // made so far
+  uint64_t renewed_order_ = 0;   // what answered_order_ was when the last of them was made
   Connection current_;           // where changes and responses go; null when there is none
   OutQueue out_;                 // waits for current_
 

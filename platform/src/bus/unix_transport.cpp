@@ -29,11 +29,14 @@ class UnixLink final : public Link {
 
   uint32_t request(const void* request, uint32_t length, void* answer, uint32_t* answer_length,
                    Deadline deadline) override {
-    const uint64_t order = events_.settle(deadline);
-    const FrameHeader header = make_frame(FrameKind::read, length, 0, *answer_length, order);
-    const uint32_t status = requests_.exchange(header, request, answer, answer_length, deadline);
-    if (status == 0) events_.answered(order);
-    return status;
+    const uint32_t capacity = *answer_length;
+    for (;;) {
+      const UnixEvents::Standing standing = events_.settle(deadline);
+      const FrameHeader header = make_frame(FrameKind::read, length, 0, capacity, standing.order);
+      const uint32_t status = requests_.exchange(header, request, answer, answer_length, deadline);
+      if (status != 0 || events_.answered(standing)) return status;
+      *answer_length = capacity;
+    }
   }
 
   void subscribe(uint64_t topic, std::string_view name) override { events_.subscribe(topic, name); }
