@@ -4,7 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -29,28 +29,28 @@ std::vector<es_diag::region> regions_of(pid_t pid) {
   return es_diag::read_directory(diagnostics_directory(), std::nullopt, pid).regions;
 }
 
-size_t files_of(pid_t pid) {
-  size_t count = 0;
-  for (const auto& file : fs::directory_iterator(diagnostics_directory())) {
-    count += file.path().filename().string().starts_with(std::to_string(pid) + '.') ? 1 : 0;
-  }
-  return count;
+ptrdiff_t files_of(pid_t pid) {
+  return std::count_if(fs::directory_iterator(diagnostics_directory()), {}, [pid](const auto& file) {
+    return file.path().filename().string().starts_with(std::to_string(pid) + '.');
+  });
 }
 
-struct ended_child {
-  pid_t pid;
-  int code;
-};
-
-// Runs `body` in a forked child, which ends at once with its result.
+// Runs `body` in a forked child, which ends at once with its result; it is not reaped yet.
 template <typename Body>
-ended_child in_child(Body body) {
+pid_t zombie(Body body) {
   const pid_t child = fork();
   if (child == 0) _exit(body());
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return {child, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+  siginfo_t ended;
+  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(ended.si_status, 0);
+  return child;
+}
+
+template <typename Body>
+pid_t ended_child(Body body) {
+  const pid_t child = zombie(body);
+  waitpid(child, nullptr, 0);
+  return child;
 }
 
 // Opens a trace buffer; 0 when this process then has exactly one file.
@@ -66,90 +66,67 @@ class DiagFile : public testing::Test {
   rlog_ctx* ctx = nullptr;
 };
 
-TEST_F(DiagFile, AForkedChildWritesToMemoryOfItsOwn) {
-  _rlog_1(ctx, "parent", "before", 1);
-  const size_t before = files_of(getpid());
-  const ended_child child = in_child([&] {
+TEST_F(DiagFile, AForkedChildHasMemoryAndFilesOfItsOwn) {
+  const ptrdiff_t mine = files_of(getpid());
+  ended_child([&] {
     _rlog_1(ctx, "child", "after", 2);
     return open_only_buffer();
   });
-  EXPECT_EQ(child.code, 0) << "what the child makes is its own";
-  _rlog_1(ctx, "parent", "after", 3);
-  EXPECT_EQ(files_of(getpid()), before);
-  const auto entries = es_diag::decode_trace(region_called(diag_kind::trace, "/file/_t")).entries;
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[1].operation, "parent");
-}
-
-TEST_F(DiagFile, ExitTakesTheFilesAway) {
-  const size_t mine = files_of(getpid());
-  const ended_child ended = in_child([]() -> int { std::exit(open_only_buffer()); });
-  EXPECT_EQ(ended.code, 0);
-  EXPECT_EQ(files_of(ended.pid), 0u);
+  EXPECT_EQ(files_of(ended_child([]() -> int { std::exit(open_only_buffer()); })), 0)
+      << "exit takes them away";
   EXPECT_EQ(files_of(getpid()), mine) << "and those of nobody else";
+  EXPECT_TRUE(es_diag::decode_trace(region_called(diag_kind::trace, "/file/_t")).entries.empty());
 }
 
 TEST_F(DiagFile, WhatTheDeadLeaveStaysReadableUntilItIsRemoved) {
-  const ended_child older = in_child(open_only_buffer), dead = in_child(open_only_buffer);
+  const pid_t older = ended_child(open_only_buffer), dead = zombie(open_only_buffer);
   const std::string directory = diagnostics_directory(), mine = directory + '/' + std::to_string(getpid());
-  const std::string not_ours = directory + '/' + std::to_string(dead.pid) + ".trace.77";
+  const std::string not_ours = directory + '/' + std::to_string(dead) + ".trace.77";
   std::ofstream(not_ours) << std::string(1000, 'x');
-  for (const es_diag::region& one : regions_of(older.pid))
+  for (const es_diag::region& one : regions_of(older))
     fs::last_write_time(one.path, fs::last_write_time(one.path) - std::chrono::hours(1));
-  for (int i = 0; i < 2; ++i) {
-    const auto left = regions_of(dead.pid);
-    ASSERT_EQ(left.size(), 1u) << "reading removes nothing";
-    EXPECT_TRUE(left[0].dead);
-  }
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(regions_of(dead).at(0).dead) << "reading removes nothing";
   // The id of this process, which started later.
   es_platform::diag_header earlier{};
   std::copy(std::begin(es_platform::kDiagMagic), std::end(es_platform::kDiagMagic), earlier.magic);
   earlier.pid = getpid();
   earlier.process_start = es_platform::diag_process_start(getpid()) - 1;
   std::ofstream(mine + ".trace.9999").write(reinterpret_cast<const char*>(&earlier), sizeof earlier);
-  const size_t files = files_of(getpid());
+  const ptrdiff_t files = files_of(getpid());
 
   es_platform::diag_remove_dead(directory, {.owner = geteuid() + 1}, 0);
   es_platform::diag_remove_dead(directory, {}, 2);
-  EXPECT_EQ(files_of(older.pid), 0u) << "the oldest go first";
-  EXPECT_EQ(files_of(dead.pid), 2u);
+  EXPECT_EQ(files_of(older), 0) << "the oldest go first";
+  EXPECT_EQ(files_of(dead), 2);
   EXPECT_EQ(files_of(getpid()), files);
   es_platform::diag_remove_dead(directory, {}, 0);
   EXPECT_EQ(files_of(getpid()), files - 1);
-  EXPECT_EQ(files_of(dead.pid), 1u) << "what is no diagnostics file stays";
+  EXPECT_EQ(files_of(dead), 1) << "what is no diagnostics file stays";
   EXPECT_TRUE(fs::remove(not_ours));
+  waitpid(dead, nullptr, 0);
 }
 
-TEST_F(DiagFile, AProcessThatItsParentHasNotReapedIsDead) {
-  const pid_t child = fork();
-  if (child == 0) _exit(open_only_buffer());
-  siginfo_t ended;
-  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
-  EXPECT_TRUE(regions_of(child).at(0).dead);
-  EXPECT_EQ(es_platform::diag_remove_dead(diagnostics_directory(), {.pid = child}, 0).files, 1u);
-  waitpid(child, nullptr, 0);
-}
-
-// 0 when every service that keeps diagnostics works where there can be no files.
-int use_without_directory() {
+// Whether every service that keeps diagnostics works where there can be no files.
+bool works_without_directory() {
   setenv("ES_DIAG_DIR", "/proc/nowhere/diag", 1);
   rlog_ctx* own = nullptr;
   debug_category* categories = nullptr;
   acl_client_relay_entry *main_block = nullptr, *error_block = nullptr;
   void* history = nullptr;
-  if (acl_rlog_init("/file/", "_t", 0, 16, &own) != 0) return 1;
-  if (acl_debug_init(&categories, nullptr, "/debug/x/", 3) != 0) return 2;
-  if (acl_client_relay_init("c", "p", &main_block, &error_block, &history) != 0) return 3;
+  const bool open = acl_rlog_init("/file/", "_t", 0, 16, &own) == 0 &&
+                    acl_debug_init(&categories, nullptr, "/debug/x/", 3) == 0 &&
+                    acl_client_relay_init("c", "p", &main_block, &error_block, &history) == 0;
+  if (!open) return false;
   _rlog_1(own, "op", "event", 1);
   main_block[1].count++;
   acl_rlog_close(own);
-  return 0;
+  return true;
 }
 
 // In a process of its own, where nothing has looked for the directory before.
 TEST(DiagFileDeathTest, WithoutADirectoryEverythingWorksInMemory) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
-  EXPECT_EXIT(_exit(use_without_directory()), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(_exit(works_without_directory() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 // What readers do with one file, whatever stands in it.
@@ -158,15 +135,6 @@ void decode_any(const es_diag::region& one) {
   if (one.kind == diag_kind::debug) es_diag::decode_categories(one);
   if (one.kind == diag_kind::counters) es_diag::decode_counters(one);
   if (one.kind == diag_kind::threads) es_diag::decode_threads(one);
-}
-
-std::vector<std::string> valid_files() {
-  std::vector<std::string> contents;
-  for (const es_diag::region& one : regions_of(getpid())) {
-    std::ifstream file(one.path, std::ios::binary);
-    contents.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-  }
-  return contents;
 }
 
 void damage(std::string& content, std::minstd_rand& random) {
@@ -187,7 +155,11 @@ TEST_F(DiagFile, ADamagedOneGivesAnErrorAndNothingWorse) {
   ASSERT_EQ(acl_debug_init(&categories, nullptr, "/debug/damaged/", 6), 0u);
   ASSERT_EQ(acl_client_relay_init("damaged", "p", &block, &block, &history), 0u);
   _rlog_str(ctx, "op", "event", "text", 1, 2);
-  const std::vector<std::string> valid = valid_files();
+  std::vector<std::string> valid;
+  for (const es_diag::region& one : regions_of(getpid())) {
+    std::ifstream file(one.path, std::ios::binary);
+    valid.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
   ASSERT_GE(valid.size(), 3u);
 
   const std::string directory = private_directory() + "/damaged";
