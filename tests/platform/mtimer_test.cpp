@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -9,6 +10,8 @@
 #include <memory>
 #include <random>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "virtual_clock.h"
 
@@ -74,28 +77,35 @@ class Mtimer : public testing::Test {
   const uint64_t second = timer_one_second();
 };
 
-TEST_F(Mtimer, LeavesExpireOnceAtTheirTimeInItsOrder) {
-  mtimer_leaf *first = leaf(&a), *other = leaf(&b), *last = leaf(&c);
-  EXPECT_EQ(mtimer_leaf_get_type(first), 7);
-  mtimer_leaf_start(last, 2 * second);
-  mtimer_leaf_start(other, second);
-  mtimer_leaf_start(first, second);
-  EXPECT_EQ(after(second - 1), "");
-  EXPECT_EQ(after(1), "ba") << "of equal times the one started first";
-  EXPECT_EQ(after(second), "c");
-  EXPECT_EQ(after(10 * second), "");
-}
-
-TEST_F(Mtimer, StartingAgainGivesTheFullDelayFromNow) {
-  mtimer_leaf* one = leaf(&a);
-  mtimer_leaf_start(one, second);
-  EXPECT_EQ(after(second - 1), "");
-  mtimer_leaf_start(one, second);
-  EXPECT_EQ(after(second - 1), "");
-  EXPECT_EQ(after(1), "a");
-  mtimer_leaf_start(one, 5 * second);
-  mtimer_leaf_start(one, second);
-  EXPECT_EQ(after(second), "a") << "also when that is earlier";
+// Random starts, stops and passing time beside a plain list: each leaf at its time, of equal times the one started
+// first, and started again with its full delay from then on.
+TEST_F(Mtimer, BehavesAsAPlainSchedule) {
+  char names[] = "abcdefgh";
+  mtimer_leaf* leaves[8];
+  for (size_t i = 0; i < 8; ++i) leaves[i] = leaf(&names[i]);
+  EXPECT_EQ(mtimer_leaf_get_type(leaves[0]), 7);
+  std::vector<std::pair<uint64_t, char>> model;  // in the order of starting
+  std::minstd_rand random(5);
+  for (uint64_t step = 0, now = 0; step < 5000; ++step) {
+    const size_t which = random() % 8;
+    const uint64_t delay = random() % 4;
+    if (random() % 3 == 0) {
+      now += delay;
+      std::stable_sort(model.begin(), model.end(), [](auto& x, auto& y) { return x.first < y.first; });
+      std::string due;
+      for (const auto& [time, name] : model) due += time <= now ? std::string(1, name) : "";
+      std::erase_if(model, [&](const auto& one) { return one.first <= now; });
+      ASSERT_EQ(after(delay * second), due) << step;
+      continue;
+    }
+    std::erase_if(model, [&](const auto& one) { return one.second == names[which]; });
+    if (random() % 4 == 0) {
+      mtimer_leaf_stop(leaves[which]);
+    } else {
+      mtimer_leaf_start(leaves[which], delay * second);
+      model.emplace_back(now + delay, names[which]);
+    }
+  }
 }
 
 TEST_F(Mtimer, AStoppedOrRestartedLeafIsNotExpired) {
