@@ -38,12 +38,6 @@ SeqIndex::Path SeqIndex::path_to(uint32_t seq) const noexcept {
   return path;
 }
 
-es_acl_iter SeqIndex::word(const Place& place) noexcept {
-  if (place.leaf == nullptr) return nullptr;
-  const uintptr_t bits = (uintptr_t{place.leaf->number} << 8 | place.pos) + 1;
-  return reinterpret_cast<es_acl_iter>(bits);
-}
-
 Leaf* SeqIndex::hinted(es_acl_iter hint, uint32_t* pos) const noexcept {
   const uintptr_t bits =
       reinterpret_cast<uintptr_t>(hint) - 1;  // null becomes the largest number, which none has

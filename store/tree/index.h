@@ -72,7 +72,11 @@ class SeqIndex {
   // After the leaves' keys were changed (in ascending order), makes the inner nodes' keys agree.
   void rebuild_bounds() noexcept;
 
-  static es_acl_iter word(const Place& place) noexcept;
+  static es_acl_iter word(const Place& place) noexcept {
+    if (place.leaf == nullptr) return nullptr;
+    const uintptr_t bits = (uintptr_t{place.leaf->number} << 8 | place.pos) + 1;
+    return reinterpret_cast<es_acl_iter>(bits);
+  }
 
  private:
   // 4 billion keys in nodes of at least 16 stand 8 levels high.
