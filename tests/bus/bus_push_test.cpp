@@ -1,11 +1,10 @@
-// Registrations and what is pushed to them: order, handlers, back-pressure, producers that are late or come
-// back.
+// Registrations, what is pushed to them and what they are asked: order, handlers, back-pressure, deadlines,
+// producers that are late or come back.
 #include <unistd.h>
 
 #include <cstdlib>
+#include <map>
 #include <memory>
-#include <thread>
-#include <utility>
 
 #include "bus_fixture.h"
 
@@ -59,16 +58,6 @@ TEST_F(BusPush, NoReadOvertakesItsRegistration) {
   }
 }
 
-TEST_F(BusPush, ProducerComesLateAndAgain) {
-  const Registration registration(name, "n", recorder);
-  for (size_t round = 1; round <= 3; ++round) {
-    Producer producer(name);
-    ASSERT_TRUE(producer.has_consumers("n", 1));
-    EXPECT_EQ(producer.push("n", "m"), 1U);
-    ASSERT_TRUE(recorder.has(round));
-  }
-}
-
 // The producer is told of a new registration while nothing can be pushed to it yet, and of a renewed one when
 // something can. Renewed is what the consumer has read behind, whichever producer it read from.
 TEST_F(BusPush, ProducerIsToldWhetherARegistrationIsNew) {
@@ -80,19 +69,16 @@ TEST_F(BusPush, ProducerIsToldWhetherARegistrationIsNew) {
     while (!open) usleep(100);
     const uint32_t status = pcx_producer_push_to(producer->get(), who.id, kWrite, acl.c_str(), "p", 1);
     const std::lock_guard lock(mutex);
-    told.push_back(acl +
-                   (renewed == 1   ? " again"
-                    : renewed == 0 ? " new"
-                                   : " ?") +
-                   (status == 0 ? " reached" : " not reached"));
+    told.push_back(acl + " " + std::to_string(renewed) + (status == 0 ? " reached" : ""));
   };
   const auto expect_told = [&](std::vector<std::string> expected) {
-    EXPECT_TRUE(eventually([&] {
+    const auto all = [&] {
       const std::lock_guard lock(mutex);
-      return told.size() >= expected.size();
-    }));
-    const std::lock_guard lock(mutex);
-    EXPECT_EQ(std::exchange(told, {}), expected);
+      return told;
+    };
+    EXPECT_TRUE(eventually([&] { return all().size() >= expected.size(); }));
+    EXPECT_EQ(all(), expected);
+    told.clear();
   };
   const auto restart = [&] {
     open = false;
@@ -102,16 +88,16 @@ TEST_F(BusPush, ProducerIsToldWhetherARegistrationIsNew) {
   };
   const Registration before(name, "before", recorder);  // registered while there is no producer
   restart();
-  expect_told({"before new not reached"});
+  expect_told({"before 0"});
   const Registration read_behind(name, "read", recorder);
   ASSERT_EQ(read(read_behind.handle, "echo x").status, 0U);
   auto gone = std::make_unique<Registration>(name, "gone", recorder);
   const Registration unread(name, "unread", recorder);
   gone = nullptr;
-  expect_told({"read new not reached", "gone new not reached", "unread new not reached"});
+  expect_told({"read 0", "gone 0", "unread 0"});
   ASSERT_TRUE(producer->has_consumers("unread", 1));
   restart();
-  expect_told({"before again reached", "read again reached", "unread new not reached"});
+  expect_told({"before 1 reached", "read 1 reached", "unread 0"});
   producer = nullptr;
 }
 
@@ -137,26 +123,18 @@ TEST_F(BusPush, HandlerReadsFromASuccessor) {
 TEST_F(BusPush, UnregisterWaitsForItsHandler) {
   Producer producer(name);
   for (int i = 0; i < 50; ++i) {
-    std::atomic<bool> inside{false}, leave{false}, withdrawn{false};
-    Recorder held;
-    held.during = [&] {
+    std::atomic<bool> inside{false}, withdrawn{false};
+    recorder.during = [&] {
       inside = true;
-      while (!leave) usleep(100);
+      usleep(1000);
       EXPECT_FALSE(withdrawn);
     };
-    auto registration = std::make_unique<Registration>(name, "n", held);
+    auto registration = std::make_unique<Registration>(name, "n", recorder);
     ASSERT_TRUE(producer.has_consumers("n", 1));
-    producer.push("n", "one");
-    producer.push("n", "two");
+    for (const char* message : {"one", "two"}) producer.push("n", message);
     ASSERT_TRUE(eventually([&] { return inside.load(); }));
-    std::thread withdrawer([&] {
-      registration.reset();
-      withdrawn = true;
-    });
-    usleep(1000);
-    EXPECT_FALSE(withdrawn);
-    leave = true;
-    withdrawer.join();
+    registration.reset();
+    withdrawn = true;
     ASSERT_TRUE(producer.has_consumers("n", 0));
   }
 }
@@ -169,8 +147,7 @@ TEST_F(BusPush, HandlerWithdraws) {
   Registration first(name, "n", recorder), second(name, "n", two);
   std::unique_ptr<Registration> third;
   recorder.during = [&] {
-    EXPECT_EQ(pcx_unregister(first.handle), 0U);
-    EXPECT_EQ(pcx_unregister(second.handle), 0U);
+    for (void* handle : {first.handle, second.handle}) EXPECT_EQ(pcx_unregister(handle), 0U);
     third = std::make_unique<Registration>(name, "n", three);
   };
   ASSERT_TRUE(producer.has_consumers("n", 1));
@@ -190,17 +167,12 @@ TEST_F(BusPush, BulkRegistrationGoesOnPastABadName) {
   uint32_t* codes = nullptr;
   ASSERT_EQ(dsv_register_bulk(class_handle(name), names, 3, &handles, &codes), 0U);
   EXPECT_EQ(handles[1], nullptr);
-  // Nothing can tell one registration's context from another's here, so the handler counts for all.
-  static std::atomic<int> heard;
-  const pcx_handler count = [](uint64_t, uint32_t, void*, uint32_t, void**, uint32_t*) { ++heard; };
+  const pcx_handler ignore = [](uint64_t, uint32_t, void*, uint32_t, void**, uint32_t*) {};
   const uint32_t most = pcx_get_num_bulk_handles(class_handle(name));
-  EXPECT_EQ(pcx_bulk_register(handles, codes, most + 1, 0, 0, 0, count), 22U);
-  EXPECT_EQ(pcx_bulk_register(handles, codes, 3, 0, 0, 0, count), 0U);
+  EXPECT_EQ(pcx_bulk_register(handles, codes, most + 1, 0, 0, 0, ignore), 22U);
+  EXPECT_EQ(pcx_bulk_register(handles, codes, 3, 0, 0, 0, ignore), 0U);
   EXPECT_EQ(codes[1], 22U);
-  ASSERT_TRUE(producer.has_consumers("a", 1) && producer.has_consumers("b", 1));
-  producer.push("a", "x");
-  producer.push("b", "x");
-  EXPECT_TRUE(eventually([&] { return heard == 2; }));
+  EXPECT_TRUE(producer.has_consumers("a", 1) && producer.has_consumers("b", 1));
   for (const int good : {0, 2}) EXPECT_EQ(pcx_unregister(handles[good]), 0U);
   free(handles);
   free(codes);
@@ -225,6 +197,58 @@ TEST_F(BusPush, SlowConsumerCostsOnlyItself) {
   const auto log = Producer::take_log();
   ASSERT_EQ(log.size(), 1U);
   EXPECT_NE(log[0].find(std::to_string(slow.pid())), std::string::npos);
+}
+
+// Synchronous requests: every consumer's answer, or why there is none.
+using Answers = std::map<int32_t, std::pair<uint32_t, std::string>>;  // status and response by process id
+
+Answers ask(Producer& producer, const std::string& question, uint32_t deadline_ms) {
+  Answers answers;
+  const auto gather = [](void* user, const pcx_sync_answer* one) {
+    EXPECT_EQ(one->response == nullptr, one->response_length == 0);
+    const std::string response(static_cast<const char*>(one->response), one->response_length);
+    auto& all = *static_cast<Answers*>(user);
+    EXPECT_TRUE(all.try_emplace(one->peer.pid, one->status, response).second);
+  };
+  EXPECT_EQ(pcx_producer_sync(producer.get(), "n", question.data(), static_cast<uint32_t>(question.size()),
+                              deadline_ms, gather, &answers),
+            0U);
+  return answers;
+}
+
+TEST_F(BusPush, AnswersComeBehindWhatWasPushed) {
+  Producer producer(name);
+  EXPECT_TRUE(ask(producer, "anybody?", 1000).empty());
+  const Registration registration(name, "n", recorder);
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  for (const std::string& response : {std::string("yes"), std::string(), std::string(1000000, 'r')}) {
+    recorder.response = response;
+    producer.push("n", "before");
+    const Answers answers = ask(producer, "well?", 10000);
+    EXPECT_TRUE((answers == Answers{{getpid(), {0, response}}}));
+    const auto messages = recorder.messages();
+    EXPECT_EQ(messages.at(messages.size() - 2), "before");
+    EXPECT_EQ(messages.back(), "well?");
+  }
+}
+
+TEST_F(BusPush, OneDiesAndOneNeverAnswers) {
+  Producer producer(name);
+  recorder.response = "yes";
+  const Registration registration(name, "n", recorder);
+  Child dying("die", name), hanging("hang", name);
+  ASSERT_TRUE(producer.has_consumers("n", 3));
+  const uint64_t start = now_ms();
+  const Answers answers = ask(producer, "well?", 500);
+  EXPECT_GE(now_ms() - start, 500U);
+  EXPECT_LT(now_ms() - start, 3000U);
+  EXPECT_EQ(answers, (Answers{{getpid(), {0, "yes"}}, {dying.pid(), {3, ""}}, {hanging.pid(), {62, ""}}}));
+  // What they had is gone with them, and an answer that is not awaited any more belongs to no later request.
+  hanging.kill_now();
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  EXPECT_TRUE(eventually([&] { return producer.gone == 2; }));
+  EXPECT_EQ(pcx_producer_consumers(producer.get(), nullptr), 1U);
+  EXPECT_EQ(ask(producer, "again?", 10000).size(), 1U);
 }
 
 }  // namespace

@@ -46,22 +46,14 @@ TEST_F(BusRequests, BadNamesAndHandlesAreRefused) {
   }
 }
 
-TEST_F(BusRequests, PublishedNamesHaveAnAddress) {
-  Producer producer(name);
-  EXPECT_EQ(pcx_producer_publish(producer.get(), "n"), 0U);
-  EXPECT_EQ(pcx_producer_publish(producer.get(), "n"), 0U);
-  EXPECT_EQ(read(address(name, "n"), "echo hello").answer, "hello");
-  EXPECT_EQ(address(name, "m"), nullptr);
-  EXPECT_EQ(address(name, ""), nullptr);
-  EXPECT_EQ(pcx_producer_unpublish(producer.get(), "n"), 0U);
-  EXPECT_EQ(pcx_producer_unpublish(producer.get(), "n"), 2U);
-  EXPECT_EQ(address(name, "n"), nullptr);
-}
-
 TEST_F(BusRequests, Answers) {
   Producer producer(name);
   const Registration registration(name, "n", recorder);
   EXPECT_EQ(pcx_query_producer(registration.handle), 0U);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(pcx_producer_publish(producer.get(), "n"), 0U);
+  EXPECT_EQ(address(name, "m"), nullptr);
+  for (const uint32_t status : {0U, 2U}) EXPECT_EQ(pcx_producer_unpublish(producer.get(), "n"), status);
+  EXPECT_EQ(address(name, "n"), nullptr);
   const struct {
     std::string request;
     uint32_t capacity, status;
@@ -117,16 +109,10 @@ TEST_F(BusProducer, OneForAClass) {
 }
 
 TEST_F(BusProducer, OpeningFailsWithTheReason) {
-  const std::string usual = bus_directory(), file = usual + ".file";
-  fclose(fopen(file.c_str(), "w"));
-  for (const auto& [directory, status] :
-       {std::pair(file, 20U), std::pair(usual + std::string(100, 'd'), 36U)}) {
-    setenv("ES_PCX_DIR", directory.c_str(), 1);
-    Producer producer(name);
-    EXPECT_EQ(producer.status(), status);
-    EXPECT_EQ(producer.get(), nullptr);
-    EXPECT_NE(std::string(pcx_producer_error()).find(directory), std::string::npos) << pcx_producer_error();
-  }
+  const std::string usual = bus_directory(), directory = usual + std::string(100, 'd');
+  setenv("ES_PCX_DIR", directory.c_str(), 1);
+  EXPECT_EQ(Producer(name).status(), 36U);
+  EXPECT_NE(std::string(pcx_producer_error()).find(directory), std::string::npos) << pcx_producer_error();
   setenv("ES_PCX_DIR", usual.c_str(), 1);
 }
 
