@@ -4,9 +4,8 @@
 #include <latch>
 #include <thread>
 
-#include "es_acl/es_acl_callback.h"
 #include "es_acl/es_acl_wire.h"
-#include "library_fixture.h"
+#include "push_fixture.h"
 #include "scripted_callbacks.h"
 
 using namespace es_test;
@@ -23,36 +22,9 @@ uint32_t asked(es_acl_head* acl, uint32_t, const ace_edit_info*, int32_t, void*)
 uint32_t usage() { return on_usage(), 0; }
 void notified(es_acl_head* acl, uint32_t) { on_event(acl); }
 
-// --- Messages ---
-
-constexpr uint32_t kWrite = 6, kQuestion = 18, kAdd = 0, kRemove = 1, kReseq = 10, kUsage = 13,
-                   kResources = 14;
-
-void put_name(Bytes& bytes, size_t offset, const std::string& name) {
-  std::copy(name.begin(), name.end(), bytes.begin() + static_cast<long>(offset));
-}
-Bytes change(uint32_t command, const std::string& name, uint32_t seq) {
-  Bytes bytes = command == kReseq ? Bytes(88) : ace_record(seq);
-  put_32(bytes, 0, command);
-  put_32(bytes, 4, 1);
-  put_name(bytes, 8, name);
-  return bytes;
-}
-Bytes question_of_resources(const std::string& name, std::initializer_list<uint32_t> candidates) {
-  Bytes bytes(88);
-  put_32(bytes, 0, kResources);
-  put_32(bytes, 4, 1);
-  put_32(bytes, 16, static_cast<uint32_t>(candidates.size()));
-  put_name(bytes, 20, name);
-  const Bytes records = ace_records(candidates);
-  bytes.insert(bytes.end(), records.begin(), records.end());
-  return bytes;
-}
-void deliver(Bytes bytes, uint32_t type = kWrite) {
-  void* response = nullptr;
-  uint32_t length = 0;
-  es_acl_cpcx_handler(7, type, bytes.data(), static_cast<uint32_t>(bytes.size()), &response, &length);
-  free(response);
+// A change pushed to the ACL.
+void change(uint32_t command, const std::string& name, uint32_t seq) {
+  push(command == kReseq ? resequencing(0, 0, {}, name) : batch(command, {{seq}}, name));
 }
 
 // --- Waiting for one another ---
@@ -148,29 +120,21 @@ TEST_P(GateRelease, WaitsForTheCallbackOnAnotherThread) {
   EXPECT_EQ(teardown(), kOneTeardown);
 }
 
-TEST_P(GateRelease, InsideTheCallbackIsDoneAtItsEnd) {
+TEST_P(GateRelease, InsideTheCallbackIsDoneAtItsEndUnlessGotAgain) {
   es_acl_head* const acl = get_one("edge");
+  Held([acl] { GetParam().happen(acl); },
+       [acl] {
+         release({acl});
+         EXPECT_EQ(get({"edge"}).heads[0], acl);
+       })
+      .let_go();
+  EXPECT_EQ(teardown(), Lines{"the callback ends"});
+  EXPECT_EQ(acl->refcount, 1);
+  clear_log();
   Held([acl] { GetParam().happen(acl); }, [acl] { release({acl}); }).let_go();
   EXPECT_EQ(teardown(), kOneTeardown);
   EXPECT_EQ(lines_of({"I: Entering es_acl_start_cb_timer", "store."}).back(), kOneTeardown.back())
       << "it is used to the event's end";
-  EXPECT_EQ(records_out(), 0U);
-}
-
-TEST_P(GateRelease, GotAgainInsideTheCallback) {
-  es_acl_head* const acl = get_one("edge");
-  es_acl_head* again = nullptr;
-  Held([acl] { GetParam().happen(acl); },
-       [&] {
-         release({acl});
-         again = get({"edge"}).heads[0];
-       })
-      .let_go();
-  EXPECT_EQ(teardown(), Lines{"the callback ends"});
-  ASSERT_EQ(again, held("edge"));
-  EXPECT_EQ(again->refcount, 1);
-  release({again});
-  EXPECT_EQ(teardown(), kOneTeardown);
 }
 
 // Whoever gets it before the callback ends has it alive, and takes it down as usual.
@@ -186,7 +150,7 @@ TEST_P(GateRelease, GotAndReleasedElsewhereBeforeTheCallbackEnds) {
 }
 
 const Event kEvents[] = {
-    {"push", [](es_acl_head*) { deliver(change(kAdd, "edge", 5)); }},
+    {"push", [](es_acl_head*) { change(kAdd, "edge", 5); }},
     {"drain", [](es_acl_head* acl) { es_acl_invoke_list(acl); }},
 };
 INSTANTIATE_CASES(GateRelease, kEvents);
@@ -201,7 +165,7 @@ TEST_F(Gate, CallbacksReleaseEachOthersAcl) {
     release({of == edge ? core : edge});
   };
   std::thread drain([core] { es_acl_invoke_list(core); });
-  deliver(change(kAdd, "edge", 5));
+  change(kAdd, "edge", 5);
   drain.join();
   EXPECT_EQ(held_names(), Lines{});
   EXPECT_EQ(log_of("pcx_unregister").size(), 2U);
@@ -213,7 +177,7 @@ TEST_F(Gate, UsageCallbackReleasesAnAclThatIsDrained) {
   es_acl_register_check_usage_callback(usage);
   Held drain([acl] { es_acl_invoke_list(acl); }, [] {});
   on_usage = [acl] { release({acl}); };
-  deliver(change(kUsage, "edge", 0), kQuestion);
+  deliver(kSync, usage_question());
   EXPECT_EQ(held("edge"), acl);
   drain.let_go();
   EXPECT_EQ(teardown(), kOneTeardown);
@@ -228,7 +192,7 @@ TEST_F(Gate, GetMeetsATeardown) {
   std::thread getter;
   on_event = [&](es_acl_head*) { inside = get({"edge"}).status; };
   platform().pcx_unregister.next([&](void*) {
-    on_another_thread([] { deliver(change(kAdd, "core", 5)); });
+    on_another_thread([] { change(kAdd, "core", 5); });
     clear_log();
     getter = std::thread([&] { outside = get({"edge"}).heads[0]; });
     EXPECT_FALSE(comes([] { return !log_of("store.acl_lookup").empty(); }, std::chrono::milliseconds(50)));
@@ -272,13 +236,13 @@ TEST_F(GateFill, ChangesThatArriveMeanwhileAreMadeBehindItInOrder) {
   const std::thread::id filling = std::this_thread::get_id();
   on_event = [&](es_acl_head*) {
     EXPECT_EQ(std::this_thread::get_id(), filling);
-    if (++told == 2) on_another_thread([] { deliver(change(kAdd, "edge", 40)); });  // behind the last
+    if (++told == 2) on_another_thread([] { change(kAdd, "edge", 40); });  // behind the last
   };
   while_reading([] {
     on_another_thread([] {
-      deliver(change(kAdd, "edge", 30));
-      deliver(change(kReseq, "edge", 0));
-      deliver(change(kRemove, "edge", 10));
+      change(kAdd, "edge", 30);
+      change(kReseq, "edge", 0);
+      change(kRemove, "edge", 10);
     });
     EXPECT_EQ(changes(), Lines{});
   });
@@ -287,7 +251,7 @@ TEST_F(GateFill, ChangesThatArriveMeanwhileAreMadeBehindItInOrder) {
   EXPECT_EQ(changes(), (Lines{"add 10", "add 20", "add 30", "resequence", "delete 10", "add 40"}));
   EXPECT_EQ(held_sequence(got.heads[0]), (Numbers{20, 30, 40}));
   EXPECT_EQ(told, 3U);
-  deliver(change(kAdd, "edge", 50));
+  change(kAdd, "edge", 50);
   EXPECT_EQ(changes().back(), "add 50") << "the fill is over";
 }
 
@@ -303,7 +267,7 @@ TEST_F(GateFill, EndsThoughChangesKeepComing) {
   };
   while_reading([&] {
     flood = std::thread([&] {
-      for (uint32_t seq = 1; !enough; ++seq, ++sent) deliver(change(kAdd, "edge", seq));
+      for (uint32_t seq = 1; !enough; ++seq, ++sent) change(kAdd, "edge", seq);
     });
     EXPECT_TRUE(comes([&] { return sent > 2; }));
   });
@@ -313,10 +277,14 @@ TEST_F(GateFill, EndsThoughChangesKeepComing) {
   EXPECT_EQ(acl->ace_count, sent) << "none is lost";
 }
 
-TEST_F(GateFill, ChangeOnTheFillingThreadIsMadeAtOnce) {
-  while_reading([] { deliver(change(kAdd, "edge", 30)); });
+TEST_F(GateFill, OtherAclsAndTheFillingThreadGoOn) {
+  get({"core"});
+  while_reading([] {
+    on_another_thread([] { change(kAdd, "core", 40); });
+    change(kAdd, "edge", 30);
+  });
   get({"edge"});
-  EXPECT_EQ(changes(), (Lines{"add 30", "add 10", "add 20"}));
+  EXPECT_EQ(changes(), (Lines{"add 40", "add 30", "add 10", "add 20"}));
 }
 
 // It was on its way for an earlier copy, when this one's fill began: the read has it already.
@@ -332,34 +300,27 @@ TEST_F(GateFill, ChangeFromBeforeTheFillIsNotMade) {
     getter = std::thread([] { get({"edge"}); });
     reading.wait();
   });
-  deliver(change(kAdd, "edge", 30));
+  change(kAdd, "edge", 30);
   go.count_down();
   getter.join();
   EXPECT_EQ(changes(), (Lines{"add 10", "add 20"}));
 }
 
-TEST_F(GateFill, OtherAclsGoOn) {
-  get({"core"});
-  while_reading([] { on_another_thread([] { deliver(change(kAdd, "core", 30)); }); });
-  get({"edge"});
-  EXPECT_EQ(changes(), (Lines{"add 30", "add 10", "add 20"}));
-}
-
 // Without memory to keep a change the get fails: the list would have missed it.
 TEST_F(GateFill, FailedFillDropsWhatWasKept) {
-  const auto push = [](bool no_memory) {
+  const auto push_meanwhile = [](bool no_memory) {
     return [=] {
       on_another_thread([=] {
-        Bytes message = change(kAdd, "edge", 30);
+        const Bytes message = batch(kAdd, {{30}});
         if (no_memory) fail_allocation(1);
-        deliver(std::move(message));
+        push(message);
         EXPECT_EQ(end_allocation_failure(), no_memory);
       });
     };
   };
   on_event = [](es_acl_head*) { ADD_FAILURE() << "nobody is told"; };
   for (const uint32_t status : {5U, 12U}) {
-    while_reading(push(status == 12), status == 12 ? 0 : status);
+    while_reading(push_meanwhile(status == 12), status == 12 ? 0 : status);
     EXPECT_EQ(get({"edge"}).status, status);
     EXPECT_EQ(held("edge"), nullptr);
   }
@@ -375,8 +336,8 @@ TEST_F(GateFill, FailedFillWaitsForAQuestion) {
   es_acl_register_res_check_callback(asked, nullptr);
   es_acl_register_check_usage_callback(usage);
   const auto ask = [] {
-    deliver(question_of_resources("edge", {30}));
-    deliver(question_of_resources("edge", {}), kQuestion);
+    push(question(kQuery, {}, {{30}}));
+    deliver(kSync, question(kQuery, {}));
   };
   on_usage = [] { EXPECT_EQ(get({"edge"}).status, 5U); };
   for (const bool inside : {false, true}) {
@@ -394,7 +355,7 @@ TEST_F(GateFill, FailedFillWaitsForAQuestion) {
       EXPECT_NE(held("edge"), nullptr);
       callback->let_go();
     });
-    inside ? deliver(change(kUsage, "core", 0), kQuestion) : on_usage();
+    inside ? void(deliver(kSync, usage_question("core"))) : on_usage();
     watcher.join();
     EXPECT_EQ(lines_of({"the callback ends", "store.freelist"}),
               (Lines{"the callback ends", "store.freelist(head:edge, null)"}));
