@@ -171,9 +171,8 @@ uint32_t ModelBus::push_to(uint64_t peer, const std::string& name,
                            std::span<const std::byte> message) noexcept {
   before_push();
   const auto found = consumers.find(peer);
-  if (found == consumers.end() || !found->second.behaviour.reachable ||
-      !found->second.registered.contains(name))
-    return ENOENT;
+  if (found == consumers.end() || !found->second.registered.contains(name)) return ENOENT;
+  if (const auto lost = found->second.behaviour.lost_with) return *lost;
   found->second.apply(name, message);
   return 0;
 }
@@ -182,7 +181,7 @@ std::vector<BusPort::Answer> ModelBus::ask(const std::string& name, std::span<co
                                            uint32_t) {
   std::vector<Answer> answers;
   for (auto& [id, consumer] : consumers) {
-    if (!consumer.behaviour.reachable || !consumer.registered.contains(name)) continue;
+    if (consumer.behaviour.lost_with || !consumer.registered.contains(name)) continue;
     auto response = consumer.answer(question);
     if (consumer.behaviour.ask_status != 0) response.reset();
     answers.push_back({consumer.peer, consumer.behaviour.ask_status, response});

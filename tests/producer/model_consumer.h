@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -39,7 +40,8 @@ struct ModelConsumer {
     uint32_t usage_rc = 0;    // 2: does not hold the ACL
     int32_t in_use = 0;
     std::string without_room = "";  // for additions to this ACL
-    bool reachable = true;
+    std::optional<uint32_t> lost_with =
+        std::nullopt;  // what is pushed is lost, and this is what the bus says
   };
   Behaviour behaviour;
 

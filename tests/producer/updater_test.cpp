@@ -62,90 +62,34 @@ class Updating : public ::testing::Test {
   std::optional<Updater> updater_{std::in_place, service_, bus_, asking_, UpdaterOptions{512 << 10, false}};
 };
 
-TEST_F(Updating, EveryChangeBehindTheStateThatWasReadAndNoneBeforeIt) {
-  State now = before_;
-  const auto change = [&](const std::string& acl, Entries entries) {
-    now[acl] = std::move(entries);
-    EXPECT_EQ(apply(now).result, Updater::Result::kApplied);
-  };
+// A connection lost and made again, and with it a change that was queued for it, or that did not reach it any more:
+// that is said, and from then on numbers are not taken for granted.
+TEST_F(Updating, ARenewedRegistrationGoesOnByNumber) {
   ModelConsumer& one = consumer(1);
-  ModelConsumer& two = consumer(2);
-
-  one.register_at(service_, "a");
-  change("a", {{10, 'a'}, {15, 'R'}, {21, 'b'}, {30, 'c'}});
-  EXPECT_EQ(one.messages, 0u);  // it has read nothing yet
-  two.read(service_, "a", 2);
-  one.read(service_, "a", 2, [&, left = 2]() mutable {  // and changes between its batches
-    if (left-- == 2) change("a", {{1, 'a'}, {2, 'R'}, {3, 'b'}, {4, 'c'}});
-    if (left == 0) change("a", {{1, 'a'}, {2, 'R'}, {3, 'd'}});
-  });
-  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
-  EXPECT_EQ(one.messages, 3u);
-  EXPECT_EQ(two.messages, 0u);  // a reader that has not registered
-
-  // A read that is given up and begun again goes on with what was pushed since.
-  one.register_at(service_, "a");
-  int batches = 0;
-  struct GivenUp {};
-  const auto give_up = [&] {
-    change("a", {{3, 'd'}, {5, 'e'}});
-    if (++batches == 1) throw GivenUp();
-  };
-  EXPECT_THROW(one.read(service_, "a", 2, give_up), GivenUp);
-  EXPECT_EQ(service_.pinned(), 1u);
-  one.read(service_, "a", 2);
-  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
-
-  // A new registration begins anew; what the old one was owed is nothing to it.
-  one.messages = 0;
-  one.register_at(service_, "a");
-  change("a", {{3, 'd'}});
-  EXPECT_EQ(one.messages, 0u);
-  one.read(service_, "a", 2);
-  change("a", {{4, 'd'}, {5, 'E'}, {6, 'f'}});
-  EXPECT_EQ(shown(one.copies["a"]), now["a"]);
-
-  // Read in bulk: rules only, and pushed and renumbered as such.
-  two.register_at(service_, "a");
-  two.read_in_bulk(service_, "a");
-  two.messages = 0;
-  change("a", {{4, 'd'}, {6, 'f'}, {7, 'G'}});
-  EXPECT_EQ(two.messages, 0u);
-  change("a", {{7, 'G'}, {14, 'd'}, {16, 'f'}});
-  EXPECT_EQ(two.messages, 1u);
-  EXPECT_EQ(shown(two.copies["a"]), rules_of(now["a"]));
-
-  // A connection lost and made again. A change has been missed, queued for the old connection or not, which is said; from
-  // then on numbers are not taken for granted.
-  for (const bool queued : {true, false}) {
-    SCOPED_TRACE(queued);
-    change("a", {{17, 'd'}, {18, 'f'}});
-    one.register_at(service_, "a");
-    one.read(service_, "a", 2);
-    const auto held = one.copies["a"];
+  for (const uint32_t status : {0, ENOENT}) {
+    EXPECT_NE(apply(before_).result, Updater::Result::kRefused);
+    register_and_read(one, "a");
+    one.behaviour.lost_with = status;
+    apply({{"a", {{30, 'c'}}}, {"b", {}}});
+    one.behaviour.lost_with.reset();
     log_.clear();
-    one.behaviour.reachable = queued;
-    change("a", {{18, 'f'}});
-    one.behaviour.reachable = true;
-    one.copies["a"] = held;
     one.renew_at(service_, "a");
     EXPECT_EQ(log_.size(), 1u);
-    change("a", {{28, 'f'}});
-    EXPECT_EQ(shown(one.copies["a"]), (Entries{{17, 'd'}, {28, 'f'}}));
+    apply({{"a", {{40, 'c'}}}, {"b", {{10, 'x'}}}});
+    EXPECT_EQ(shown(one.copies["a"]), (Entries{{10, 'a'}, {15, 'R'}, {20, 'b'}, {40, 'c'}})) << status;
   }
-
+  log_.clear();
   one.register_at(service_, "b");  // and a connection lost before the read
   one.renew_at(service_, "b");
-  change("b", {{10, 'y'}});
+  apply(before_);
   one.read(service_, "b", 2);
-  EXPECT_EQ(shown(one.copies["b"]), now["b"]);
-  EXPECT_EQ(log_.size(), 1u);
+  EXPECT_EQ(shown(one.copies["b"]), before_.at("b"));
+  EXPECT_TRUE(log_.empty());
 
   service_.forget(one.peer);
   const size_t told = one.messages;
-  change("a", {});
+  apply({{"a", {}}, {"b", {}}});
   EXPECT_EQ(one.messages, told);
-  EXPECT_EQ(shown(two.copies["a"]), now["a"]);
 }
 
 TEST_F(Updating, NamesAppearBeforeTheirEntriesAndGoBehindThem) {
@@ -273,8 +217,9 @@ TEST_F(Updating, QuestionsOfOneChangeDoNotSupersedeEachOther) {
   EXPECT_EQ(with_remark.result, Updater::Result::kApplied) << with_remark.text;
 }
 
-// Consumers that register and read on threads of their own, again and again, while one thread changes everything all
-// the time.
+// Consumers that register and read on threads of their own, again and again, in batches, in bulk, and in batches
+// that are given up and begun again, while one thread changes everything all the time. Each ends with every change
+// behind the state that it read and none before it.
 TEST(UpdatingUnderWay, ReadersEndWithTheProducersList) {
   constexpr uint64_t kReaders = 3;
   std::mt19937 random(7);
@@ -282,7 +227,7 @@ TEST(UpdatingUnderWay, ReadersEndWithTheProducersList) {
     State state = {{"a", {}}};
     const uint32_t step = 1 + random() % 3;
     for (uint32_t number = 1 + random() % 5, left = 20 + random() % 3; left != 0; --left, number += step)
-      state["a"][number] = "abcdefghijklmnopqrstuvw"[left];
+      state["a"][number] = "aBcdefghIjklmnopqrstUvw"[left];
     if (random() % 2 != 0) state["a"].erase(std::next(state["a"].begin(), random() % 20));
     return state;
   };
@@ -293,13 +238,20 @@ TEST(UpdatingUnderWay, ReadersEndWithTheProducersList) {
   for (uint64_t id = 1; id <= kReaders; ++id)
     bus.consumers.emplace(id, id).first->second.registered.insert("a");
   std::atomic<uint64_t> done{0};
+  const auto register_and_read = [&](ModelConsumer& self, uint64_t round) {
+    struct GivenUp {};
+    self.register_at(service, "a");
+    if (round % 3 == 0) return self.read_in_bulk(service, "a");
+    if (round % 3 == 1) {
+      EXPECT_THROW(self.read(service, "a", 1, [] { throw GivenUp(); }), GivenUp);
+    }
+    self.read(service, "a", 1 + round % 7);
+  };
+  constexpr uint64_t kRounds = 501;
   std::vector<std::thread> readers;
   for (auto& entry : bus.consumers) {
     readers.emplace_back([&, &self = entry.second] {
-      for (uint32_t round = 0; round < 500; ++round) {
-        self.register_at(service, "a");
-        self.read(service, "a", 1 + round % 7);
-      }
+      for (uint64_t round = 1; round <= kRounds; ++round) register_and_read(self, round + self.peer.id);
       ++done;
     });
   }
@@ -311,7 +263,8 @@ TEST(UpdatingUnderWay, ReadersEndWithTheProducersList) {
   }
   for (std::thread& reader : readers) reader.join();
   for (auto& [id, consumer] : bus.consumers) {
-    EXPECT_EQ(shown(consumer.copies["a"]), last["a"]) << id;
+    const bool in_bulk = (kRounds + id) % 3 == 0;
+    EXPECT_EQ(shown(consumer.copies["a"]), in_bulk ? rules_of(last["a"]) : last["a"]) << id;
     EXPECT_GT(consumer.messages, 0u);
   }
   EXPECT_EQ(service.pinned(), 0u);
