@@ -16,8 +16,6 @@ const Case kCases[] = {
      lines(kConsumerUpToDsv[0], kConsumerUpToDsv[1], "E: Failed to create the rules chunk pool")},
     {"dsv", [] { platform().dsv_init.next(5); }, 5,
      lines(kConsumerUpToDsv, "E: es_acl_pcx_consumer_init: dsv_init() failed: <0x5>", "trace w", "error[6]")},
-    {"bus", [] { platform().pcx_lr_init.next(5); }, 5,
-     lines(kConsumerUpToBus, "E: es_acl_pcx_consumer_init: pcx_lr_init failed", "trace w", "error[10]")},
     {"bus_is_started_already", [] { platform().pcx_lr_init.next(17); }, 0, lines(kUpToClass, kSetContext)},
     {"class_transient_at_first",
      [] {
