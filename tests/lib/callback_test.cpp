@@ -186,18 +186,13 @@ TEST_P(Callbacks, InOrderUntilOneDecides) {
   EXPECT_EQ(log_of("E: "), Lines{});
 }
 
-TEST_P(Callbacks, ACallbackRegistersAndUnregisters) {
+TEST_P(Callbacks, ACallbackUnregistersItself) {
   const KindOfCallback& kind = GetParam();
   kind.add(true, &first);
-  answers.next([&kind] {
-    kind.remove(&first);
-    kind.add(true, &second);
-    return 0U;
-  });
-  EXPECT_EQ(kind.invoke(acl_), 0U);
-  clear_log();
-  EXPECT_EQ(kind.invoke(acl_), 0U);
-  EXPECT_EQ(log_of("on_"), Lines{called("second").back()});
+  answers.next([&kind] { return kind.remove(&first), 0U; });
+  kind.invoke(acl_);
+  kind.invoke(acl_);
+  EXPECT_EQ(log_of("on_").size(), 1U);
 }
 
 INSTANTIATE_CASES(Callbacks, kKinds);
@@ -220,19 +215,15 @@ TEST_F(Invocation, ActionIsHandedOnAndNamed) {
 
 TEST_F(Invocation, UsageIsTheLastAnswerUnlessOneIsYes) {
   for (int i = 0; i < 3; ++i) es_acl_register_check_usage_callback(on_usage);
-  struct Row {
-    Numbers given;
-    uint32_t answer;
-    size_t asked;
-  };
-  for (const Row& row :
-       {Row{{0, 1, 0}, 1, 2}, {{0, 0, 2}, 2, 3}, {{2, 0, 0}, 0, 3}, {{1, 2}, 1, 1}, {{2, 1}, 1, 2}}) {
-    for (size_t i = 0; i < row.asked; ++i) answers.next(row.given[i]);
+  const std::tuple<Numbers, uint32_t, size_t> rows[] = {
+      {{0, 1, 0}, 1, 2}, {{0, 0, 2}, 2, 3}, {{2, 0, 0}, 0, 3}, {{2, 1}, 1, 2}};
+  for (const auto& [given, answer, asked] : rows) {
+    for (size_t i = 0; i < asked; ++i) answers.next(given[i]);
     clear_log();
-    EXPECT_EQ(es_acl_invoke_check_usage_callback(), row.answer);
-    EXPECT_EQ(log_of("on_usage").size(), row.asked);
+    EXPECT_EQ(es_acl_invoke_check_usage_callback(), answer);
+    EXPECT_EQ(log_of("on_usage").size(), asked);
     EXPECT_EQ(log().back(), std::string("I: es_acl_invoke_check_usage_callback returning ") +
-                                (row.answer != 0 ? "TRUE" : "FALSE"));
+                                (answer != 0 ? "TRUE" : "FALSE"));
   }
 }
 
