@@ -104,15 +104,14 @@ bool Recorder::has(size_t count) {
 Producer::Producer(const std::string& class_name, uint64_t queue_limit, OnRegistered told)
     : on_registered(std::move(told)) {
   static constexpr pcx_producer_ops ops = {
-      read, [](void* user, const pcx_peer*) { ++static_cast<Producer*>(user)->gone; }, registered};
+      read, [](void* user, const pcx_peer*) { ++static_cast<Producer*>(user)->gone; },
+      [](void* user, const pcx_peer* peer, const char* name, uint32_t renewed) {
+        const auto& tell = static_cast<Producer*>(user)->on_registered;
+        if (tell) tell(*peer, name, renewed);
+      }};
   const pcx_producer_options options = {queue_limit, keep_log_line};
   take_log();
   status_ = pcx_producer_open(class_name.c_str(), &ops, this, &options, &handle_);
-}
-
-void Producer::registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed) {
-  auto* self = static_cast<Producer*>(user);
-  if (self->on_registered) self->on_registered(*peer, name, renewed);
 }
 
 uint32_t Producer::push(const std::string& name, const std::string& message) {

@@ -68,7 +68,6 @@ class Producer {
  private:
   static uint32_t read(void* user, const pcx_peer* peer, void* request, uint32_t request_length, void* answer,
                        uint32_t capacity, uint32_t* answer_length);
-  static void registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
   pcx_producer* handle_ = nullptr;
   uint32_t status_;
 };

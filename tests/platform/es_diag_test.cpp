@@ -8,6 +8,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "es_platform/diag.h"
 #include "es_platform/process.h"
@@ -15,22 +16,14 @@
 
 namespace {
 
-struct outcome {
-  int code;
-  std::string out;
-};
-
-outcome run(const std::string& arguments) {
+// Its exit code and what it wrote.
+std::pair<int, std::string> run(const std::string& arguments) {
   FILE* pipe = popen((std::string(ES_DIAG_PROGRAM) + ' ' + arguments + " 2>/dev/null").c_str(), "r");
-  outcome result{-1, ""};
-  char buffer[4096];
-  while (const size_t got = fread(buffer, 1, sizeof buffer, pipe)) result.out.append(buffer, got);
+  std::string out;
+  for (int byte; (byte = fgetc(pipe)) != EOF;) out += static_cast<char>(byte);
   const int status = pclose(pipe);
-  if (WIFEXITED(status)) result.code = WEXITSTATUS(status);
-  return result;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
-
-using nlohmann::literals::operator""_json_pointer;
 
 class EsDiag : public testing::Test {
  protected:
@@ -53,10 +46,7 @@ TEST_F(EsDiag, ExitCodesSayWhatHappened) {
   const std::string damaged = private_directory() + "/command";
   std::filesystem::create_directory(damaged);
   std::ofstream(damaged + '/' + std::to_string(getpid()) + ".trace.1") << "not one of ours";
-  const struct {
-    std::string arguments;
-    int code;
-  } cases[] = {
+  const std::pair<std::string, int> cases[] = {
       {"--help", 0},
       {"--version", 0},
       {"list --dir /no/such/directory", 1},
@@ -71,7 +61,7 @@ TEST_F(EsDiag, ExitCodesSayWhatHappened) {
       {"debug --on info --off info", 2},
       {"trace --dir " + damaged, 3},
   };
-  for (const auto& one : cases) EXPECT_EQ(run(one.arguments).code, one.code) << one.arguments;
+  for (const auto& [arguments, code] : cases) EXPECT_EQ(run(arguments).first, code) << arguments;
 }
 
 TEST_F(EsDiag, PrintsRecordsAndCounters) {
@@ -79,11 +69,11 @@ TEST_F(EsDiag, PrintsRecordsAndCounters) {
   EXPECT_EQ(main_block, again);
   main_block[42].count = 7;
   error_block[127].count = 9;
-  const outcome lines = run("trace --buffer /command/_wr" + mine);
-  EXPECT_NE(lines.out.find("op: ev?nt \"a name\" 1 254(0xfe)\n"), std::string::npos) << lines.out;
-  const auto trace = nlohmann::json::parse(run("trace --json --buffer _wr" + mine).out);
-  EXPECT_EQ(trace.at("/buffers/0/records/0/values/1"_json_pointer), 254);
-  const std::string counters = nlohmann::json::parse(run("counters --json" + mine).out).dump();
+  const auto lines = run("trace --buffer /command/_wr" + mine);
+  EXPECT_NE(lines.second.find("op: ev?nt \"a name\" 1 254(0xfe)\n"), std::string::npos) << lines.second;
+  const auto trace = nlohmann::json::parse(run("trace --json --buffer _wr" + mine).second);
+  EXPECT_EQ(trace["buffers"][0]["records"][0]["values"][1], 254);
+  const std::string counters = nlohmann::json::parse(run("counters --json" + mine).second).dump();
   for (const char* block : {R"("main":{"42":7})", R"("error":{"127":9})"})
     EXPECT_NE(counters.find(block), std::string::npos) << counters;
 }
@@ -94,7 +84,7 @@ TEST_F(EsDiag, SwitchesTheCategoriesThatWereNamed) {
   EXPECT_EQ(categories[2].enabled, 0u);
   run("debug --on /debug/command/category2" + mine);
   EXPECT_EQ(categories[2].enabled, 1u);
-  EXPECT_EQ(run("debug --off all --json" + mine).out.find(":true"), std::string::npos);
+  EXPECT_EQ(run("debug --off all --json" + mine).second.find(":true"), std::string::npos);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(categories[i].enabled, 0u);
 }
 

@@ -1,23 +1,72 @@
 #include "es_platform/mtimer.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <limits>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "virtual_clock.h"
+#include "clock_source.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+
+// Time that passes only when it is told to.
+class virtual_clock final : public es_platform::clock_source {
+ public:
+  virtual_clock() { es_platform::clock_replace(this); }
+  ~virtual_clock() { es_platform::clock_replace(nullptr); }
+
+  uint64_t now_ns() override {
+    const std::lock_guard lock(mutex_);
+    return now_;
+  }
+
+  int arm(int timer_fd, uint64_t at_ns) override {
+    const std::lock_guard lock(mutex_);
+    armed_.erase(timer_fd);
+    if (at_ns != 0) armed_[timer_fd] = at_ns;
+    fire_due();
+    return 0;
+  }
+
+  // When it returns, the timers that have become due are readable.
+  void advance(uint64_t ns) {
+    const std::lock_guard lock(mutex_);
+    now_ += ns;
+    fire_due();
+  }
+
+ private:
+  void fire_due() {
+    for (auto at = armed_.begin(); at != armed_.end();) {
+      const auto one = at++;
+      if (one->second > now_) continue;
+      itimerspec soon{};
+      soon.it_value.tv_nsec = 1;
+      timerfd_settime(one->first, 0, &soon, nullptr);
+      pollfd fired{one->first, POLLIN, 0};
+      poll(&fired, 1, -1);
+      armed_.erase(one);
+    }
+  }
+
+  std::mutex mutex_;
+  uint64_t now_ = 1'000'000;
+  std::map<int, uint64_t> armed_;
+};
 
 // An event manager and a tree whose handler serves every expired leaf, as the contract's example does.
 class tree_fixture {

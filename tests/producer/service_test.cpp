@@ -70,18 +70,6 @@ class ServiceTest : public ::testing::Test {
                    [this](std::string_view line) { log_.emplace_back(line); }};
 };
 
-TEST_F(ServiceTest, ReadsInAscendingBatchesAndInBulkWithoutRemarks) {
-  EXPECT_EQ(read("a", 0, 2), (Sequences{5, 10}));
-  EXPECT_EQ(read("a", 10, 2), (Sequences{25, 30}));
-  EXPECT_EQ(read("a", 30, 2), (Sequences{UINT32_MAX}));
-  EXPECT_EQ(read("a", UINT32_MAX, 2), (Sequences{}));
-  EXPECT_EQ(read("a", 11, UINT32_MAX), (Sequences{25, 30, UINT32_MAX}));
-  EXPECT_EQ(read("empty", 0, 2), (Sequences{}));
-  EXPECT_EQ(read("nobody", 0, 2), (Sequences{}));
-  EXPECT_EQ(service_.pinned(), 0u);
-  EXPECT_EQ(sequences(ask(bulk_read_)), (Sequences{10, 30, UINT32_MAX, 10, 30, UINT32_MAX, 1}));
-}
-
 // Every request, cut or prolonged to every length around its own, and with each header word wrong.
 TEST_F(ServiceTest, RefusesWhatIsNotAsTheWireFormatHasIt) {
   constexpr size_t kNameEnd = offsetof(acl_pcx_query_req, acl_name) + ES_ACL_NAME_MAX;

@@ -1,13 +1,20 @@
-#include "es_platform/pool.h"
-
+// The small services: pools, schemas, names of processes.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include "es_platform/pool.h"
+#include "es_platform/process.h"
+#include "es_platform/schema.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -62,6 +69,47 @@ TEST(Pool, ThreadsHoldElementsOfTheirOwn) {
     pool_give(from.get(), kept);
     EXPECT_EQ(pool_in_use(from.get()), 0u);
   }
+}
+
+struct descriptor {
+  uint64_t version;
+  const char* name;
+};
+
+uint32_t start() { return schema_register_start(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); }
+
+TEST(Schema, PublishesWhatATransactionRegistered) {
+  static const descriptor kept{1, "kept"}, dropped{1, "dropped"}, rival{1, "kept"};
+  EXPECT_EQ(schema_register(&kept), 22u) << "no transaction";
+  ASSERT_EQ(start(), 0u);
+  std::thread([] {
+    EXPECT_EQ(start(), 11u);
+    EXPECT_EQ(schema_register(&kept), 22u) << "another thread's transaction";
+    schema_register_abort();
+  }).join();
+  EXPECT_EQ(schema_register(&dropped), 0u);
+  schema_register_abort();
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(start(), 0u);
+    EXPECT_EQ(schema_register(&kept), 0u) << "also what is published";
+    EXPECT_EQ(schema_register(&rival), 17u);
+    EXPECT_EQ(schema_find("kept"), round == 0 ? nullptr : &kept) << "not before the end";
+    EXPECT_EQ(schema_register_end(), 0u);
+  }
+  EXPECT_EQ(schema_find("dropped"), nullptr);
+}
+
+TEST(Process, TellsNamesThatFitTheBuffer) {
+  char name[128] = "untouched", cut[4];
+  uint32_t length = 4;
+  EXPECT_EQ(procmgr_get_procname(name, &length), static_cast<uint32_t>(ERANGE));
+  EXPECT_STREQ(name, "untouched");
+  length = sizeof name;
+  ASSERT_EQ(procmgr_get_procname(name, &length), 0u);
+  EXPECT_EQ(std::string(name), std::string(program_invocation_short_name).substr(0, 15));
+  ASSERT_EQ(proc_name_get(getpid(), cut, sizeof cut), 0u);
+  EXPECT_EQ(std::string(cut), std::string(name).substr(0, 3));
+  for (const int32_t pid : {0, -1, INT_MAX}) EXPECT_EQ(proc_name_get(pid, name, sizeof name), 3u) << pid;
 }
 
 }  // namespace
