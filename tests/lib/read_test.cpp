@@ -56,8 +56,6 @@ const Case kCases[] = {
     {"empty_answer", [] { answers({{}}); }, 0, lines(kStart, batch(0))},
     {"no_producer", [] { platform().pcx_query_producer.next(2); }, 0,
      lines(kQueried, "D: es_acl_cpcx_read_acl: No producer, nothing to read", "trace w")},
-    {"producer_query_fails", [] { platform().pcx_query_producer.next(62); }, 62,
-     lines(kQueried, "D: es_acl_cpcx_read_acl: pcx_query_producer failed, return code 62", "trace w")},
     {"populated_head_is_not_read_again",
      [] {
        es_acl_add_acl_item(held("edge"), make_ace(7), 7, 0);

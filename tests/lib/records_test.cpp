@@ -1,4 +1,4 @@
-// Records that others read by their offsets: the schema descriptor, the ACE conversion, and the rules pool.
+// Records that others read by their offsets: the schema descriptor and the ACE conversion.
 #include <algorithm>
 #include <cstring>
 
@@ -58,14 +58,6 @@ TEST_F(RecordsTest, SchemaRegistration) {
   }
 }
 
-TEST_F(RecordsTest, RulesComeFromThePoolAndGoBackToIt) {
-  initialise();
-  es_acl_free_rules(es_acl_alloc_rules());
-  platform().pool_take.next(nullptr);
-  EXPECT_EQ(es_acl_alloc_rules(), nullptr);
-  EXPECT_EQ(log(), (Lines{"pool_take(pool)", "pool_give(pool, ptr)", "pool_take(pool)"}));
-}
-
 // The converted positions of a 160-byte ACE record, against the bytes themselves; every other byte is carried.
 TEST_F(RecordsTest, AceConversionTouchesExactlyItsPositions) {
   const std::pair<size_t, size_t> positions[] = {{0, 4},   {4, 4},   {80, 4},  {96, 4},  {100, 4}, {104, 2},
@@ -84,15 +76,6 @@ TEST_F(RecordsTest, AceConversionTouchesExactlyItsPositions) {
   EXPECT_EQ(memcmp(&record, expected, sizeof expected), 0);
   es_acl_wire_acl_ace_order(&record);
   EXPECT_EQ(memcmp(&record, wire, sizeof wire), 0) << "conversion is its own inverse";
-}
-
-TEST_F(RecordsTest, NameFieldIsCutAndAlwaysTerminated) {
-  char field[ES_ACL_NAME_FIELD_SIZE];
-  for (const size_t length : {0U, 1U, 63U, 64U, 65U, 200U}) {
-    memset(field, 'x', sizeof field);
-    es_acl_wire_set_name(field, long_name(length).c_str());
-    EXPECT_EQ(std::string(field), long_name(std::min<size_t>(length, 64)));
-  }
 }
 
 }  // namespace
