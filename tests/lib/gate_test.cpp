@@ -367,9 +367,9 @@ TEST_F(GateFill, FailedFillWaitsForAQuestion) {
   }
 }
 
-// --- First registrations ---
+// --- First registrations, and counters ---
 
-TEST_F(Gate, EverythingIsMadeOnce) {
+TEST_F(Gate, EverythingIsMadeOnceAndCountedEveryTime) {
   constexpr int kThreads = 8;
   // Whoever makes one gives the others time to make another.
   const auto linger = [](const char* call) {
@@ -394,9 +394,11 @@ TEST_F(Gate, EverythingIsMadeOnce) {
       EXPECT_EQ(es_acl_register_res_check_callback(asked, acl), 0U);
       EXPECT_EQ(es_acl_register_check_usage_callback(usage), 0U);
       es_acl_unregister_res_check_callback(asked, acl);
+      for (int n = 0; n < 200; ++n) es_acl_lookup(nullptr);
     });
   }
   for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(main_counters[22].count, kThreads * 200U);
   EXPECT_EQ(log_of("list_registry_create").size(), 2U) << "that of updates was there";
   EXPECT_EQ(log_of("mtimer_tree_new").size(), 1U);
   EXPECT_EQ(log_of("evm_async_attach").size(), 1U);
