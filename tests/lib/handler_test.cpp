@@ -123,16 +123,13 @@ void nothing() {}
 void refuse_updates() { es_acl_register_update_callback(on_update, &refusing); }
 
 const std::string kSkipped = debug("Skipping invocation of es_acl_invoke_list");
-std::string update_failed(uint32_t seq) {
-  return error("es_acl_cpcx_pcx_update_ace failed for ACL: edge Seq: " + std::to_string(seq));
-}
 // Changes that are made, and those to nobody's ACL, are the model's.
 const Rule kRules[] = {
     {"addition_of_what_is_there", nothing, batch(kAdd, kStored), false, kSkipped},
-    {"addition_refused", refuse_updates, batch(kAdd, {{40}}), false, update_failed(40)},
+    {"addition_refused", refuse_updates, batch(kAdd, {{40}}), false,
+     error("es_acl_cpcx_pcx_update_ace failed for ACL: edge Seq: 40")},
     {"addition_that_the_store_refuses", [] { store().add_acl_item_iter.next(12); }, batch(kAdd, {{40}}), true,
      kNotified},
-    {"removal_refused", refuse_updates, batch(kRemove, {{20}}), false, update_failed(20)},
     {"resequencing_refused", [] { es_acl_register_resequence_callback(on_resequence, &refusing); },
      resequencing(100, 10, {}), true, kNotified},
     {"resequencing_that_the_store_refuses", [] { store().resequence.next(22); }, resequencing(100, 0, {}),
