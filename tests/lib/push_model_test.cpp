@@ -1,5 +1,5 @@
 // The library on its real store beside the simplest thing that could be right, a map for each ACL: both get the same
-// long random sequence of pushes, resequencings, gets, searches, registrations and releases. After each step the lists
+// long random sequence of pushes, resequencings, gets, registrations and releases. After each step the lists
 // are the same, the callbacks were shown what they had to be, and what is to be notified is armed.
 #include <algorithm>
 #include <map>
@@ -23,7 +23,6 @@ struct Acl {
   es_acl_head* head = nullptr;
   bool notifies = false;
   bool armed = false;
-  es_acl_iter position = nullptr;
 };
 
 std::string show_ace(const Ace& ace) {
@@ -204,22 +203,6 @@ class Model : public PushTest, public ::testing::WithParamInterface<std::tuple<u
     }
   }
 
-  void search(Acl& acl) {
-    for (int i = 0; i < 10 && acl.head != nullptr; ++i) {
-      const uint32_t seq = random(70);
-      const Ace* const expected = find(acl.list, seq);
-      const es_acl_ace* const found[] = {es_acl_search_item(acl.head, seq),
-                                         es_acl_search_item_fiter(acl.head, seq, &acl.position),
-                                         es_acl_search_item_biter(acl.head, seq, &acl.position)};
-      for (const es_acl_ace* ace : found) {
-        ASSERT_EQ(ace != nullptr, expected != nullptr) << seq;
-        if (ace != nullptr) {
-          EXPECT_EQ(ace_of(ace), *expected);
-        }
-      }
-    }
-  }
-
   void change_clients(Acl& acl) {
     if (random(2) == 0 && acl.head != nullptr) {
       acl.notifies = !acl.notifies;
@@ -251,8 +234,7 @@ class Model : public PushTest, public ::testing::WithParamInterface<std::tuple<u
     if (what < 10) return push_change(acl);
     if (what < 12) return push_resequencing(acl);
     if (what < 14) return get_or_release(acl);
-    if (what < 16) return search(acl);
-    if (what < 18) return change_clients(acl);
+    if (what < 17) return change_clients(acl);
     let_time_pass(acl);
   }
 
