@@ -127,11 +127,7 @@ TEST_F(Daemon, FollowsItsConfigurationUntilItIsEnded) {
   ASSERT_GT(pid, 0);
   Program(kGood).expect_end(3, "es-acl-producer: bus: ");
 
-  files.write("c.json", configuration({"a", "b", "c"}));  // in place, behind the link
-  expect_line(says + "acl 'c' (new)");
-  std::filesystem::rename(files.write("new.json", configuration({"a", "b"})), linked);
-  expect_line(says + "acl 'c' (dropped)");
-  // A new link, in a directory that is never left alone.
+  // In place, behind the link, in a directory that is never left alone.
   std::atomic<bool> told{false}, told_in_time{true};
   std::thread writer([&] {
     for (int left = 1000; !told && told_in_time; told_in_time = --left != 0) {
@@ -139,12 +135,16 @@ TEST_F(Daemon, FollowsItsConfigurationUntilItIsEnded) {
       ::usleep(10000);
     }
   });
-  std::filesystem::remove(linked);
-  std::filesystem::create_symlink(files.path("c.json"), linked);
+  files.write("c.json", configuration({"a", "b", "c"}));
   expect_line(says + "acl 'c' (new)");
   told = true;
   writer.join();
   EXPECT_TRUE(told_in_time);
+  std::filesystem::rename(files.write("new.json", configuration({"a", "b"})), linked);
+  expect_line(says + "acl 'c' (dropped)");
+  std::filesystem::remove(linked);
+  std::filesystem::create_symlink(files.path("c.json"), linked);
+  expect_line(says + "acl 'c' (new)");
   files.write("link.json", configuration({"a", "trace"}));
   expect_line("es-acl-producer: " + linked + ":3: ");
   files.write("link.json", configuration({"a", "b"}));
