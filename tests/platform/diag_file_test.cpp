@@ -126,7 +126,7 @@ bool works_without_directory() {
 // In a process of its own, where nothing has looked for the directory before.
 TEST(DiagFileDeathTest, WithoutADirectoryEverythingWorksInMemory) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
-  EXPECT_EXIT(_exit(works_without_directory() ? 0 : 1), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(std::exit(works_without_directory() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 // What readers do with one file, whatever stands in it.

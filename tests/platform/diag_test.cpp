@@ -18,7 +18,7 @@ namespace {
 using es_diag::diag_kind;
 
 std::string last_debug_line() {
-  std::ifstream file(debug_file());
+  std::ifstream file(private_directory() + "/debug.log");
   std::string line, last;
   while (std::getline(file, line)) last = line;
   return last;
