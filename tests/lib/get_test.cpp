@@ -123,13 +123,9 @@ TEST_F(Get, HeldAclIsShared) {
   EXPECT_EQ(held("edge"), nullptr);
 }
 
-TEST_F(Get, NothingToRead) {
+TEST_F(Get, NoNames) {
   EXPECT_EQ(get({}).status, 0U);
   EXPECT_EQ(log(), (Lines{"I: Entering es_acl_getlist_acl: number of handles: 0", "trace w"}));
-  platform().pcx_query_producer.next(2);
-  const Got got = get({"edge"});
-  EXPECT_EQ(got.status, 0U);
-  EXPECT_EQ(walk(got.heads.at(0)), Numbers{});
 }
 
 // --- One list, several fates ---

@@ -1,7 +1,5 @@
 // Start-up of a client and of a store owner: the order of the steps, and what every failing step leaves
 // behind.
-#include <thread>
-
 #include "es_acl/es_acl_status.h"
 #include "library_fixture.h"
 
@@ -106,15 +104,6 @@ TEST_F(InitTest, Owner) {
   EXPECT_EQ(es_acl_db_owner_clib_init(ctx()), 28U);
   es_acl_use_db_dll(nullptr);
   EXPECT_EQ(log_of("trace closed"), Lines{}) << "a buffer that was open before is forgotten, too";
-}
-
-TEST_F(InitTest, OwnerMutexIsRecursive) {
-  initialise_owner();
-  EXPECT_EQ(pthread_mutex_lock(&es_acl_hmutex), 0);
-  EXPECT_EQ(pthread_mutex_trylock(&es_acl_hmutex), 0);
-  std::thread([] { EXPECT_EQ(pthread_mutex_trylock(&es_acl_hmutex), EBUSY); }).join();
-  EXPECT_EQ(pthread_mutex_unlock(&es_acl_hmutex), 0);
-  EXPECT_EQ(pthread_mutex_unlock(&es_acl_hmutex), 0);
 }
 
 TEST_F(InitTest, Client) {
