@@ -88,8 +88,8 @@ ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
  *   results  results[i] is name i's status; may be null. 11: called from inside a callback, while another thread is just
  *            releasing the ACL, for which a callback does not wait
  *
- * Without a producer a valid name yields a handle to an empty ACL. It stays empty, and later gets share it: release it
- * and get it again when there is a producer. Returns the status of the last name processed: look at `results` and the
+ * Without a producer a valid name yields a handle to an empty ACL. It is not filled later, and later gets share it:
+ * release it and get it again when there is a producer. Returns the status of the last name processed: look at `results` and the
  * handles. es_acl_get_acl() refuses a null list with 22; es_acl_getlist_acl() does not check its pointers.
  *
  * check_count non-zero: the producer is asked for the ACL's size first, and a name without ACEs yields a null

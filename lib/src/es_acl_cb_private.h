@@ -33,6 +33,9 @@ extern constinit CallbackRegistry es_acl_check_usage_notify;
 // could not be done.
 es_acl_status es_acl_setup_callback_timer(es_acl_head* acl);
 
+// Frees the ACL's timer leaf, if it has one, at its teardown; the event manager's thread is done with it then.
+void free_callback_timer(const char* operation, es_acl_head* acl);
+
 // Frees the ACL's notification entries, at its teardown.
 void drop_notify_entries(es_acl_head* acl);
 

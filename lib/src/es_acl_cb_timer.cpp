@@ -91,6 +91,13 @@ es_acl_status es_acl_setup_callback_timer(es_acl_head* acl) {
   return 0;
 }
 
+void free_callback_timer(const char* operation, es_acl_head* acl) {
+  mtimer_leaf* const leaf = timer_leaf(acl);
+  if (leaf == nullptr) return;
+  DBG_DETAIL("%s: Freeing timer for acl %s", operation, shown(acl->name));
+  mtimer_leaf_free(leaf);
+}
+
 }  // namespace es_acl
 
 using namespace es_acl;

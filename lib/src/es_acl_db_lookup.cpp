@@ -14,7 +14,6 @@
 #include "es_acl_gate.h"
 #include "es_db_private.h"
 #include "es_platform/list_registry.h"
-#include "es_platform/mtimer.h"
 #include "es_platform/pcx.h"
 
 namespace es_acl {
@@ -49,13 +48,6 @@ void release_one(es_acl_head* head) {
   if (drop_reference(head) != 0) return;
   const AclTeardown teardown(head, remove_acl);
   if (teardown.granted()) remove_acl(head);
-}
-
-void free_timer(const char* operation, es_acl_head* head) {
-  const std::atomic_ref<void*> leaf(head->cb_timer_leaf);
-  if (leaf.load(std::memory_order_acquire) == nullptr) return;
-  DBG_DETAIL("%s: Freeing timer for acl %s", operation, shown(head->name));
-  mtimer_leaf_free(static_cast<mtimer_leaf*>(leaf.load(std::memory_order_relaxed)));
 }
 
 }  // namespace
@@ -150,7 +142,7 @@ void es_acl_db_owner_release(es_acl_head* head) {
   }
   const AclTeardown teardown(head, es_acl_db_owner_release);
   if (!teardown.granted()) return;
-  free_timer(__func__, head);
+  free_callback_timer(__func__, head);
   drop_notify_entries(head);
   destroy_registry(head->cb_registry_a);
   destroy_registry(head->cb_registry_b);

@@ -8,6 +8,7 @@
 #include "es_acl/es_acl.h"
 #include "es_acl/es_acl_cpcx.h"
 #include "es_acl/es_acl_store.h"
+#include "es_acl_cb_private.h"
 #include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
@@ -37,10 +38,12 @@ uint32_t register_name(const char* name, es_acl_head* head) {
                       [&] { return dsv_register(es_acl_classhandle, name, &head->reg_handle); });
 }
 
-// A push or a question may just be looking at the head.
+// A push or a question may just be looking at the head, and a callback for a kept change may have asked for notices.
 void discard_new_head(es_acl_head* head) {
   const AclTeardown teardown(head, discard_new_head);
   if (head->reg_handle != nullptr) pcx_unregister(head->reg_handle);
+  free_callback_timer(kGet, head);
+  drop_notify_entries(head);
   es_acl_freelist(head, nullptr);
 }
 
