@@ -15,12 +15,13 @@
  * No lock is held around a callback. It may call every operation of the library: register and unregister
  * (also itself; a callback added during a walk is called from the next event on, one removed is not called
  * any more), search and walk the ACL, get ACLs, release them - the very ACL it is called for included, whose
- * local copy then goes when the callback has returned, unless it has been got again by then. (To get an ACL
- * that another thread is just releasing fails with 11 inside a callback; elsewhere it waits. And while a get first
- * reads an ACL nobody holds it: a callback for it may not release it then.) A callback that
- * blocks holds up all further messages (or notifications) of the process; it must not wait for a thread that is
- * releasing the same ACL, because es_acl_release() waits for the callbacks of the ACL that are running on other
- * threads.
+ * local copy then goes when the callback has returned, unless it has been got again by then. Two exceptions: to
+ * get an ACL that another thread is just releasing fails with 11 inside a callback (elsewhere it waits); and
+ * while a get first reads an ACL nobody holds it, so that a callback for it may not release it then.
+ *
+ * A callback that blocks holds up all further messages (or notifications) of the process. It must not wait for
+ * a thread that is releasing the same ACL, because es_acl_release() waits for the callbacks of the ACL that are
+ * running on other threads.
  *
  * The callbacks of one kind are called in the order of their registration. Registering an equal pair again
  * makes it be called twice; each unregistration takes away one.

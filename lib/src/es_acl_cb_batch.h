@@ -11,7 +11,8 @@
 
 namespace es_acl {
 
-// Room for n elements, all zero; null where memory runs out. What is left in it goes back to the pool with it.
+// Room for n elements, all zero; exists() tells whether there was memory for it. Copies that are left in it go back to
+// the pool with it.
 class EditBatch {
  public:
   explicit EditBatch(uint32_t n) : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)) {}
