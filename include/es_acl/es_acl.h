@@ -99,6 +99,22 @@ ES_ACL_API es_acl_status es_acl_get_acl(const es_acl_handle_list* names, es_acl_
 ES_ACL_API es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_acl_handle_list* handles,
                                             uint32_t* results, uint32_t check_count);
 
+/* Many ACLs in one call: what is not held yet is counted, registered and read together, in few messages.
+ *
+ *   in_data   in_data->entries[i] is a `const char*`, a name of at most 64 characters; the name rules are not checked
+ *   out_data  entries is the caller's array of at least in_data->count slots, not in_data's; count is set, and every slot
+ *             is written: the handle, or null
+ *   ret_data  ret_data[i] is name i's status. 0: its slot has a handle and one reference. ES_ACL_E_NO_RULES: the producer
+ *             has no ACEs but remarks under that name, or does not know it. 12: its head could not be created. 11: see
+ *             es_acl_get_acl()
+ *
+ * The copies that it makes have no remarks; a copy that is held already is shared as it is. A name asked for twice takes
+ * two references of one copy. Returns 0 when the call has succeeded as a whole. Otherwise 22: null arguments, or an answer
+ * that does not fit (an ACL that changed just between its count and its read too: try again); 12; or what the bus said.
+ * Then nothing new is held, but slots with a handle are of ACLs that were held before, and are to be released. */
+ES_ACL_API es_acl_status es_acl_get_definition(const es_acl_handle_list* in_data,
+                                               es_acl_handle_list* out_data, uint32_t* ret_data);
+
 /* The number of ACEs of an ACL, remarks included, and of its remarks. Initialise both: *num_remark_aces is written only
  * when the answer comes from the producer, not for an ACL held locally with ACEs, nor for a name that nobody registered
  * (which has 0 ACEs, status 0). On failure *num_aces is 0. 22: null arguments, which leave both unwritten, or an answer

@@ -24,6 +24,23 @@ ES_ACL_API es_acl_status es_acl_cpcx_query_acl_count(const char* acl_name, uint3
  * and leave the head: whoever must tell them apart uses es_acl_get_acl(). Blocks. */
 ES_ACL_API es_acl_status es_acl_cpcx_read_acl(es_acl_head* head);
 
+/* The same two for many ACLs, in messages of as many names as travel well in one (pcx_get_optimum_msg_size()). Arrays of
+ * `count` elements: `acl_names` has fields of 65 bytes, each a name of at most 64 characters and its NUL, back to back;
+ * num_aces counts an ACL's ACEs, remarks included, and num_rem_aces its remarks. Block; any client thread.
+ *
+ * The count query writes both counts: 0 and 0 for a name that nobody has registered. On failure they are unspecified.
+ * The read takes the counts of a query just before it, and asks the producer that the latest query of this process has
+ * found: nothing else may count in between. It stores the ACEs that are not remarks in aclhead_type[i], a head that the
+ * caller has created and registered. ACEs stored before a failure stay. What was pushed meanwhile is applied at its end.
+ *
+ * 0; 22: null arrays, an optimum size with no room for a name, an answer of a wrong size or version, more remarks than
+ * ACEs; 12; else what the bus or the store said. es_acl_get_definition() does all of it. */
+ES_ACL_API es_acl_status es_acl_cpcx_query_acl_count_bulk(const char* acl_names, uint32_t* num_aces,
+                                                          uint32_t* num_rem_aces, uint32_t count);
+ES_ACL_API es_acl_status es_acl_cpcx_read_acl_bulk(es_acl_head* const* aclhead_type, const char* acl_names,
+                                                   const uint32_t* num_aces, const uint32_t* num_rem_aces,
+                                                   uint32_t count);
+
 /* Takes everything that the producer sends; registered with the bus for each ACL. Runs on the delivery thread, one
  * message at a time; the ACL's lock is taken for single store calls, none is held around a callback. `payload` may be
  * written to and is not kept; it must be aligned to 8 bytes. A synchronous request that can be answered sets *response to

@@ -14,14 +14,14 @@ struct Free {
 template <typename T>
 using Buffer = std::unique_ptr<T[], Free>;
 
-// Null when memory runs out.
+// Null when memory runs out, and only then: there is room for one element at least.
 template <typename T>
 Buffer<T> zeroed(size_t count) {
-  return Buffer<T>(static_cast<T*>(std::calloc(count, sizeof(T))));
+  return Buffer<T>(static_cast<T*>(std::calloc(count != 0 ? count : 1, sizeof(T))));
 }
 template <typename T>
 Buffer<T> uninitialised(size_t count) {
-  return Buffer<T>(static_cast<T*>(std::malloc(count * sizeof(T))));
+  return Buffer<T>(static_cast<T*>(std::malloc((count != 0 ? count : 1) * sizeof(T))));
 }
 
 }  // namespace es_acl

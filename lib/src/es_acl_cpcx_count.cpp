@@ -9,6 +9,7 @@
 #include "es_acl/es_acl_store.h"
 #include "es_acl/es_acl_wire.h"
 #include "es_acl_buffer.h"
+#include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
@@ -20,8 +21,6 @@ namespace es_acl {
 namespace {
 
 constexpr uint32_t kAnswerSize = sizeof(acl_pcx_query_resp);
-
-void publish_address(void* address) { __atomic_store_n(&es_acl_global_handle, address, __ATOMIC_RELAXED); }
 
 // The producer's address for the name. *found is false, with status 0, when nobody registered it.
 uint32_t find_address(const char* operation, const char* acl_name, void** address, bool* found) {

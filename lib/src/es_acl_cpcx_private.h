@@ -3,6 +3,7 @@
 #ifndef ES_ACL_SRC_CPCX_PRIVATE_H_
 #define ES_ACL_SRC_CPCX_PRIVATE_H_
 
+#include "es_acl/es_acl.h"
 #include "es_acl/es_acl_status.h"
 #include "es_acl/es_acl_types.h"
 #include "es_acl/es_acl_wire.h"
@@ -13,6 +14,34 @@ namespace es_acl {
 // es_acl_cpcx_read_acl(). *head_released says whether the head is gone: a status of 12 alone does not, for
 // the bus may have returned it.
 es_acl_status read_acl(es_acl_head* head, bool* head_released);
+
+// Names as the bulk operations take them: fields that lie back to back.
+struct NameField {
+  char text[ES_ACL_NAME_FIELD_SIZE];
+};
+static_assert(sizeof(NameField) == ES_ACL_NAME_FIELD_SIZE);
+
+// es_acl_cpcx_query_acl_count_bulk(). *address receives where the names were found, for the read that follows.
+es_acl_status query_acl_count_bulk(const NameField* acl_names, uint32_t* num_aces, uint32_t* num_rem_aces,
+                                   uint32_t count, void** address);
+
+// The arguments of es_acl_cpcx_read_acl_bulk(): arrays of `count` elements.
+struct BulkAcls {
+  es_acl_head* const* heads;
+  const NameField* names;
+  const uint32_t* num_aces;
+  const uint32_t* num_rem_aces;
+  uint32_t count;
+};
+
+// The read, from that address. What is pushed meanwhile is the caller's to keep (AclFill).
+es_acl_status read_acl_bulk(const BulkAcls& acls, void* address);
+
+// es_acl_global_handle shows the bus address that was found last; no operation relies on what others put there.
+inline void publish_address(void* address) {
+  __atomic_store_n(&es_acl_global_handle, address, __ATOMIC_RELAXED);
+}
+inline void* published_address() { return __atomic_load_n(&es_acl_global_handle, __ATOMIC_RELAXED); }
 
 // Applies a pushed change that was kept aside while this thread filled its ACL.
 void apply_kept_message(void* payload, uint32_t length);

@@ -1,10 +1,14 @@
 #include "es_acl_gate.h"
 
+#include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <new>
+#include <optional>
 
 #include "es_acl/es_acl_store.h"
 #include "es_acl/es_acl_wire.h"
@@ -16,22 +20,36 @@ using Kind = Stay::Kind;
 
 // Never destroyed: the delivery thread may be at work while the process ends.
 constinit std::mutex gate_mutex;
-constinit Stay* stays = nullptr;
+constinit Stay* stays[4096] = {};
 pthread_cond_t stay_ended = PTHREAD_COND_INITIALIZER;
 constinit uint32_t waiting = 0;
+thread_local uint32_t uses_of_this_thread = 0;
+
+// By the name, which is filled up with zeros.
+Stay** place_of(const char (&name)[ES_ACL_NAME_FIELD_SIZE]) {
+  uint64_t hash = 0;
+  for (size_t at = 0; at < ES_ACL_NAME_MAX; at += sizeof(uint64_t)) {
+    uint64_t word;
+    std::memcpy(&word, name + at, sizeof word);
+    hash = (std::rotl(hash, 5) ^ word) * 0x9e3779b97f4a7c15u;
+  }
+  return &stays[hash >> 52];
+}
 
 void link_locked(Stay* stay) {
-  stay->next = stays;
-  stays = stay;
+  stay->next = *stay->place;
+  *stay->place = stay;
   stay->linked = true;
+  if (stay->kind == Kind::use) ++uses_of_this_thread;
 }
 
 void unlink_locked(Stay* stay) {
   if (!stay->linked) return;
-  Stay** at = &stays;
+  Stay** at = stay->place;
   while (*at != stay) at = &(*at)->next;
   *at = stay->next;
   stay->linked = false;
+  if (stay->kind == Kind::use) --uses_of_this_thread;
 }
 
 void end_locked(Stay* stay) {
@@ -48,39 +66,35 @@ void wait_locked(Condition met) {
 }
 
 bool on_this_thread(const Stay& stay) { return pthread_equal(stay.thread, pthread_self()) != 0; }
-bool at_acl(const Stay& stay, Kind kind, const char* name) {
-  return stay.kind == kind && std::strcmp(stay.name, name) == 0;
+
+// Calls `visit` for the stays of that kind at the ACL of `here`, the newest first, until it says true; the stay it said
+// that of, or null.
+template <typename Visit>
+Stay* visit_locked(const Stay& here, Kind kind, Visit visit) {
+  for (Stay* stay = *here.place; stay != nullptr; stay = stay->next)
+    if (stay->kind == kind && std::strcmp(stay->name, here.name) == 0 && visit(*stay)) return stay;
+  return nullptr;
 }
 
-// The newest stay that fits, or null.
-template <typename Fits>
-Stay* find_locked(Fits fits) {
-  Stay* stay = stays;
-  while (stay != nullptr && !fits(*stay)) stay = stay->next;
-  return stay;
-}
-
-Stay* own_locked(Kind kind, const char* name) {
-  return find_locked([&](const Stay& stay) { return at_acl(stay, kind, name) && on_this_thread(stay); });
-}
-Stay* others_locked(Kind kind, const char* name) {
-  return find_locked([&](const Stay& stay) { return at_acl(stay, kind, name) && !on_this_thread(stay); });
-}
-bool in_a_use_locked() {
-  return find_locked([](const Stay& stay) { return stay.kind == Kind::use && on_this_thread(stay); }) !=
-         nullptr;
+Stay* own_locked(const Stay& here, Kind kind) { return visit_locked(here, kind, on_this_thread); }
+Stay* others_locked(const Stay& here, Kind kind) {
+  return visit_locked(here, kind, [](const Stay& stay) { return !on_this_thread(stay); });
 }
 // A use that a teardown has to respect.
-bool is_in_use(const Stay& stay, const char* name) { return at_acl(stay, Kind::use, name) && !stay.late; }
-Stay* use_locked(const char* name) {
-  return find_locked([&](const Stay& stay) { return is_in_use(stay, name); });
+Stay* use_locked(const Stay& here) {
+  return visit_locked(here, Kind::use, [](const Stay& stay) { return !stay.late; });
+}
+bool others_use_locked(const Stay& here) {
+  return visit_locked(here, Kind::use,
+                      [](const Stay& stay) { return !stay.late && !on_this_thread(stay); }) != nullptr;
 }
 
 }  // namespace
 
-Stay::Stay(Kind its_kind, const char* its_name) : kind(its_kind), thread(pthread_self()) {
-  es_acl_wire_set_name(name, its_name != nullptr ? its_name : "");
-}
+Stay::Stay(Kind its_kind, const char* its_name)
+    : kind(its_kind),
+      thread(pthread_self()),
+      place((es_acl_wire_set_name(name, its_name != nullptr ? its_name : ""), place_of(name))) {}
 
 // --- Uses ---
 
@@ -93,7 +107,7 @@ AclUse::AclUse(const char* its_name, const void* message, uint32_t length) : Sta
   const std::lock_guard lock(gate_mutex);
   AclFill* fill = nullptr;
   wait_locked([&] {
-    fill = static_cast<AclFill*>(others_locked(Kind::fill, name));
+    fill = static_cast<AclFill*>(others_locked(*this, Kind::fill));
     return fill == nullptr || fill->has_room_locked();
   });
   kept_ = fill != nullptr;
@@ -105,42 +119,45 @@ AclUse::AclUse(const char* its_name, const void* message, uint32_t length) : Sta
 
 AclUse::AclUse(const char* its_name, WhenGone) : Stay(Kind::use, its_name) {
   const std::lock_guard lock(gate_mutex);
-  if (!in_a_use_locked()) wait_locked([this] { return others_locked(Kind::teardown, name) == nullptr; });
+  if (uses_of_this_thread == 0)
+    wait_locked([this] { return others_locked(*this, Kind::teardown) == nullptr; });
   enter_locked();
 }
 
 // What is inside a use that leaves the head alone does so too, unless the ACL has been got again in there.
 void AclUse::enter_locked() {
-  const Stay* const around = own_locked(Kind::use, name);
+  const Stay* const around = own_locked(*this, Kind::use);
   const bool outdated = around != nullptr && around->leaving.load(std::memory_order_relaxed) &&
-                        own_locked(Kind::fill, name) == nullptr;
-  late = others_locked(Kind::teardown, name) != nullptr;
+                        own_locked(*this, Kind::fill) == nullptr;
+  late = others_locked(*this, Kind::teardown) != nullptr;
   Stay::leaving.store(late || outdated, std::memory_order_relaxed);
   link_locked(this);
 }
 
 AclUse::~AclUse() {
-  Stay teardown(Kind::teardown, name);
+  std::optional<Stay> teardown;
   {
     const std::lock_guard lock(gate_mutex);
     end_locked(this);
     if (left_head_ == nullptr) return;
-    if (auto* other = static_cast<AclUse*>(use_locked(name))) {
+    if (auto* other = static_cast<AclUse*>(use_locked(*this))) {
       other->left_head_ = left_head_;
       other->left_work_ = left_work_;
       return;
     }
-    link_locked(&teardown);
+    link_locked(&teardown.emplace(Kind::teardown, name));
   }
   left_work_(left_head_);
   const std::lock_guard lock(gate_mutex);
-  end_locked(&teardown);
+  end_locked(&*teardown);
 }
 
 void AclArrival::keep() {
   const std::lock_guard lock(gate_mutex);
-  for (Stay* stay = stays; stay != nullptr; stay = stay->next)
-    if (at_acl(*stay, Kind::use, name)) static_cast<AclUse*>(stay)->left_head_ = nullptr;
+  visit_locked(*this, Kind::use, [](Stay& stay) {
+    static_cast<AclUse&>(stay).left_head_ = nullptr;
+    return false;
+  });
 }
 
 // --- Fills ---
@@ -154,10 +171,11 @@ struct AclFill::Message {
 // What an earlier copy of this ACL was still to be told is older than what will be read.
 AclFill::AclFill(const char* its_name) : Stay(Kind::fill, its_name) {
   const std::lock_guard lock(gate_mutex);
-  if (own_locked(kind, name) != nullptr) return;
-  for (Stay* stay = stays; stay != nullptr; stay = stay->next)
-    if (at_acl(*stay, Kind::use, name) && !on_this_thread(*stay))
-      stay->leaving.store(true, std::memory_order_relaxed);
+  if (own_locked(*this, kind) != nullptr) return;
+  visit_locked(*this, Kind::use, [](Stay& stay) {
+    if (!on_this_thread(stay)) stay.leaving.store(true, std::memory_order_relaxed);
+    return false;
+  });
   link_locked(this);
 }
 
@@ -215,24 +233,36 @@ uint32_t AclFill::finish(void (*apply)(void* message, uint32_t length)) {
   return lost_ ? ENOMEM : 0;
 }
 
+AclFills::~AclFills() { std::destroy_n(fills_.get(), count_); }
+
+bool AclFills::reserve(uint32_t count) {
+  fills_ = uninitialised<AclFill>(count);
+  return fills_ != nullptr;
+}
+
+void AclFills::begin(const char* name) { ::new (&fills_[count_++]) AclFill(name); }
+
+uint32_t AclFills::finish(void (*apply)(void* message, uint32_t length)) {
+  uint32_t rc = 0;
+  for (uint32_t i = 0; i < count_ && rc == 0; ++i) rc = fills_[i].finish(apply);
+  return rc;
+}
+
 // --- Teardowns ---
 
 // The list of a fill that has failed is nothing that anybody may get again: that teardown is never left to others.
 AclTeardown::AclTeardown(es_acl_head* head, TeardownWork work) : Stay(Kind::teardown, head->name) {
   const std::lock_guard lock(gate_mutex);
-  if (own_locked(kind, name) != nullptr) return;
-  auto* const use = static_cast<AclUse*>(use_locked(name));
-  if (use != nullptr && in_a_use_locked() && own_locked(Kind::fill, name) == nullptr) {
+  if (own_locked(*this, kind) != nullptr) return;
+  auto* const use = static_cast<AclUse*>(use_locked(*this));
+  if (use != nullptr && uses_of_this_thread != 0 && own_locked(*this, Kind::fill) == nullptr) {
     use->left_head_ = head;
     use->left_work_ = work;
     granted_ = false;
     return;
   }
   link_locked(this);
-  wait_locked([this] {
-    return find_locked([this](const Stay& stay) { return is_in_use(stay, name) && !on_this_thread(stay); }) ==
-           nullptr;
-  });
+  wait_locked([this] { return !others_use_locked(*this); });
 }
 
 AclTeardown::~AclTeardown() {

@@ -5,7 +5,7 @@
 //   - the first fill: a get reads the ACL's ACEs for the first time;
 //   - the teardown: the last release, or a fill that failed, takes the ACL down.
 // Each says so, by the ACL's name, with an object on its stack. One small mutex orders the saying; nothing else
-// runs under it. Then:
+// runs under it. They are found by name, however many ACLs one get fills. Then:
 //   - a pushed change that meets a fill is kept aside, and applied in order by the filling thread at the fill's
 //     end. The fill ends under the mutex under which messages are kept, so none is lost. The delivery thread does
 //     not wait, unless more arrives during that end than is worth keeping: else the end might never come;
@@ -24,6 +24,7 @@
 #include <cstdint>
 
 #include "es_acl/es_acl_types.h"
+#include "es_acl_buffer.h"
 
 namespace es_acl {
 
@@ -38,6 +39,7 @@ struct Stay {
   const Kind kind;
   const pthread_t thread;
   char name[ES_ACL_NAME_FIELD_SIZE];  // a copy: the head, and its name, may go first
+  Stay** const place;                 // where the stays at this name, and some others, are linked
   Stay* next = nullptr;
   bool linked = false;
   bool late = false;                  // of a use: it met a teardown, and nobody waits for it
@@ -107,6 +109,25 @@ class AclFill : private Stay {
   bool lost_ = false;
   bool ending_ = false;
   uint32_t kept_at_end_ = 0;  // messages that came while others were applied
+};
+
+// The fills of one get of many ACLs.
+class AclFills {
+ public:
+  AclFills() = default;
+  AclFills(const AclFills&) = delete;
+  AclFills& operator=(const AclFills&) = delete;
+  ~AclFills();
+
+  // Makes room for `count` fills, which have not begun. False when there is no memory.
+  bool reserve(uint32_t count);
+  void begin(const char* name);
+  // Ends all of them, as AclFill::finish() does; at the first that fails it stops.
+  uint32_t finish(void (*apply)(void* message, uint32_t length));
+
+ private:
+  Buffer<AclFill> fills_;  // room for them: those that have begun are alive
+  uint32_t count_ = 0;
 };
 
 class AclTeardown : private Stay {

@@ -12,6 +12,7 @@
 #include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
+#include "es_acl_get_private.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
 #include "es_db_private.h"
@@ -23,28 +24,11 @@ namespace {
 
 constexpr char kGet[] = "es_acl_getlist_acl";
 
-// What became of one name. `result` is what the caller's result entry receives, unless there is nothing to
-// tell.
-struct Outcome {
-  es_acl_head* head = nullptr;
-  uint32_t status = 0;
-  bool has_result = true;
-};
-
 Outcome failed(uint32_t status) { return {nullptr, status, true}; }
 
 uint32_t register_name(const char* name, es_acl_head* head) {
   return with_retries(is_transient,
                       [&] { return dsv_register(es_acl_classhandle, name, &head->reg_handle); });
-}
-
-// A push or a question may just be looking at the head, and a callback for a kept change may have asked for notices.
-void discard_new_head(es_acl_head* head) {
-  const AclTeardown teardown(head, discard_new_head);
-  if (head->reg_handle != nullptr) pcx_unregister(head->reg_handle);
-  free_callback_timer(kGet, head);
-  drop_notify_entries(head);
-  es_acl_freelist(head, nullptr);
 }
 
 // Registers a new head and fills it; what is pushed meanwhile is applied behind the fill. On failure the head is gone,
@@ -78,35 +62,11 @@ uint32_t attach(const char* name, es_acl_head* head, AclFill& fill) {
   return rc;
 }
 
-// One more holder of an ACL that is there. False when it is not.
-bool share(const char* name, Outcome* outcome) {
-  AclArrival arrival(name);
-  es_acl_head* const head = es_acl_lookup_internal(name);
-  if (head == nullptr) return false;
-  if (arrival.leaving()) {
-    DBG_ERR("%s: acl %s is just being released on another thread", kGet, name);
-    trace_name(kGet, "being released", name, EAGAIN);
-    *outcome = failed(EAGAIN);
-    return true;
-  }
-  arrival.keep();
-  const int32_t holders = add_reference(head);
-  trace_name(kGet, "shared", name, static_cast<uint32_t>(holders));
-  *outcome = {head, 0, true};
-  return true;
-}
-
 Outcome create(const char* name) {
   DBG_DETAIL("%s: Creating new ACL head type", kGet);
   AclFill fill(name);
-  es_acl_head* head = es_acl_apis->get_header(name);
-  if (head == nullptr) {
-    DBG_ERR("%s: acl %s get_header failed", kGet, name);
-    trace_name(kGet, "get_header failed", name, ENOMEM);
-    return failed(ENOMEM);
-  }
-  head->created_by_get = 1;
-  head->evm_ctx = es_acl_lib_ctx;
+  es_acl_head* head = create_head(kGet, name);
+  if (head == nullptr) return failed(ENOMEM);
   const uint32_t rc = attach(name, head, fill);
   return rc == 0 ? Outcome{head, 0, true} : failed(rc);
 }
@@ -137,10 +97,51 @@ Outcome get_one(const char* name, uint32_t check_count) {
   }
   Outcome outcome;
   if (check_count != 0 && rejected_by_count(name, &outcome)) return outcome;
-  return share(name, &outcome) ? outcome : create(name);
+  return share(kGet, name, &outcome) ? outcome : create(name);
 }
 
 }  // namespace
+
+bool share(const char* operation, const char* name, Outcome* outcome) {
+  AclArrival arrival(name);
+  es_acl_head* const head = es_acl_lookup_internal(name);
+  if (head == nullptr) return false;
+  if (arrival.leaving()) {
+    DBG_ERR("%s: acl %s is just being released on another thread", operation, name);
+    trace_name(operation, "being released", name, EAGAIN);
+    *outcome = failed(EAGAIN);
+    return true;
+  }
+  arrival.keep();
+  const int32_t holders = add_reference(head);
+  trace_name(operation, "shared", name, static_cast<uint32_t>(holders));
+  *outcome = {head, 0, true};
+  return true;
+}
+
+es_acl_head* create_head(const char* operation, const char* name) {
+  es_acl_head* const head = es_acl_apis->get_header(name);
+  if (head == nullptr) {
+    DBG_ERR("%s: acl %s get_header failed", operation, name);
+    trace_name(operation, "get_header failed", name, ENOMEM);
+    return nullptr;
+  }
+  head->created_by_get = 1;
+  head->evm_ctx = es_acl_lib_ctx;
+  return head;
+}
+
+// A push or a question may just be looking at the head, and a callback for a kept change may have asked for notices.
+// Inside a callback for the same ACL it is left to that callback's end, when the fill has ended before.
+void discard_new_head(es_acl_head* head) {
+  const AclTeardown teardown(head, discard_new_head);
+  if (!teardown.granted()) return;
+  if (head->reg_handle != nullptr) pcx_unregister(head->reg_handle);
+  free_callback_timer(kGet, head);
+  drop_notify_entries(head);
+  es_acl_freelist(head, nullptr);
+}
+
 }  // namespace es_acl
 
 using namespace es_acl;
