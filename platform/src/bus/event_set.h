@@ -1,0 +1,40 @@
+// The descriptors that a thread waits for, each under a number of its own. Level-triggered.
+#ifndef ES_PLATFORM_SRC_BUS_EVENT_SET_H_
+#define ES_PLATFORM_SRC_BUS_EVENT_SET_H_
+
+#include <sys/epoll.h>
+
+#include "bus/unix_socket.h"
+
+namespace es_platform::bus {
+
+class EventSet {
+ public:
+  // Each of the three: false and errno.
+  bool open() {
+    set_ = Fd(epoll_create1(EPOLL_CLOEXEC));
+    return static_cast<bool>(set_);
+  }
+  bool add(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_ADD, fd, id, events); }
+  bool change(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_MOD, fd, id, events); }
+
+  // Waits without limit. The number of events, or -1.
+  template <int kMost>
+  int wait(epoll_event (&events)[kMost]) const {
+    return epoll_wait(set_.get(), events, kMost, -1);
+  }
+
+ private:
+  bool control(int operation, int fd, uint64_t id, uint32_t events) const {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    return epoll_ctl(set_.get(), operation, fd, &event) == 0;
+  }
+
+  Fd set_;
+};
+
+}  // namespace es_platform::bus
+
+#endif  // ES_PLATFORM_SRC_BUS_EVENT_SET_H_
