@@ -135,6 +135,24 @@ TEST_F(BusProducer, MissingKilledAndRestarted) {
   EXPECT_EQ(read(data, "echo two").answer, "two");
 }
 
+// Lookups in short order, which are answered from a list of all names when that is not too long.
+TEST_F(BusProducer, ManyLookups) {
+  for (const size_t length : {10, 250}) {
+    Producer producer(name);
+    const auto numbered = [&](int i) {
+      return std::string(length, 'n').replace(0, 4, std::to_string(1000 + i));
+    };
+    for (int i = 0; i < 5000; ++i) ASSERT_EQ(pcx_producer_publish(producer.get(), numbered(i).c_str()), 0U);
+    for (int i = 0; i < 200; ++i) ASSERT_NE(address(name, numbered(i)), nullptr);
+    EXPECT_EQ(address(name, "n"), nullptr);
+    ASSERT_EQ(pcx_producer_publish(producer.get(), "n"), 0U);
+    EXPECT_NE(address(name, "n"), nullptr) << "nothing is known of a name that was not there";
+    ASSERT_EQ(pcx_producer_unpublish(producer.get(), numbered(7).c_str()), 0U);
+    EXPECT_TRUE(eventually([&] { return address(name, numbered(7)) == nullptr; }));
+    EXPECT_NE(address(name, numbered(4999)), nullptr);
+  }
+}
+
 // Connections from the pool that died with their producer are replaced without the caller seeing it.
 TEST_F(BusProducer, HundredsComeAndGo) {
   const auto descriptors = [] {

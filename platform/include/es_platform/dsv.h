@@ -33,7 +33,8 @@ PLATFORM_API uint32_t dsv_register_bulk(uint32_t class_handle, const char* const
 
 /* The bus address registered under a name, for pcx_read(). Asks the producer: blocks, at most for the bus's deadline.
  * 0; DSV_NO_DATA when there is no producer or it does not publish the name; 11, 12, 22, 62 as pcx_read(). The address
- * stays valid for the life of the process, also across a restart of the producer. */
+ * stays valid for the life of the process, also across a restart of the producer. When many names are looked up in short
+ * order, one that the producer has just withdrawn may be found for up to a tenth of a second more. */
 PLATFORM_API uint32_t dsv_lookup_data(uint32_t class_handle, const char* name, void** data);
 
 PLATFORM_END_DECLS

@@ -164,17 +164,24 @@ Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* p
   return response;
 }
 
+uint32_t Consumer::ask_for_name(Class& owner, std::string_view name) {
+  constexpr size_t kRoomForAll = 1 << 20;
+  std::vector<char> all_names(owner.known_names.wants_all() ? kRoomForAll : 0);
+  const uint32_t status = owner.link->lookup(name, &all_names, Deadline::in_ms(settings().deadline_ms));
+  if (!all_names.empty()) owner.known_names.learn(std::move(all_names));
+  return status;
+}
+
 uint32_t Consumer::lookup(uint32_t class_handle, std::string_view name, void** address) {
-  Link* link;
+  Class* owner;
   {
     std::lock_guard lock(mutex_);
-    Class* owner = class_locked(class_handle);
-    if (owner == nullptr) return EINVAL;
-    link = owner->link.get();
+    owner = class_locked(class_handle);
   }
+  if (owner == nullptr) return EINVAL;
   // A name that cannot be published has no data; nobody need be asked.
   if (name.empty() || name.size() > kMaxName) return DSV_NO_DATA;
-  const uint32_t status = link->lookup(name, Deadline::in_ms(settings().deadline_ms));
+  const uint32_t status = owner->known_names.has(name) ? 0 : ask_for_name(*owner, name);
   if (status == ESRCH) return DSV_NO_DATA;
   // The producer of a class answers for all its names, so an address need say no more than the class.
   if (status == 0) *address = handle_of(kAddressMark, class_handle);

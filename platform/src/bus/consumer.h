@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bus/known_names.h"
 #include "bus/transport.h"
 #include "es_platform/pcx.h"
 
@@ -61,10 +62,12 @@ class Consumer {
     const std::string name;
     std::unordered_map<uint64_t, Topic> topics;
     std::unordered_map<std::string, uint64_t> topic_of_name;
+    KnownNames known_names;
     const std::unique_ptr<Link> link;
   };
 
   Class* class_locked(uint32_t class_handle);
+  static uint32_t ask_for_name(Class& owner, std::string_view name);
   void join_topic_locked(Registration& registration, uint64_t id);
   void leave_topic_locked(const Registration& registration, uint64_t id);
   static uint64_t registration_after_locked(const Class& owner, uint64_t topic, uint64_t id);

@@ -15,7 +15,7 @@ namespace es_platform::bus {
 enum class FrameKind : uint8_t {
   hello = 1,    // first on every connection; payload: Hello
   read,         // request to the producer's read operation; word: answer capacity
-  lookup,       // is the name published? payload: the name
+  lookup,       // is the name published? payload: the name; word: room for all published names
   ping,         // is anybody there?
   answer,       // to the three above; tag: the request's; word: status
   subscribe,    // tag: topic; word: 1 when it is renewed, else 0; payload: the name

@@ -82,7 +82,7 @@ struct pcx_producer final : Service {
 
   uint32_t read(const pcx_peer& peer, void* request, uint32_t length, void* answer, uint32_t capacity,
                 uint32_t* answer_length) override;
-  uint32_t lookup(std::string_view name) override;
+  uint32_t lookup(std::string_view name, char* names, uint32_t capacity, uint32_t* length) override;
   void peer_came(const pcx_peer& peer) override;
   void events_opened(const pcx_peer& peer, EventSink* sink) override;
   void subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name, bool renewed) override;
@@ -105,6 +105,7 @@ struct pcx_producer final : Service {
 
   std::mutex mutex;
   std::unordered_set<std::string> published;
+  size_t published_size = 0;                         // their characters, and a NUL each
   std::unordered_map<uint64_t, Consumer> consumers;  // by peer id; elements stay where they are
   std::unordered_map<std::string, std::vector<Subscription>> subscriptions;
   std::unordered_map<uint64_t, Question*> questions;
@@ -121,9 +122,13 @@ uint32_t pcx_producer::read(const pcx_peer& peer, void* request, uint32_t length
   return ops.read(user, &peer, request, length, answer, capacity, answer_length);
 }
 
-uint32_t pcx_producer::lookup(std::string_view name) {
+uint32_t pcx_producer::lookup(std::string_view name, char* names, uint32_t capacity, uint32_t* length) {
   std::lock_guard lock(mutex);
-  return published.count(std::string(name)) != 0 ? 0 : DSV_NO_DATA;
+  if (published.count(std::string(name)) == 0) return DSV_NO_DATA;
+  if (published_size > capacity) return 0;
+  for (const std::string& one : published) names = std::copy_n(one.c_str(), one.size() + 1, names);
+  *length = static_cast<uint32_t>(published_size);
+  return 0;
 }
 
 void pcx_producer::peer_came(const pcx_peer& peer) {
@@ -290,7 +295,8 @@ uint32_t pcx_producer_publish(pcx_producer* producer, const char* name) {
   if (producer == nullptr || !is_name(name)) return EINVAL;
   return guarded([&]() -> uint32_t {
     std::lock_guard lock(producer->mutex);
-    producer->published.emplace(name);
+    const auto [place, fresh] = producer->published.emplace(name);
+    if (fresh) producer->published_size += place->size() + 1;
     return 0;
   });
 }
@@ -299,7 +305,9 @@ uint32_t pcx_producer_unpublish(pcx_producer* producer, const char* name) {
   if (producer == nullptr || !is_name(name)) return EINVAL;
   return guarded([&]() -> uint32_t {
     std::lock_guard lock(producer->mutex);
-    return producer->published.erase(name) != 0 ? 0 : ENOENT;
+    if (producer->published.erase(name) == 0) return ENOENT;
+    producer->published_size -= std::strlen(name) + 1;
+    return 0;
   });
 }
 

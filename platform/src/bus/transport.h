@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "bus/deadline.h"
 #include "es_platform/pcx_producer.h"
@@ -40,8 +41,9 @@ class Link {
   virtual ~Link() = default;
   // 0 when a producer is there and answers.
   virtual uint32_t connect(Deadline deadline) = 0;
-  // Is the name published? 0, DSV_NO_DATA, or why nobody could be asked.
-  virtual uint32_t lookup(std::string_view name, Deadline deadline) = 0;
+  // Is the name published? 0, DSV_NO_DATA, or why nobody could be asked. The size of
+  // `all_names` is room for all published names, each with a NUL behind it; 0 afterwards when they do not fit, or on failure.
+  virtual uint32_t lookup(std::string_view name, std::vector<char>* all_names, Deadline deadline) = 0;
   // Sends a request and receives its answer into the buffer. Answered when every subscribe() before it has
   // reached the producer. *answer_length: capacity in, length out, unchanged on failure.
   virtual uint32_t request(const void* request, uint32_t length, void* answer, uint32_t* answer_length,
@@ -72,7 +74,8 @@ class Service {
   virtual ~Service() = default;
   virtual uint32_t read(const pcx_peer& peer, void* request, uint32_t length, void* answer, uint32_t capacity,
                         uint32_t* answer_length) = 0;
-  virtual uint32_t lookup(std::string_view name) = 0;  // 0 or DSV_NO_DATA
+  // 0 or DSV_NO_DATA. With a 0 all published names go to `names`, each with a NUL behind it, if they fit.
+  virtual uint32_t lookup(std::string_view name, char* names, uint32_t capacity, uint32_t* length) = 0;
   virtual void peer_came(const pcx_peer& peer) = 0;
   virtual void events_opened(const pcx_peer& peer, EventSink* sink) = 0;
   // `renewed`: made again after a lost connection, by a consumer that has read since it was first made.

@@ -221,9 +221,10 @@ bool UnixServer::answer(UnixConnection& connection, const FrameHeader& header, c
 uint32_t UnixServer::make_answer(UnixConnection& connection, const FrameHeader& header, char* payload,
                                  uint32_t* length) {
   if (header.kind == FrameKind::ping) return 0;
-  if (header.kind == FrameKind::lookup) return service_.lookup({payload, header.length});
   const uint32_t capacity = std::min(header.word, kMaxAnswer);
   if (!grow_spare(capacity)) return ENOMEM;
+  if (header.kind == FrameKind::lookup)
+    return service_.lookup({payload, header.length}, spare_.get(), capacity, length);
   void* request = header.length != 0 ? payload : nullptr;
   const uint32_t status =
       service_.read(connection.peer->who, request, header.length, spare_.get(), capacity, length);

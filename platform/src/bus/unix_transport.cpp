@@ -21,10 +21,12 @@ class UnixLink final : public Link {
     return requests_.exchange(make_frame(FrameKind::ping, 0), nullptr, nullptr, &none, deadline);
   }
 
-  uint32_t lookup(std::string_view name, Deadline deadline) override {
-    uint32_t none = 0;
-    return requests_.exchange(make_frame(FrameKind::lookup, name.size()), name.data(), nullptr, &none,
-                              deadline);
+  uint32_t lookup(std::string_view name, std::vector<char>* all_names, Deadline deadline) override {
+    auto length = static_cast<uint32_t>(all_names->size());
+    const FrameHeader header = make_frame(FrameKind::lookup, name.size(), 0, length);
+    const uint32_t status = requests_.exchange(header, name.data(), all_names->data(), &length, deadline);
+    all_names->resize(status == 0 ? length : 0);
+    return status;
   }
 
   uint32_t request(const void* request, uint32_t length, void* answer, uint32_t* answer_length,
