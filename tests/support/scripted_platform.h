@@ -34,11 +34,19 @@
   X(create_class, uint32_t, dsv_create_class,                                                                \
     (const char* name, uint32_t flags, uint32_t mode, uint32_t* made), name, flags, mode, made)              \
   X(make_registration, uint32_t, dsv_register, (uint32_t of, const char* name, void** made), of, name, made) \
+  X(make_registrations, uint32_t, dsv_register_bulk,                                                         \
+    (uint32_t of, const char* const* names, uint32_t count, void*** made, uint32_t** codes), of,             \
+    (Elements{names, count}), count, made, codes)                                                            \
   X(find_address, uint32_t, dsv_lookup_data, (uint32_t of, const char* name, void** found), of, name, found) \
   X(0, uint32_t, pcx_lr_init, (void* ctx), ctx)                                                              \
   X(0, uint32_t, pcx_set_context, (const pcx_context_record* context), Context{context})                     \
   X(0, uint32_t, pcx_register, (void* handle, uint32_t flags, uint64_t context, pcx_handler handler),        \
     handle, flags, context, handler)                                                                         \
+  X(1000, uint32_t, pcx_get_num_bulk_handles, (uint32_t of), of)                                             \
+  X(0, uint32_t, pcx_bulk_register,                                                                          \
+    (void* const* handles, uint32_t* codes, uint32_t count, uint32_t zero1, uint32_t zero2, uint64_t zero3,  \
+     pcx_handler handler),                                                                                   \
+    (Elements{handles, count}), codes, count, zero1, zero2, zero3, handler)                                  \
   X(0, uint32_t, pcx_unregister, (void* handle), handle)                                                     \
   X(0, uint32_t, pcx_query_producer, (void* handle), handle)                                                 \
   X(65536, uint32_t, pcx_get_optimum_msg_size, (uint32_t of), of)                                            \
@@ -113,6 +121,22 @@ inline std::string show(Context context) {
   const pcx_context_record& record = *context.record;
   return show(record.reserved0) + ", " + show(record.evm_ctx) + ", " + show(record.class_handle) + ", " +
          show(record.reserved20) + ", " + show(record.one) + ", " + show(record.reserved28);
+}
+
+// An array whose elements are shown.
+template <class Element>
+struct Elements {
+  operator const Element*() const { return elements; }
+  const Element* elements;
+  uint32_t count;
+};
+template <class Element>
+Elements(const Element*, uint32_t) -> Elements<Element>;
+template <class Element>
+std::string show(Elements<Element> list) {
+  std::string shown;
+  for (uint32_t i = 0; i < list.count; ++i) shown += (i == 0 ? "" : ", ") + show(list.elements[i]);
+  return "[" + shown + "]";
 }
 
 struct Platform {
