@@ -90,15 +90,20 @@ bool BulkRead::find_batch_size() {
   return false;
 }
 
-// The number of ACEs that the batch asks for.
+// The number of ACEs that the batch asks for. It takes fewer ACLs when their answer would be larger than a bus carries.
 uint64_t BulkRead::fill_request() {
+  constexpr uint64_t kMostAces = (uint64_t{1} << 30) / kAceSize;
   const uint32_t first = acls_.count - remaining_;
   uint64_t batch_aces = 0;
   request_.clear();
   for (uint32_t k = 0; k < batch_; ++k) {
-    DBG_DETAIL("%s: ACL[%d]: %s", kRead, static_cast<int>(k), request_.add(acls_.names[first + k]));
-    batch_aces += rules_of(first + k);
+    const uint64_t rules = rules_of(first + k);
+    if (k != 0 && batch_aces + rules > kMostAces) break;
+    DBG_DETAIL("%s: ACL[%d]: %s", kRead, static_cast<int>(k), name_of(first + k));
+    request_.add(acls_.names[first + k]);
+    batch_aces += rules;
   }
+  batch_ = request_.names();
   return batch_aces;
 }
 
