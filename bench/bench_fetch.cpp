@@ -92,15 +92,19 @@ void fetch_es_acl(benchmark::State& state) {
       state, [&] { return es_acl_get_acl(&names, &acls, &result) == 0; }, [&] { es_acl_release(&acls); });
 }
 
-bool read_bare(int fd, std::vector<es_acl_pcx_acl_ace>& buffer, uint32_t first, uint32_t count) {
+}  // namespace
+
+bool read_bare(int fd, es_acl_pcx_acl_ace* records, uint32_t first, uint32_t count) {
   const BareRequest request = {BareRequest::kRead, first, count, 0, 0};
   if (send(fd, &request, sizeof request, MSG_NOSIGNAL) != sizeof request) return false;
   const size_t length = size_t{count} * kRecord;
-  if (recv(fd, buffer.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) return false;
-  for (uint32_t i = 0; i < count; ++i) es_acl_wire_acl_ace_order(&buffer[i]);
-  benchmark::DoNotOptimize(buffer.data());
+  if (recv(fd, records, length, MSG_WAITALL) != static_cast<ssize_t>(length)) return false;
+  for (uint32_t i = 0; i < count; ++i) es_acl_wire_acl_ace_order(&records[i]);
+  benchmark::DoNotOptimize(records);
   return true;
 }
+
+namespace {
 
 void fetch_bare_socket(benchmark::State& state, const Peer* peer) {
   init_library();
@@ -111,7 +115,7 @@ void fetch_bare_socket(benchmark::State& state, const Peer* peer) {
       [&] {
         std::vector<es_acl_pcx_acl_ace> buffer(batch_size());
         for (uint32_t first = 0; first < size; first += batch_size())
-          if (!read_bare(fd, buffer, first, std::min(batch_size(), size - first))) return false;
+          if (!read_bare(fd, buffer.data(), first, std::min(batch_size(), size - first))) return false;
         return true;
       },
       [] {});

@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   es_acl_bench::Peer peer;  // forks: before any thread
   if (!peer.start()) return 1;
   es_acl_bench::register_fetch_benchmarks(peer);
+  es_acl_bench::register_bulk_benchmarks(peer);
   es_acl_bench::register_push_benchmarks(peer);
   es_acl_bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);

@@ -64,10 +64,44 @@ uint32_t answer_read(const std::vector<es_acl_pcx_acl_ace>& records, acl_pcx_rea
   return 0;
 }
 
-uint32_t serve(void* user, const pcx_peer*, void* request, uint32_t length, void* answer, uint32_t capacity,
+// Calls `work` with the size of each ACL that a bulk request names.
+template <typename Work>
+void for_each_size(const acl_pcx_bulk_req* request, Work work) {
+  const char* name = reinterpret_cast<const char*>(request + 1);
+  const uint32_t count = es_acl_wire_32(request->num_entries);
+  for (uint32_t i = 0; i < count; ++i, name += ES_ACL_NAME_FIELD_SIZE)
+    work(static_cast<uint32_t>(std::atoi(name + 4)));
+}
+
+uint32_t answer_bulk_count(const acl_pcx_bulk_req* request, void* answer, uint32_t* answer_length) {
+  auto* const begin = static_cast<acl_pcx_query_resp*>(answer);
+  auto* out = begin;
+  for_each_size(request, [&](uint32_t size) {
+    *out = {ES_ACL_PCX_VERSION, 0, size, 0};
+    es_acl_wire_query_resp_order(out++);
+  });
+  *answer_length = static_cast<uint32_t>((out - begin) * sizeof *out);
+  return 0;
+}
+
+uint32_t answer_bulk_read(const std::vector<es_acl_pcx_acl_ace>& records, const acl_pcx_bulk_req* request,
+                          void* answer, uint32_t* answer_length) {
+  auto* const begin = static_cast<es_acl_pcx_acl_ace*>(answer);
+  auto* out = begin;
+  for_each_size(request, [&](uint32_t size) { out = std::copy_n(records.data(), size, out); });
+  *answer_length = static_cast<uint32_t>((out - begin) * sizeof *out);
+  return 0;
+}
+
+uint32_t serve(void* user, const pcx_peer*, void* request, uint32_t, void* answer, uint32_t capacity,
                uint32_t* answer_length) {
   const auto& records = *static_cast<const std::vector<es_acl_pcx_acl_ace>*>(user);
-  if (length == sizeof(acl_pcx_query_req))
+  const uint32_t command = es_acl_wire_32(*static_cast<uint32_t*>(request));
+  if (command == ACL_PCX_QUERY_ACE_COUNT_BULK)
+    return answer_bulk_count(static_cast<acl_pcx_bulk_req*>(request), answer, answer_length);
+  if (command == ACL_PCX_READ_ACES_BULK)
+    return answer_bulk_read(records, static_cast<acl_pcx_bulk_req*>(request), answer, answer_length);
+  if (command == ACL_PCX_QUERY_ACE_COUNT)
     return answer_count(static_cast<acl_pcx_query_req*>(request), answer, answer_length);
   return answer_read(records, static_cast<acl_pcx_read_req*>(request), answer, capacity, answer_length);
 }
@@ -111,6 +145,8 @@ void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records, Pu
     _exit(1);
   }
   for (const int64_t size : kSizes) pcx_producer_publish(producer, acl_name(size).c_str());
+  for (const BulkSize& size : kBulkSizes)
+    for (int64_t i = 0; i < size.acls; ++i) pcx_producer_publish(producer, acl_name(size.aces, i).c_str());
   if (write(ready, "r", 1) != 1) _exit(1);
   serve_bare(listener, records, Pusher(producer));
   _exit(0);
@@ -119,6 +155,7 @@ void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records, Pu
 }  // namespace
 
 std::string acl_name(int64_t size) { return "acl-" + std::to_string(size); }
+std::string acl_name(int64_t size, int64_t index) { return acl_name(size) + '-' + std::to_string(index); }
 
 bool Peer::start() {
   char directory[] = "/tmp/es-acl-bench-XXXXXX";

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "es_acl/es_acl_wire.h"
+
 namespace es_acl_bench {
 
 // What a client of the bare socket asks for.
@@ -41,6 +43,13 @@ uint64_t shared_clock_ns();
 // ACL names and sizes that the peer serves: "acl-1000" has 1000 ACEs, numbered 10, 20, ...
 std::string acl_name(int64_t size);
 
+// Sets of ACLs that are got together: "acl-100-7" is the eighth of those with 100 ACEs.
+struct BulkSize {
+  int64_t acls, aces;
+};
+inline constexpr BulkSize kBulkSizes[] = {{1000, 100}, {100, 10000}, {10000, 10}};
+std::string acl_name(int64_t size, int64_t index);
+
 class Peer {
  public:
   Peer() = default;
@@ -58,7 +67,11 @@ class Peer {
   pid_t pid_ = -1;
 };
 
+// Receives and converts `count` records of the bare socket, from `first` on.
+bool read_bare(int fd, es_acl_pcx_acl_ace* records, uint32_t first, uint32_t count);
+
 void register_fetch_benchmarks(const Peer& peer);
+void register_bulk_benchmarks(const Peer& peer);
 void register_push_benchmarks(const Peer& peer);
 // The process of one fan-out consumer: counts `messages` and says so on standard output.
 int run_fan_consumer(uint32_t messages);

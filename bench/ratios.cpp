@@ -16,8 +16,9 @@ std::vector<std::string> split(const std::string& name) {
   return parts;
 }
 
-bool is_number(const std::string& text) {
-  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+// A number, or two as in 100x1000.
+bool is_size(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789x") == std::string::npos;
 }
 
 }  // namespace
@@ -29,7 +30,7 @@ void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
     if (run.run_type == Run::RT_Iteration && run.repetitions > 1) continue;
     const std::vector<std::string> parts = split(run.run_name.function_name + "/" + run.run_name.args);
     if (parts.size() < 2) continue;
-    const std::string size = parts.size() > 2 && is_number(parts[2]) ? parts[2] : "";
+    const std::string size = parts.size() > 2 && is_size(parts[2]) ? parts[2] : "";
     times_[{parts[0], size}][parts[1]] =
         run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
   }

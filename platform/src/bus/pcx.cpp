@@ -24,6 +24,22 @@ uint32_t check_class(uint32_t class_handle) {
   return guarded([&]() -> uint32_t { return Consumer::instance().has_class(class_handle) ? 0 : EINVAL; });
 }
 
+// Registrations made while it stands go out together.
+class HeldChanges {
+ public:
+  explicit HeldChanges(Link* link) : link_(link) {
+    if (link_ != nullptr) link_->hold_changes();
+  }
+  ~HeldChanges() {
+    if (link_ != nullptr) link_->send_changes();
+  }
+  HeldChanges(const HeldChanges&) = delete;
+  HeldChanges& operator=(const HeldChanges&) = delete;
+
+ private:
+  Link* const link_;
+};
+
 }  // namespace
 
 uint32_t pcx_lr_init(void* ctx) {
@@ -51,6 +67,7 @@ uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t c
                            uint32_t zero2, uint64_t zero3, pcx_handler handler) {
   if (reg_handles == nullptr || codes == nullptr || handler == nullptr || count > kBulkHandles) return EINVAL;
   if (zero1 != 0 || zero2 != 0 || zero3 != 0) return EINVAL;
+  const HeldChanges together(count != 0 ? Consumer::instance().link_of(reg_handles[0], true) : nullptr);
   for (uint32_t i = 0; i < count; ++i) {
     if (codes[i] == 0) codes[i] = pcx_register(reg_handles[i], 0, 0, handler);
   }

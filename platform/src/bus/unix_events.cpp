@@ -65,13 +65,23 @@ void UnixEvents::unsubscribe(uint64_t topic) noexcept {
   append_change_locked(make_frame(FrameKind::unsubscribe, 0, topic, 0, order_), nullptr);
 }
 
+void UnixEvents::hold_changes() noexcept {
+  std::lock_guard lock(mutex_);
+  ++holders_;
+}
+
+void UnixEvents::send_changes() noexcept {
+  std::lock_guard lock(mutex_);
+  if (--holders_ == 0 && current_ != nullptr && !out_.empty()) flush_locked();
+}
+
 // A change that cannot be queued, for want of memory or since the producer has stopped reading, costs the
 // connection and not the change: the next connection brings everything.
 void UnixEvents::append_change_locked(const FrameHeader& header, const void* payload) {
   if (current_ == nullptr) return Dispatcher::instance().wake();
   try {
     out_.append(header, payload);
-    flush_locked();
+    if (holders_ == 0) flush_locked();
     if (out_.bytes() > kMaxUnsent) lose_locked();
   } catch (const std::bad_alloc&) {
     lose_locked();
@@ -82,6 +92,7 @@ UnixEvents::Standing UnixEvents::settle(const Deadline& deadline) {
   std::unique_lock lock(mutex_);
   if (topics_.empty()) return {};
   if (current_ == nullptr || hung_up(current_->get())) connect_locked();
+  if (holders_ != 0 && current_ != nullptr) flush_locked();
   while (!out_.empty() && deadline.left_ms() > 0) {
     const Connection connection = current_;
     lock.unlock();

@@ -35,6 +35,8 @@ class UnixEvents {
 
   void subscribe(uint64_t topic, std::string_view name);
   void unsubscribe(uint64_t topic) noexcept;
+  void hold_changes() noexcept;
+  void send_changes() noexcept;
   // What a request goes out behind: the last change's number, 0 when nothing is subscribed, and the connection that
   // brings it.
   struct Standing {
@@ -87,6 +89,7 @@ class UnixEvents {
   uint64_t renewed_order_ = 0;   // what answered_order_ was when the last of them was made
   Connection current_;           // where changes and responses go; null when there is none
   OutQueue out_;                 // waits for current_
+  uint32_t holders_ = 0;         // of changes: those that wait for send_changes() are sent by a read, too
 
   // Delivery thread only.
   Connection reader_;  // being read; may be an older one than current_

@@ -43,6 +43,8 @@ class UnixLink final : public Link {
 
   void subscribe(uint64_t topic, std::string_view name) override { events_.subscribe(topic, name); }
   void unsubscribe(uint64_t topic) noexcept override { events_.unsubscribe(topic); }
+  void hold_changes() noexcept override { events_.hold_changes(); }
+  void send_changes() noexcept override { events_.send_changes(); }
 
  private:
   const UnixAddress address_;
