@@ -5,12 +5,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
+#include "bulk.h"
 #include "es_acl/es_acl_store.h"
 #include "es_acl/es_acl_wire.h"
 #include "es_platform/diag.h"
@@ -66,6 +68,9 @@ Problem store_problem(const std::string& store, uint32_t status) {
   }
   return {State::kFailed, status, text};
 }
+
+// So many ACLs are fetched together, and held at a time by whoever hands them on.
+constexpr size_t kPortion = 1000;
 
 Problem invalid_name(const std::string& name, uint32_t status) {
   std::string text = status_text(status);
@@ -134,6 +139,19 @@ Counts count_entries(es_acl_head* acl) {
   return counts;
 }
 
+Counts count_entries(const Acl& acl) {
+  Counts counts = count_entries(acl.head());
+  counts.remarks_left_out = acl.got_with_others && counts.remarks == 0;
+  return counts;
+}
+
+std::optional<Problem> check_name(const std::string& name) {
+  uint32_t status = es_acl_check_acl_name(name.c_str());
+  if (name.find('\0') != name.npos) status = ES_ACL_E_NAME;
+  if (status != 0) return invalid_name(name, status);
+  return std::nullopt;
+}
+
 BusDirectory bus_directory() {
   if (const char* directory = environment("ES_PCX_DIR")) return {directory, "from ES_PCX_DIR"};
   if (const char* base = environment("XDG_RUNTIME_DIR"))
@@ -153,8 +171,7 @@ std::optional<Problem> Client::start(const std::string& store) {
 evm* Client::events() const { return event_manager; }
 
 std::optional<Problem> Client::refuse(const std::string& name) const {
-  const uint32_t status = es_acl_check_acl_name(name.c_str());
-  if (status != 0) return invalid_name(name, status);
+  if (auto problem = check_name(name)) return problem;
   if (producer_silent_)
     return Problem{State::kFailed, ETIME, "not asked, the producer is silent: " + status_text(ETIME)};
   return std::nullopt;
@@ -175,20 +192,26 @@ uint32_t Client::query_producer(const std::string& name) const {
   return status;
 }
 
+// Nothing when there is a producer.
+std::optional<Problem> Client::explain_silence(const std::string& name) {
+  const uint32_t status = query_producer(name);
+  if (status == ENOENT) return no_producer();
+  if (status != 0) return failure(status);
+  return std::nullopt;
+}
+
 // Nothing when the ACL is configured and just has no entries.
 std::optional<Problem> Client::explain_empty(const std::string& name) {
   void* address = nullptr;
-  uint32_t status = dsv_lookup_data(es_acl_classhandle, name.c_str(), &address);
+  const uint32_t status = dsv_lookup_data(es_acl_classhandle, name.c_str(), &address);
   if (status == 0) return std::nullopt;
   if (status != DSV_NO_DATA) return failure(status);
-  status = query_producer(name);
-  if (status == ENOENT) return no_producer();
-  if (status != 0) return failure(status);
+  if (auto problem = explain_silence(name)) return problem;
   return Problem{State::kNotConfigured, DSV_NO_DATA,
                  "not configured at the producer: " + status_text(DSV_NO_DATA)};
 }
 
-Result<AclHandle> Client::get(const std::string& name) {
+Result<Acl> Client::get(const std::string& name) {
   if (auto problem = refuse(name)) return *problem;
   std::string copy = name;  // the list's entries are not const
   void* name_entries[] = {copy.data()};
@@ -198,11 +221,58 @@ Result<AclHandle> Client::get(const std::string& name) {
   uint32_t result = 0;
   const uint32_t status = es_acl_get_acl(&names, &acls, &result);
   if (acl_entries[0] == nullptr) return failure(result != 0 ? result : status);
-  AclHandle acl(static_cast<es_acl_head*>(acl_entries[0]));
-  if (es_get_first_ace(acl.get()) == nullptr) {
+  Acl acl{AclHandle(static_cast<es_acl_head*>(acl_entries[0]))};
+  if (es_get_first_ace(acl.head()) == nullptr) {
     if (auto problem = explain_empty(name)) return *problem;
   }
   return acl;
+}
+
+void Client::get_all(const std::vector<std::string>& names, const TakeAcl& take) {
+  if (names.size() == 1) {
+    take(names[0], get(names[0]));
+    return;
+  }
+  for (std::span<const std::string> rest = names; !rest.empty();) {
+    const auto portion = rest.first(std::min(rest.size(), kPortion));
+    std::vector<Result<Acl>> acls = get_portion(portion);
+    for (size_t i = 0; i < portion.size(); ++i)
+      if (!take(portion[i], std::move(acls[i]))) return;
+    rest = rest.subspan(portion.size());
+  }
+}
+
+std::vector<Result<Acl>> Client::get_portion(std::span<const std::string> names) {
+  std::vector<std::optional<Problem>> refusals;
+  std::vector<std::string> wanted;
+  for (const std::string& name : names) {
+    refusals.push_back(refuse(name));
+    if (!refusals.back()) wanted.push_back(name);
+  }
+  std::vector<Result<Acl>> fetched = get_together(wanted);
+  std::vector<Result<Acl>> results;
+  auto next = fetched.begin();
+  for (const auto& refusal : refusals)
+    results.push_back(refusal ? Result<Acl>(*refusal) : std::move(*next++));
+  return results;
+}
+
+// A producer that is not there, or silent, is found out by one question: otherwise each name would wait for it.
+std::vector<Result<Acl>> Client::get_together(std::span<std::string> names) {
+  std::vector<Result<Acl>> results;
+  if (names.empty()) return results;
+  if (const auto problem = explain_silence(names.front())) {
+    for (size_t i = 0; i < names.size(); ++i) results.emplace_back(*problem);
+    return results;
+  }
+  std::vector<BulkAnswer> answers = get_in_bulk(names);
+  for (size_t i = 0; i < names.size(); ++i) results.push_back(settle(names[i], std::move(answers[i])));
+  return results;
+}
+
+Result<Acl> Client::settle(const std::string& name, BulkAnswer answer) {
+  if (answer.acl != nullptr) return Acl{std::move(answer.acl), true};
+  return asks_for_own_get(answer.status) ? get(name) : failure(answer.status);
 }
 
 Result<Counts> Client::count(const std::string& name) {

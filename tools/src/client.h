@@ -7,10 +7,13 @@
 #define ES_ACL_TOOLS_CLIENT_H_
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "es_acl/es_acl.h"
 #include "es_platform/evm.h"
@@ -39,12 +42,21 @@ using Result = std::variant<T, Problem>;
 struct Counts {
   uint32_t aces = 0;  // remarks included
   uint32_t remarks = 0;
+  bool remarks_left_out = false;  // there may be some at the producer
 };
 
 struct ReleaseAcl {
   void operator()(es_acl_head* acl) const;
 };
 using AclHandle = std::unique_ptr<es_acl_head, ReleaseAcl>;
+
+// An ACL that is held.
+struct Acl {
+  AclHandle handle;
+  bool got_with_others = false;  // in one call, which gives rules alone
+
+  es_acl_head* head() const { return handle.get(); }
+};
 
 // Calls visit(ace) for each ACE in order, until it returns false.
 template <typename Visit>
@@ -56,6 +68,10 @@ void for_each_ace(es_acl_head* acl, Visit visit) {
 }
 
 Counts count_entries(es_acl_head* acl);
+Counts count_entries(const Acl& acl);
+
+// Why this cannot be the name of an ACL; nothing when it can. After Client::start().
+std::optional<Problem> check_name(const std::string& name);
 
 // Where the producer is looked for.
 struct BusDirectory {
@@ -64,6 +80,8 @@ struct BusDirectory {
 };
 BusDirectory bus_directory();
 
+struct BulkAnswer;
+
 class Client {
  public:
   // Once, before anything else. `store` names the plug-in; empty for the default one.
@@ -71,11 +89,19 @@ class Client {
   // The process's event manager, after a successful start.
   evm* events() const;
 
-  Result<AclHandle> get(const std::string& name);
+  Result<Acl> get(const std::string& name);
+  // Gets these ACLs and hands each on, in the order of the names, until `take` returns false. More than one are fetched
+  // together, a portion at a time.
+  using TakeAcl = std::function<bool(const std::string& name, Result<Acl> acl)>;
+  void get_all(const std::vector<std::string>& names, const TakeAcl& take);
   Result<Counts> count(const std::string& name);
 
  private:
+  std::vector<Result<Acl>> get_portion(std::span<const std::string> names);
+  std::vector<Result<Acl>> get_together(std::span<std::string> names);
+  Result<Acl> settle(const std::string& name, BulkAnswer answer);
   std::optional<Problem> refuse(const std::string& name) const;
+  std::optional<Problem> explain_silence(const std::string& name);
   Problem failure(uint32_t status);
   std::optional<Problem> explain_empty(const std::string& name);
   uint32_t query_producer(const std::string& name) const;

@@ -12,18 +12,32 @@ Verdict evaluate(es_acl_head* acl, const es_acl_match_key& frame) {
 
 class Runner {
  public:
-  Runner(const Options& options, Client& client, Report& report)
-      : options_(options), client_(client), report_(report) {}
+  Runner(const Options& options, Client& client, Report& report, const Output& out)
+      : options_(options), client_(client), report_(report), out_(out) {}
 
-  void run(const std::string& name) {
+  void run() {
     if (options_.command == Command::kCount)
-      count(name);
+      count_all();
     else
-      get(name);
+      get_all();
   }
   int exit_code() const { return failures_.exit_code(); }
 
  private:
+  void count_all() {
+    for (const std::string& name : options_.names) {
+      if (out_.failed()) break;
+      count(name);
+    }
+  }
+
+  void get_all() {
+    client_.get_all(options_.names, [this](const std::string& name, const Result<Acl>& acl) {
+      tell(name, acl);
+      return !out_.failed();
+    });
+  }
+
   void count(const std::string& name) {
     const Result<Counts> result = client_.count(name);
     if (const Counts* counts = std::get_if<Counts>(&result))
@@ -32,15 +46,14 @@ class Runner {
       tell(name, std::get<Problem>(result));
   }
 
-  void get(const std::string& name) {
-    const Result<AclHandle> result = client_.get(name);
-    const AclHandle* acl = std::get_if<AclHandle>(&result);
+  void tell(const std::string& name, const Result<Acl>& result) {
+    const Acl* acl = std::get_if<Acl>(&result);
     if (acl == nullptr)
       tell(name, std::get<Problem>(result));
     else if (options_.command == Command::kMatch)
-      report_.match(name, evaluate(acl->get(), options_.frame));
+      report_.match(name, evaluate(acl->head(), options_.frame));
     else
-      report_.show(name, acl->get());
+      report_.show(name, *acl);
   }
 
   void tell(const std::string& name, const Problem& problem) {
@@ -51,17 +64,15 @@ class Runner {
   const Options& options_;
   Client& client_;
   Report& report_;
+  const Output& out_;
   Failures failures_;
 };
 
 }  // namespace
 
 int run_command(const Options& options, Client& client, Report& report, const Output& out) {
-  Runner runner(options, client, report);
-  for (const std::string& name : options.names) {
-    if (out.failed()) break;
-    runner.run(name);
-  }
+  Runner runner(options, client, report, out);
+  runner.run();
   return runner.exit_code();
 }
 

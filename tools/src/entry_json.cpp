@@ -94,6 +94,7 @@ void put_ace(std::string& out, const es_acl_ace& ace) {
 void put_counts(Members& members, const Counts& counts) {
   members.number("entries", counts.aces);
   members.number("remarks", counts.remarks);
+  if (counts.remarks_left_out) members.boolean("remarks-left-out", true);
 }
 
 }  // namespace es_acl::tool

@@ -105,6 +105,7 @@ std::string plural(uint64_t number, const char* one, const char* many) {
 std::string summary(const Counts& counts) {
   std::string text = plural(counts.aces, "entry", "entries");
   if (counts.remarks != 0) text += ", " + plural(counts.remarks, "of them a remark", "of them remarks");
+  if (counts.remarks_left_out) text += ", remarks left out";
   return text;
 }
 

@@ -18,7 +18,7 @@ class JsonReport : public Report {
              "\",\n\"directory\":" + quoted(bus_directory().path) + ",\n\"acls\":[");
   }
 
-  void show(const std::string& name, es_acl_head* acl) override;
+  void show(const std::string& name, const Acl& acl) override;
   void count(const std::string& name, const Counts& counts) override;
   void match(const std::string& name, const Verdict& verdict) override;
   void problem(const std::string& name, const Problem& problem) override;
@@ -64,11 +64,11 @@ void JsonReport::put_aces(es_acl_head* acl) {
   line_ += *separator == '[' ? "[]" : "\n]";
 }
 
-void JsonReport::show(const std::string& name, es_acl_head* acl) {
+void JsonReport::show(const std::string& name, const Acl& acl) {
   Members members = begin(name, State::kOk, 0);
   put_counts(members, count_entries(acl));
   members.name("ace");
-  put_aces(acl);
+  put_aces(acl.head());
   end(members);
 }
 

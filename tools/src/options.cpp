@@ -66,8 +66,17 @@ void add_tag(CLI::App& match, const std::string& prefix, const std::string& whic
   small_number("dei", dei, 1, "drop-eligible indicator");
 }
 
-void add_names(CLI::App& command, std::vector<std::string>& names) {
-  command.add_option("NAME", names, "names of ACLs")->required()->type_name("");
+void add_names(CLI::App& command, Options& options) {
+  command.add_option("NAME", options.names, "names of ACLs")->type_name("");
+  command
+      .add_option(
+          "--all-from", options.list,
+          "file with further names, one a line; - is standard input. Empty\nlines are passed over, and so is "
+          "what follows a #")
+      ->type_name("FILE");
+  command.callback([&options] {
+    if (options.names.empty() && !options.list) throw CLI::RequiredError("NAME or --all-from FILE");
+  });
 }
 
 void add_match(CLI::App& app, Options& options) {
@@ -94,9 +103,11 @@ void complete_frame(const CLI::App& match, es_acl_match_key* frame) {
 
 void add_watch(CLI::App& app, Options& options) {
   CLI::App& command =
-      *app.add_subcommand("watch", "hold ACLs and print what is changed and asked, until ended");
+      *app.add_subcommand("watch",
+                          "hold ACLs and print what is changed and asked, until ended. More than one\n"
+                          "are held without their remarks");
   WatchOptions& watch = options.watch;
-  add_names(command, options.names);
+  add_names(command, options);
   command.add_option("--count", watch.count, "end after N events")
       ->type_name("N")
       ->check(CLI::Validator(CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX})).description(""));
@@ -138,8 +149,11 @@ void describe(CLI::App& app, Options& options) {
         return name.size() > kStoreNameMax ? std::string("the name is longer than 255 characters")
                                            : std::string();
       });
-  add_names(*app.add_subcommand("show", "print the entries of ACLs"), options.names);
-  add_names(*app.add_subcommand("count", "print how many entries ACLs have"), options.names);
+  add_names(*app.add_subcommand("show",
+                                "print the entries of ACLs. More than one are fetched together, without\n"
+                                "their remarks; one alone with them"),
+            options);
+  add_names(*app.add_subcommand("count", "print how many entries ACLs have"), options);
   add_match(app, options);
   add_watch(app, options);
 }

@@ -33,6 +33,7 @@ struct WatchOptions {
 struct Options {
   Command command = Command::kShow;
   std::vector<std::string> names;
+  std::optional<std::string> list;  // file with further names; "-" is standard input
   bool json = false;
   std::string store;            // empty: the default plug-in
   es_acl_match_key frame = {};  // of kMatch

@@ -21,7 +21,7 @@ class Report {
  public:
   virtual ~Report() = default;
 
-  virtual void show(const std::string& name, es_acl_head* acl) = 0;
+  virtual void show(const std::string& name, const Acl& acl) = 0;
   virtual void count(const std::string& name, const Counts& counts) = 0;
   virtual void match(const std::string& name, const Verdict& verdict) = 0;
   // An ACL that could not be had.

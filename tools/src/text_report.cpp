@@ -67,7 +67,7 @@ class TextReport : public Report {
   TextReport(Output& out, const Options& options)
       : out_(out), frame_(options.frame), colour_(colour_wanted()) {}
 
-  void show(const std::string& name, es_acl_head* acl) override;
+  void show(const std::string& name, const Acl& acl) override;
   void count(const std::string& name, const Counts& counts) override { counts_.push_back({name, counts}); }
   void match(const std::string& name, const Verdict& verdict) override;
   void problem(const std::string& name, const Problem& problem) override;
@@ -80,7 +80,7 @@ class TextReport : public Report {
     Counts counts;
   };
 
-  Counts measure(es_acl_head* acl, Widths* widths);
+  void measure(es_acl_head* acl, Widths* widths);
   void put_headings(const Widths& widths);
   const char* colour(const char* code) const { return colour_ ? code : nullptr; }
 
@@ -93,18 +93,14 @@ class TextReport : public Report {
   std::vector<NamedCounts> counts_;
 };
 
-Counts TextReport::measure(es_acl_head* acl, Widths* widths) {
-  Counts counts;
+void TextReport::measure(es_acl_head* acl, Widths* widths) {
   for (size_t column = 0; column < kColumns; ++column) (*widths)[column] = kHeadings[column].size();
   for_each_ace(acl, [&](const es_acl_ace& ace) {
     fill(row_, ace);
     for (size_t column = 0; column < kColumns; ++column)
       (*widths)[column] = std::max((*widths)[column], row_[column].size());
-    ++counts.aces;
-    counts.remarks += ace.kind == ES_ACL_KIND_REMARK;
     return true;
   });
-  return counts;
 }
 
 void TextReport::put_headings(const Widths& widths) {
@@ -112,16 +108,17 @@ void TextReport::put_headings(const Widths& widths) {
   out_.put(line_);
 }
 
-void TextReport::show(const std::string& name, es_acl_head* acl) {
+void TextReport::show(const std::string& name, const Acl& acl) {
   Widths widths;
-  const Counts counts = measure(acl, &widths);
+  measure(acl.head(), &widths);
+  const Counts counts = count_entries(acl);
   line_.assign(first_ ? "" : "\n");
   first_ = false;
   put_coloured(line_, name, colour(kBold));
   out_.put(line_ + ": " + summary(counts) + "\n");
   if (counts.aces == 0) return;
   put_headings(widths);
-  for_each_ace(acl, [&](const es_acl_ace& ace) {
+  for_each_ace(acl.head(), [&](const es_acl_ace& ace) {
     fill(row_, ace);
     put_row(line_, row_, widths, colour(action_colour(row_[kAction])));
     out_.put(line_);

@@ -168,14 +168,13 @@ void tell_problem(const std::string& name, const Problem& problem) {
     current->teller.tell(Unavailable{name.empty() ? nullptr : name.c_str(), problem});
 }
 
-Result<WatchedAcl> hold(const std::string& name, Client& client) {
-  Result<AclHandle> result = client.get(name);
+Result<WatchedAcl> hold(Result<Acl> result) {
   if (const Problem* problem = std::get_if<Problem>(&result)) return *problem;
-  AclHandle& acl = std::get<AclHandle>(result);
-  const es_acl_status status = es_acl_register_callback(acl.get(), on_change, 0);
+  Acl& acl = std::get<Acl>(result);
+  const es_acl_status status = es_acl_register_callback(acl.head(), on_change, 0);
   if (status != 0) return not_registered(status);
-  current->teller.tell(Held{es_acl_get_acl_name(acl.get()), count_entries(acl.get())});
-  return WatchedAcl(acl.release());
+  current->teller.tell(Held{es_acl_get_acl_name(acl.head()), count_entries(acl)});
+  return WatchedAcl(acl.handle.release());
 }
 
 // What poll() is to wait: to the end of the time, or without end.
@@ -203,24 +202,17 @@ bool run(evm* events, const std::optional<double>& seconds) {
 
 std::vector<WatchedAcl> hold_all(const Options& options, Client& client, Failures* failures) {
   std::vector<WatchedAcl> acls;
-  for (const std::string& name : options.names) {
-    if (stop_requested()) break;
-    Result<WatchedAcl> result = hold(name, client);
+  client.get_all(options.names, [&](const std::string& name, Result<Acl> acl) {
+    Result<WatchedAcl> result = hold(std::move(acl));
     if (const Problem* problem = std::get_if<Problem>(&result)) {
       failures->note(*problem);
       tell_problem(name, *problem);
     } else {
       acls.push_back(std::move(std::get<WatchedAcl>(result)));
     }
-  }
+    return !stop_requested();
+  });
   return acls;
-}
-
-std::optional<Problem> start(const Options& options, Client& client) {
-  if (auto problem = client.start(options.store)) return problem;
-  es_acl_set_modify_mode(options.watch.modify_mode);
-  if (const es_acl_status status = register_callbacks(); status != 0) return not_registered(status);
-  return std::nullopt;
 }
 
 }  // namespace
@@ -228,8 +220,9 @@ std::optional<Problem> start(const Options& options, Client& client) {
 int watch(const Options& options, Client& client, Output& out) {
   prepare_stop();
   current = new Watch{options, Teller(options, out)};
-  if (const auto problem = start(options, client)) {
-    tell_problem("", *problem);
+  es_acl_set_modify_mode(options.watch.modify_mode);
+  if (const es_acl_status status = register_callbacks(); status != 0) {
+    tell_problem("", not_registered(status));
     return kExitNotInitialised;
   }
   Failures failures;
@@ -238,6 +231,14 @@ int watch(const Options& options, Client& client, Output& out) {
   const bool complete = current->teller.close();
   unregister_callbacks();
   return time_over && !complete ? kExitTimedOut : failures.exit_code();
+}
+
+void tell_failed_watch(const Options& options, const Problem& problem, Output& out) {
+  complain("", problem);
+  if (!options.json) return;
+  std::string line;
+  append_json(line, Unavailable{nullptr, problem}, std::chrono::system_clock::now());
+  out.put(line);
 }
 
 }  // namespace es_acl::tool

@@ -8,9 +8,11 @@
 
 namespace es_acl::tool {
 
-// Starts the client, watches until it is to end, and gives everything back. The exit code, without regard to
-// the output.
+// Watches until it is to end, and gives everything back. The exit code, without regard to the output.
 int watch(const Options& options, Client& client, Output& out);
+
+// That there will be no watch, since the client has not started.
+void tell_failed_watch(const Options& options, const Problem& problem, Output& out);
 
 }  // namespace es_acl::tool
 
