@@ -17,6 +17,13 @@ TEST(CommandLine, WhatIsWrongIsSaid) {
       {"", "subcommand"},
       {"frobnicate", "frobnicate"},
       {"show", "NAME"},
+      {"count --all-from", "--all-from"},
+      {"show a --all-from /nowhere/names", "es-acl: /nowhere/names: the names cannot be read: No such file"},
+      {"--json count --all-from /", "es-acl: /: the names cannot be read: Is a directory"},
+      {"show a --all-from $EMPTY", "/empty: no name of an ACL"},
+      {"watch a --all-from $BAD", "/bad, line 3: 'summary': invalid ACL name"},
+      {"show --all-from - < /dev/zero", "es-acl: standard input: more than 64 MiB"},
+      {"show --all-from - < $BAD", "es-acl: standard input, line 3: 'summary'"},
       {"show --frobnicate a", "--frobnicate"},
       {"--store " + std::string(256, 's') + " show a", "255"},
       {"match a --src $MAC", "--dst"},
@@ -32,6 +39,8 @@ TEST(CommandLine, WhatIsWrongIsSaid) {
   };
   World world;
   world.environment["MAC"] = "00:11:22:33:44:55";
+  world.environment["EMPTY"] = world.write("empty", " # nothing\n\n");
+  world.environment["BAD"] = world.write("bad", "a\n\n summary\n");
   for (const auto& [arguments, message] : cases) {
     const Ended ended = world.client(arguments);
     EXPECT_EQ(ended.code, 2) << arguments;
@@ -74,7 +83,7 @@ TEST(Output, ReaderThatLeavesIsNoErrorAndAFullDiskIs) {
   World world;
   world.start_producer("e2e_faulty_producer 20000 100 none");
   const Ended left = world.shell("{ es-acl show victim victim; echo code $? >&2; } | head -n 1");
-  EXPECT_EQ(left.out, "victim: 20000 entries\n");
+  EXPECT_EQ(left.out, "victim: 20000 entries, remarks left out\n");
   EXPECT_EQ(left.err, "code 0\n");
   const Ended full = world.client("show victim > /dev/full");
   EXPECT_EQ(full.code, 5);

@@ -29,7 +29,7 @@ json one_of_everything() {
 TEST(Text, IsATableOfWhatIsConfigured) {
   World world;
   world.produce(one_of_everything());
-  EXPECT_EQ(world.client("show all nothing").out, &R"(
+  EXPECT_EQ(world.shell("es-acl show all; echo; es-acl show nothing").out, &R"(
 all: 6 entries, 1 of them a remark
          Seq  Action  Source/mask                          Destination/mask   EtherType  Outer VLAN     Inner VLAN          Options
            5  remark
@@ -93,6 +93,22 @@ TEST(Json, IsTheConfigurationWhateverTheSizes) {
     const json& acls = configuration["es-acl:acls"]["acl"];
     world.produce(acls);
     for (const json& acl : acls) expect_as_configured(world, acl);
+  }
+}
+
+TEST(Json, OfManyTogetherIsTheConfigurationWithoutRemarks) {
+  World world;
+  const json acls = json::parse(world.shell("generate-acl 3 " E2E_MANY " 3").out)["es-acl:acls"]["acl"];
+  world.produce(acls);
+  std::string names;
+  for (const json& acl : acls) names += std::string(acl["name"]) + '\n';
+  const json told = world.client("--json show --all-from " + world.write("names", names)).acls();
+  ASSERT_EQ(told.size(), acls.size());
+  for (size_t i = 0; i < acls.size(); ++i) {
+    json rules = json::array();
+    for (const json& ace : acls[i]["aces"]["ace"])
+      if (!ace.contains("remark")) rules.push_back(expected_entry(ace));
+    ASSERT_EQ(told[i]["ace"], rules) << told[i]["name"];
   }
 }
 
