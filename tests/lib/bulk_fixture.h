@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 
 #include "library_fixture.h"
 
@@ -46,22 +47,24 @@ inline Bytes answer_to(const Bytes& request, const Acls& acls) {
 }
 
 // The producer as a step of pcx_read(), and as all of the bus behind the queued steps. Its address shows as "producer".
-inline auto producer(Acls acls) {
-  return [acls = std::move(acls)](void* handle, const void* request, uint32_t length, void* buffer,
-                                  uint32_t* room) {
+inline auto producer(const Acls& acls) {
+  return [shared = std::make_shared<const Acls>(acls)](void* handle, const void* request, uint32_t length,
+                                                       void* buffer, uint32_t* room) {
     const auto* const bytes = static_cast<const uint8_t*>(request);
-    return answer(answer_to(Bytes(bytes, bytes + length), acls))(handle, request, length, buffer, room);
+    return answer(answer_to(Bytes(bytes, bytes + length), *shared))(handle, request, length, buffer, room);
   };
 }
 inline void serve(const Acls& acls) {
   static char address;
   name_pointer(&address, "producer");
-  platform().pcx_read.always(producer(acls));
-  platform().dsv_lookup_data.always([acls](uint32_t, const char* name, void** found) {
-    *found = acls.contains(name) ? &address : *found;
-    return acls.contains(name) ? 0U : DSV_NO_DATA;
-  });
   es_acl_global_handle = &address;
+  platform().pcx_read.always(producer(acls));
+  platform().dsv_lookup_data.always(
+      [shared = std::make_shared<const Acls>(acls)](uint32_t, const char* name, void** found) {
+        if (!shared->contains(name)) return DSV_NO_DATA;
+        *found = &address;
+        return 0U;
+      });
 }
 
 // The names as the bus operations take them.

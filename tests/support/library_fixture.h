@@ -86,7 +86,8 @@ struct Got {
   Numbers results;
 };
 
-inline Got get(std::vector<const char*> names, uint32_t check_count = 0) {
+template <class Operation>
+Got get_by(Operation operation, std::vector<const char*> names) {
   const size_t count = names.size();
   void* const untouched = &names;
   std::vector<void*> handles(count + 1, untouched);
@@ -94,13 +95,17 @@ inline Got get(std::vector<const char*> names, uint32_t check_count = 0) {
   const es_acl_handle_list in = {static_cast<uint32_t>(count),
                                  const_cast<void**>(reinterpret_cast<const void**>(names.data()))};
   es_acl_handle_list out = {kUntouched, handles.data()};
-  Got got = {es_acl_getlist_acl(&in, &out, results.data(), check_count), {}, {}};
+  Got got = {operation(&in, &out, results.data()), {}, {}};
   EXPECT_EQ(out.count, count);
   EXPECT_EQ(handles[count], untouched);
   EXPECT_EQ(results[count], kUntouched);
   for (size_t i = 0; i < count; ++i) got.heads.push_back(static_cast<es_acl_head*>(handles[i]));
   got.results.assign(results.begin(), results.end() - 1);
   return got;
+}
+
+inline Got get(std::vector<const char*> names, uint32_t check_count = 0) {
+  return get_by([=](auto... lists) { return es_acl_getlist_acl(lists..., check_count); }, std::move(names));
 }
 
 inline void release(std::vector<es_acl_head*> heads) {

@@ -44,14 +44,6 @@ uint32_t make_registration(uint32_t, const char* name, void** made) {
   return 0;
 }
 
-uint32_t make_registrations(uint32_t of, const char* const* names, uint32_t count, void*** made,
-                            uint32_t** codes) {
-  *made = static_cast<void**>(calloc(count, sizeof **made));
-  *codes = static_cast<uint32_t*>(calloc(count, sizeof **codes));
-  for (uint32_t i = 0; i < count; ++i) make_registration(of, names[i], &(*made)[i]);
-  return 0;
-}
-
 uint32_t find_address(uint32_t, const char* name, void** found) {
   *found = token(std::string("address:") + name);
   return 0;
@@ -117,6 +109,14 @@ Platform::Platform() : categories(kCategories) {
     categories[i].enabled = 1;
     categories[i].index = i;
   }
+}
+
+uint32_t make_registrations(uint32_t of, const char* const* names, uint32_t count, void*** made,
+                            uint32_t** codes) {
+  *made = static_cast<void**>(calloc(count, sizeof **made));
+  *codes = static_cast<uint32_t*>(calloc(count, sizeof **codes));
+  for (uint32_t i = 0; i < count; ++i) make_registration(of, names[i], &(*made)[i]);
+  return 0;
 }
 
 Platform& platform() {

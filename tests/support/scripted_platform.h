@@ -166,6 +166,10 @@ uint32_t open_trace_buffer(const char* path, const char* suffix, uint32_t unique
                            rlog_ctx** ctx);
 void close_trace_buffer(rlog_ctx* ctx);
 
+// What dsv_register_bulk() does without a script.
+uint32_t make_registrations(uint32_t of, const char* const* names, uint32_t count, void*** made,
+                            uint32_t** codes);
+
 // A step of pcx_read(): answers with these bytes.
 Script<decltype(::pcx_read)>::Step answer(Bytes bytes);
 
