@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <thread>
 
 #include "bus_fixture.h"
 
@@ -197,6 +198,54 @@ TEST_F(BusPush, SlowConsumerCostsOnlyItself) {
   const auto log = Producer::take_log();
   ASSERT_EQ(log.size(), 1U);
   EXPECT_NE(log[0].find(std::to_string(slow.pid())), std::string::npos);
+}
+
+// A message that comes alone reaches its consumer without the service thread, which is held up here, and does not
+// reach one who is gone; the burst behind it comes in order.
+TEST_F(BusPush, LoneMessagesDoNotWait) {
+  Producer producer(name);
+  std::atomic<bool> held{false}, released{false};
+  producer.on_read = [&](const pcx_peer&, const std::string&) {
+    held = true;
+    while (!released) usleep(100);
+  };
+  const Registration registration(name, "n", recorder);
+  Child dying("hang", name);
+  ASSERT_TRUE(producer.has_consumers("n", 2));
+  std::thread reader([&] { read(registration.handle, "echo x"); });
+  EXPECT_TRUE(eventually([&] { return held.load(); }));
+  dying.kill_now();
+  std::vector<std::string> sent = {"alone"};
+  EXPECT_EQ(producer.push("n", sent[0]), 1U);
+  EXPECT_TRUE(recorder.has(1));
+  for (int i = 0; i < 500; ++i) sent.push_back(std::to_string(i));
+  for (size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(producer.push("n", sent[i]), 1U);
+  released = true;
+  EXPECT_TRUE(recorder.has(sent.size()));
+  EXPECT_EQ(recorder.messages(), sent);
+  EXPECT_TRUE(producer.has_consumers("n", 1));
+  EXPECT_TRUE(Producer::take_log().empty());
+  reader.join();
+}
+
+// What the socket does not take of a lone message comes behind what it took, and before the next.
+TEST_F(BusPush, LoneMessagesToOneWhoIsSlow) {
+  Producer producer(name);
+  std::atomic<bool> released{false};
+  recorder.during = [&] {
+    while (!released) usleep(100);
+  };
+  const Registration registration(name, "n", recorder);
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  std::vector<std::string> sent;
+  for (size_t i = 0; i < 300; ++i) {
+    sent.push_back(std::to_string(i) + std::string(7000 + i, 'b'));
+    EXPECT_EQ(producer.push("n", sent.back()), 1U);
+    usleep(20);
+  }
+  released = true;
+  EXPECT_TRUE(recorder.has(sent.size()));
+  EXPECT_TRUE(recorder.messages() == sent);
 }
 
 // Synchronous requests: every consumer's answer, or why there is none.

@@ -65,7 +65,7 @@ class Link {
 class EventSink {
  public:
   virtual ~EventSink() = default;
-  // Queues a message; never blocks. 0; 12 when there is no memory; 3 when it will not be delivered, since the
+  // Writes or queues a message; never blocks. 0; 12 when there is no memory; 3 when it will not be delivered, since the
   // connection is lost or its queue has just overflowed (events_closed() follows).
   virtual uint32_t push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) = 0;
   virtual uint32_t ask(uint64_t topic, uint64_t number, const void* payload, uint32_t length) = 0;

@@ -41,7 +41,8 @@ void UnixConnections::give_events_to(UnixPeer& peer, UnixConnection& connection)
   UnixConnection* older = peer.events;
   if (older != nullptr) close(*older);
   wake_list_.reserve(event_connections_ + 1);
-  connection.sink = std::make_unique<UnixSink>(connection.id, queue_limit_, wake_list_);
+  connection.sink =
+      std::make_unique<UnixSink>(connection.id, connection.fd.get(), queue_limit_, wake_list_, pace_);
   peer.events = &connection;
   ++event_connections_;
   service_.events_opened(peer.who, connection.sink.get());

@@ -78,6 +78,7 @@ class UnixConnections {
   Service& service_;
   const EventSet& event_set_;
   WakeList& wake_list_;
+  Pace pace_;
   const uint64_t queue_limit_;
   uint64_t next_connection_, next_peer_ = 1;
   std::unordered_map<uint64_t, std::unique_ptr<UnixConnection>> connections_;

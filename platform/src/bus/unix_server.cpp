@@ -260,7 +260,7 @@ bool UnixServer::flush_answer(UnixConnection& connection) {
 
 bool UnixServer::flush_events(UnixConnection& connection) {
   bool rest = false;
-  const int error = connection.sink->flush(connection.fd.get(), &rest);
+  const int error = connection.sink->flush(&rest);
   if (error == ENOBUFS) {
     log_.line(
         "process %d: more than %llu bytes queued; event connection closed (overflow %llu of this producer)",

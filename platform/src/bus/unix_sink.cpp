@@ -6,7 +6,19 @@
 #include <cerrno>
 #include <new>
 
+#include "es_platform/clock.h"
+
 namespace es_platform::bus {
+
+namespace {
+
+constexpr uint64_t kPauseNs = 5'000;  // about what it takes to write a message and to wake who reads it
+constexpr uint64_t kLongPauseNs = 1'000'000;
+constexpr uint32_t kFew = 4;  // that may follow closely and are written one by one all the same
+constexpr uint32_t kCrowd = 16;
+constexpr size_t kLongestAtOnce = 8 << 10;
+
+}  // namespace
 
 WakeList::WakeList() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -31,53 +43,91 @@ void WakeList::wake() noexcept {
 
 // The two vectors change places, so both come to have the room that was reserved.
 void WakeList::take(std::vector<uint64_t>* out) {
+  out->clear();
+  out->reserve(connections_.capacity());  // which other threads do not change
   uint64_t count;
   [[maybe_unused]] const ssize_t drained = read(event_.get(), &count, sizeof count);
-  out->clear();
   std::lock_guard lock(mutex_);
-  out->reserve(connections_.capacity());
   connections_.swap(*out);
 }
 
+bool Pace::is_calm() noexcept {
+  const uint64_t now = clock_now_ns();
+  const uint64_t pause = now - last_ns_.exchange(now, std::memory_order_relaxed);
+  const uint32_t crowd = crowd_.load(std::memory_order_relaxed);
+  if (pause >= kLongPauseNs)
+    crowd_.store(0, std::memory_order_relaxed);
+  else if (pause < kPauseNs)
+    this->crowd();
+  else if (crowd != 0)
+    crowd_.store(crowd - 1, std::memory_order_relaxed);
+  return crowd_.load(std::memory_order_relaxed) < kFew;
+}
+
+void Pace::crowd() noexcept {
+  const uint32_t crowd = crowd_.load(std::memory_order_relaxed);
+  if (crowd < kCrowd) crowd_.store(crowd + 1, std::memory_order_relaxed);
+}
+
+void Pace::wrote() noexcept { last_ns_.store(clock_now_ns(), std::memory_order_relaxed); }
+
 uint32_t UnixSink::push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) {
-  return queue(make_frame(FrameKind::push, length, topic, mtype), payload);
+  return send(make_frame(FrameKind::push, length, topic, mtype), payload);
 }
 
 uint32_t UnixSink::ask(uint64_t topic, uint64_t number, const void* payload, uint32_t length) {
-  return queue(make_frame(FrameKind::sync, length, topic, 0, number), payload);
+  return send(make_frame(FrameKind::sync, length, topic, 0, number), payload);
 }
 
-// A message that cannot be queued ends the connection, whatever the reason: the consumer must not miss one in
-// between.
-uint32_t UnixSink::queue(const FrameHeader& header, const void* payload) {
+// A message that can be neither written nor queued ends the connection, whatever the reason: the consumer must
+// not miss one in between. The service thread does it.
+uint32_t UnixSink::send(const FrameHeader& header, const void* payload) {
   std::lock_guard lock(mutex_);
-  if (overflowed_) return ESRCH;
-  const size_t size = OutQueue::frame_size(header.length);
-  overflowed_ = queued_ + size > limit_;
-  if (!overflowed_) {
-    try {
-      pending_.append(header, payload);
-      queued_ += size;
-    } catch (const std::bad_alloc&) {
-      overflowed_ = true;
-    }
+  if (error_ != 0) return ESRCH;
+  if (queued_ != 0) pace_.crowd();
+  const bool at_once = queued_ == 0 && pace_.is_calm() && header.length <= kLongestAtOnce;
+  error_ = at_once ? write_locked(header, payload) : append_locked(header, payload);
+  if (error_ != 0) pending_.clear();
+  if ((queued_ != 0 || error_ != 0) && !announced_) {
+    wake_list_.add(connection_);
+    announced_ = true;
   }
-  if (overflowed_) pending_.clear();
-  if (!announced_) wake_list_.add(connection_);
-  announced_ = true;
-  return overflowed_ ? ESRCH : 0;
+  return error_ != 0 ? ESRCH : 0;
 }
 
-int UnixSink::flush(int fd, bool* rest) {
+int UnixSink::append_locked(const FrameHeader& header, const void* payload) try {
+  const size_t size = OutQueue::frame_size(header.length);
+  if (queued_ + size > limit_) return ENOBUFS;
+  pending_.append(header, payload);
+  queued_ += size;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return ENOBUFS;
+}
+
+// What the socket does not take is queued.
+int UnixSink::write_locked(const FrameHeader& header, const void* payload) {
+  if (const int error = append_locked(header, payload)) return error;
+  writing_.take(pending_);
+  size_t written = 0;
+  const int error = writing_.flush(fd_, &written);
+  queued_ -= written;
+  pace_.wrote();
+  return error;
+}
+
+int UnixSink::flush(bool* rest) {
+  *rest = false;
   {
     std::lock_guard lock(mutex_);
     announced_ = false;
-    if (overflowed_) return ENOBUFS;
+    if (error_ != 0 || queued_ == 0) return error_;
     writing_.take(pending_);
   }
   size_t written = 0;
-  const int error = writing_.flush(fd, &written);
+  const int error = writing_.flush(fd_, &written);
   *rest = !writing_.empty();
+  pace_.wrote();
   std::lock_guard lock(mutex_);
   queued_ -= written;
   return error;

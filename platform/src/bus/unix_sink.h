@@ -1,7 +1,10 @@
-// The bounded queue of one consumer's event connection. Any thread appends; the service thread writes it out.
+// The way of messages to one consumer's event connection: a bounded queue that any thread appends to and the
+// service thread writes out, many messages with one call. A message that comes alone has no others to wait for:
+// whoever pushes it writes it, and the consumer is spared the time in which the service thread wakes.
 #ifndef ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 #define ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -29,30 +32,55 @@ class WakeList {
   std::vector<uint64_t> connections_;
 };
 
+// How closely messages follow each other, those to all consumers of a producer together: one message for
+// hundreds of them is a burst as well. A short pause does not end a burst, since whoever pushes is kept from the
+// processor now and then. An estimate; thread-safe.
+class Pace {
+ public:
+  // A message comes and finds nothing queued: is it one of a few, or spaced like those before it?
+  bool is_calm() noexcept;
+  // A message comes and finds others queued.
+  void crowd() noexcept;
+  // Something has been written just now.
+  void wrote() noexcept;
+
+ private:
+  std::atomic<uint64_t> last_ns_{0};
+  std::atomic<uint32_t> crowd_{0};  // up with each message that follows closely, down with each that does not
+};
+
 class UnixSink final : public EventSink {
  public:
-  UnixSink(uint64_t connection, uint64_t limit, WakeList& wake_list)
-      : connection_(connection), limit_(limit), wake_list_(wake_list) {}
+  // Writes to `fd`, which outlives it.
+  UnixSink(uint64_t connection, int fd, uint64_t limit, WakeList& wake_list, Pace& pace)
+      : connection_(connection), fd_(fd), limit_(limit), wake_list_(wake_list), pace_(pace) {}
 
   uint32_t push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) override;
   uint32_t ask(uint64_t topic, uint64_t number, const void* payload, uint32_t length) override;
 
   // --- Service thread ---
 
-  // Writes what the socket takes; *rest tells whether something is left. 0 or an errno value; ENOBUFS when
-  // the queue has overflowed.
-  int flush(int fd, bool* rest);
+  // Writes what the socket takes; *rest tells whether something is left. 0 or an errno value, here or when a
+  // message was handed in; ENOBUFS when the queue has overflowed.
+  int flush(bool* rest);
 
  private:
-  uint32_t queue(const FrameHeader& header, const void* payload);
+  uint32_t send(const FrameHeader& header, const void* payload);
+  int append_locked(const FrameHeader& header, const void* payload);
+  int write_locked(const FrameHeader& header, const void* payload);
 
-  const uint64_t connection_, limit_;
+  const uint64_t connection_;
+  const int fd_;
+  const uint64_t limit_;
   WakeList& wake_list_;
+  Pace& pace_;
   std::mutex mutex_;
   OutQueue pending_;
   uint64_t queued_ = 0;  // bytes of pending_ and writing_
-  bool announced_ = false, overflowed_ = false;
-  OutQueue writing_;  // service thread only
+  int error_ = 0;        // why nothing can be written any more
+  bool announced_ = false;
+  // The service thread's while something is queued; else whoever holds the mutex may use it.
+  OutQueue writing_;
 };
 
 }  // namespace es_platform::bus
