@@ -28,9 +28,10 @@ Buffer<T> zeroed_large(size_t count) {
   Buffer<T> list = zeroed<T>(count);
 #ifdef MADV_HUGEPAGE
   constexpr size_t kPage = size_t{2} << 20;
+  if (list == nullptr || count * sizeof(T) < 2 * kPage) return list;
   const auto begin = (reinterpret_cast<uintptr_t>(list.get()) + kPage - 1) & ~(kPage - 1);
   const auto end = reinterpret_cast<uintptr_t>(list.get() + count) & ~(kPage - 1);
-  if (list != nullptr && begin < end) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+  if (begin < end) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 #endif
   return list;
 }
