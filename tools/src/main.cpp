@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <stdexcept>
 
 #include <unistd.h>
 

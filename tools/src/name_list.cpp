@@ -1,5 +1,6 @@
 #include "name_list.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
