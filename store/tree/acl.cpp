@@ -65,7 +65,7 @@ void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq
 }
 
 void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
-  SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
+  SeqIndex::Place place = index_.find_again(seq, direction, iter != nullptr ? *iter : nullptr);
   if (place.found) {
     const SlotId slot = place.leaf->values[place.pos];
     es_acl_ace_node* gone = slots_.node(slot);
@@ -78,26 +78,27 @@ void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
   if (iter != nullptr) *iter = SeqIndex::word(place);
 }
 
-es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) const noexcept {
-  const SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
-  if (iter != nullptr) {
-    *iter = SeqIndex::word(place);
-    prefetch_around(place);
-  }
-  return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
-}
-
 // Who searches with a position looks at many ACEs before the first of them is changed: what the change will touch is
 // fetched while the caller waits for the ACE itself.
-void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
-  if (place.leaf == nullptr) return;
-  const uint32_t end = std::min(place.pos + 2, place.leaf->count);
-  for (uint32_t pos = place.pos - (place.pos != 0); pos < end; ++pos)
+inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
+  const uint32_t last = place.leaf->count - 1;
+  const uint32_t before = place.pos - (place.pos != 0);
+  for (const uint32_t pos : {before, std::min(place.pos, last), std::min(place.pos + 1, last)})
     __builtin_prefetch(slots_.node(place.leaf->values[pos]), 1);
   if (!place.found) return;
   const auto* ace = reinterpret_cast<const char*>(slots_.ace(place.leaf->values[place.pos]));
   __builtin_prefetch(ace);
   __builtin_prefetch(ace + sizeof(es_acl_ace) - 1);
+}
+
+es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
+  const SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
+  if (iter != nullptr) {
+    *iter = SeqIndex::word(place);
+    index_.keep(seq, place);
+    if (index_.large()) prefetch_around(place);
+  }
+  return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
 }
 
 void Acl::store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept {

@@ -40,7 +40,7 @@ class Acl : public es_acl_head {
   // The store's slots of the same names; see es_acl_store.h. `iter` may be null.
   es_acl_status add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept;
   void remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
-  es_acl_ace* search(uint32_t seq, uint32_t direction, es_acl_iter* iter) const noexcept;
+  es_acl_ace* search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
   es_acl_status resequence(uint32_t start, uint32_t step, uint32_t num_skip, const uint32_t* skip) noexcept;
 
   es_acl_ace_node* sentinel() noexcept { return reinterpret_cast<es_acl_ace_node*>(&ace_first); }
@@ -63,7 +63,8 @@ class Acl : public es_acl_head {
   void replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq);
   void store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept;
   void link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* after) noexcept;
-  void prefetch_around(SeqIndex::Place place) const noexcept;
+  // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
+  [[gnu::always_inline]] void prefetch_around(SeqIndex::Place place) const noexcept;
   es_acl_ace_node* node_before(SeqIndex::Place place) noexcept;
   void set_count(uint32_t count) noexcept;
 

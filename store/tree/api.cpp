@@ -18,7 +18,7 @@ namespace {
 // The process's ACLs. Never destroyed: other threads may still use them while the process ends.
 struct Store {
   Names names;
-  es_acl_tree_root root{sizeof(es_acl_tree_root), 1, 0, SlotPool::kGraceMs};
+  es_acl_tree_root root{sizeof(es_acl_tree_root), 1, 0, SlotQueue::kShortGraceMs};
 
   void update_root() noexcept { __atomic_store_n(&root.acl_count, names.size(), __ATOMIC_RELAXED); }
 };

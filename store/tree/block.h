@@ -1,9 +1,9 @@
 // A sorted block of keys and their values: the common shape of the index's nodes.
 //
 // The keys behind the last are kept at the largest number, so that a search need not know how many there are.
-// It looks at every eighth key and then at the eight keys of one group: no step waits for the one before, the
-// cache lines of the keys are fetched side by side, and there is no branch that a random key could make
-// mispredicted.
+// It narrows 64 keys down to 16, to 4 and to one, each time by three comparisons whose results are added up: there is
+// no branch that a random key could make mispredicted, and the first comparisons, one in each cache line, fetch the
+// lines side by side.
 #ifndef ES_ACL_STORE_TREE_BLOCK_H_
 #define ES_ACL_STORE_TREE_BLOCK_H_
 
@@ -29,24 +29,19 @@ struct alignas(64) Block {
   uint32_t first_key() const noexcept { return keys[0]; }
   uint32_t last_key() const noexcept { return keys[count - 1]; }
   bool spans(uint32_t key) const noexcept { return count != 0 && keys[0] <= key && key <= last_key(); }
-
-  // Whether a block beside this one is likely to span the key: it is no farther away than this block is wide. To look
-  // there in vain would cost as much as to come from the root.
-  bool spans_near(uint32_t key) const noexcept {
-    if (count == 0) return false;
-    const uint32_t width = last_key() - keys[0];
-    return key < keys[0] ? keys[0] - key <= width : key - last_key() <= width;
+  bool holds(uint32_t key, uint32_t pos) const noexcept { return pos < count && keys[pos] == key; }
+  // Whether the key belongs between the keys before and at the place.
+  bool parts(uint32_t key, uint32_t pos) const noexcept {
+    return pos != 0 && pos < count && keys[pos - 1] < key && key < keys[pos];
   }
 
   // The number of keys less than `key`.
   uint32_t lower_bound(uint32_t key) const noexcept {
-    static_assert(kFanout == 64 && kGroup == 8);
-    const uint32_t group = (keys[8] < key) + (keys[16] < key) + (keys[24] < key) + (keys[32] < key) +
-                           (keys[40] < key) + (keys[48] < key) + (keys[56] < key);
-    const uint32_t* in = keys + group * kGroup;
-    uint32_t pos = group * kGroup;
-    for (uint32_t i = 0; i != kGroup; ++i) pos += in[i] < key;
-    return pos;
+    static_assert(kFanout == 64);
+    const uint32_t* in = keys;
+    in += 16 * less(in[16], in[32], in[48], key);
+    in += 4 * less(in[4], in[8], in[12], key);
+    return static_cast<uint32_t>(in - keys) + (in[0] < key) + less(in[1], in[2], in[3], key);
   }
 
   // The last place whose key is not greater than `key`; the first one if there is none.
@@ -56,9 +51,11 @@ struct alignas(64) Block {
     return pos - (pos != 0);
   }
 
-  // Asks for the values' cache lines, which the search that follows will make known too late.
-  void prefetch_values() const noexcept {
+  // Asks for the cache lines that a search does not ask for at once.
+  void prefetch_rest() const noexcept {
+    __builtin_prefetch(keys);
     for (uint32_t i = 0; i < kFanout; i += 64 / sizeof(Value)) __builtin_prefetch(values + i);
+    __builtin_prefetch(&count);
   }
 
   void insert_at(uint32_t pos, uint32_t key, Value value) noexcept {
@@ -106,8 +103,15 @@ struct alignas(64) Block {
   }
 
  private:
-  static constexpr uint32_t kGroup = 8;
   static constexpr uint32_t kNoKey = 0xffffffff;
+
+  // How many of three keys are less than `key`.
+  static uint32_t less(uint32_t a, uint32_t b, uint32_t c, uint32_t key) noexcept {
+    uint32_t n = a < key;
+    n += b < key;
+    n += c < key;
+    return n;
+  }
 
   void truncate(uint32_t new_count) noexcept {
     count = new_count;

@@ -38,35 +38,35 @@ SeqIndex::Path SeqIndex::path_to(uint32_t seq) const noexcept {
   return path;
 }
 
-Leaf* SeqIndex::hinted(es_acl_iter hint, uint32_t* pos) const noexcept {
-  const uintptr_t bits =
-      reinterpret_cast<uintptr_t>(hint) - 1;  // null becomes the largest number, which none has
-  *pos = bits & 0xff;
-  return numbered_.find(bits >> 8);
-}
-
+// In the position's leaf the usual run asks for one number after the other, or for the same one again.
 SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
   if (root_ == nullptr) return {};
-  uint32_t near = 0;
-  Leaf* leaf = hint != nullptr ? hinted(hint, &near) : nullptr;
-  if (leaf != nullptr && !leaf->spans(seq)) {
-    if (!leaf->spans_near(seq)) {
-      leaf = nullptr;
-    } else {
-      leaf = direction == ES_ACL_FORWARD ? leaf->next : leaf->prev;
-    }
-  }
-  if (leaf == nullptr || !leaf->spans(seq)) {
-    leaf = leaf_for(seq);
-    leaf->prefetch_values();
+  Leaf* leaf = leaf_of(hint);
+  if (leaf != nullptr && leaf->spans(seq)) {
+    const uint32_t near = place_of(hint);
+    if (leaf->holds(seq, near)) return {leaf, near, true};
+    const uint32_t next = direction == ES_ACL_FORWARD ? near + 1 : near - 1;
+    if (leaf->holds(seq, next)) return {leaf, next, true};
   } else {
-    // The usual run asks for one number after the other, or for the same one again.
-    if (near < leaf->count && leaf->keys[near] == seq) return {leaf, near, true};
-    near += direction == ES_ACL_FORWARD ? 1 : -1;
-    if (near < leaf->count && leaf->keys[near] == seq) return {leaf, near, true};
+    leaf = leaf_for(seq);
+    if (large()) leaf->prefetch_rest();
   }
   const uint32_t pos = leaf->lower_bound(seq);
-  return {leaf, pos, pos < leaf->count && leaf->keys[pos] == seq};
+  return {leaf, pos, leaf->holds(seq, pos)};
+}
+
+// The leaf is null when the place is not known, or is not the number's any more.
+inline SeqIndex::Place SeqIndex::recent(uint32_t seq) const noexcept {
+  if (recent_.empty()) return {};
+  const Recent& kept = recent_[row_of(seq)];
+  if (kept.seq != seq || kept.leaf == nullptr) return {};
+  if (kept.leaf->holds(seq, kept.pos)) return {kept.leaf, kept.pos, true};
+  return kept.leaf->parts(seq, kept.pos) ? Place{kept.leaf, kept.pos, false} : Place{};
+}
+
+SeqIndex::Place SeqIndex::find_again(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
+  const Place place = recent(seq);
+  return place.leaf != nullptr ? place : find(seq, direction, hint);
 }
 
 SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
@@ -74,20 +74,24 @@ SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
     reserve_leaf();
     root_ = leftmost_ = last_ = take_leaf();
   }
-  uint32_t near = 0;
-  Leaf* leaf = hinted(hint, &near);
-  if (last_->count != 0 && last_->last_key() < seq) {
-    leaf = last_;
-  } else if (leaf == nullptr || !leaf->spans(seq)) {
-    leaf = leaf_for(seq);
+  Place place = recent(seq);
+  if (place.leaf == nullptr) {
+    place.leaf = leaf_to_change(seq, hint);
+    place.pos = place.leaf->lower_bound(seq);
+    place.found = place.leaf->holds(seq, place.pos);
   }
-  const uint32_t pos = leaf->lower_bound(seq);
-  const Place place{leaf, pos, pos < leaf->count && leaf->keys[pos] == seq};
-  if (!place.found && leaf->full()) {
+  if (!place.found && place.leaf->full()) {
     path_ = path_to(seq);
     reserve(path_);
   }
   return place;
+}
+
+// What comes behind all others is the usual case where an ACL is filled.
+inline Leaf* SeqIndex::leaf_to_change(uint32_t seq, es_acl_iter hint) const noexcept {
+  if (last_->count != 0 && last_->last_key() < seq) return last_;
+  Leaf* const leaf = leaf_of(hint);
+  return leaf != nullptr && leaf->spans(seq) ? leaf : leaf_for(seq);
 }
 
 // --- Inserting ---
@@ -112,6 +116,7 @@ void SeqIndex::reserve(const Path& path) {
   for (; depth != 0 && path.node[depth - 1]->full(); --depth) ++inners;
   reserve_leaf();
   reserve_inner(depth == 0 ? inners + 1 : inners);
+  if (recent_.empty()) recent_.resize(size_t{1} << kRecentBits);
 }
 
 Leaf* SeqIndex::take_leaf() noexcept {

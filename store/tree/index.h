@@ -11,8 +11,11 @@
 //
 // Position words. A word names a leaf by its number and a place in it. Leaves are never freed before the
 // index is, so any word whatever either names a leaf of this index or none; the leaf is then used only if it
-// has the sought number between its first and last key, or its neighbour in the direction of the run has. So
-// a stale word costs a descent from the root, never more.
+// has the sought number between its first and last key. So a stale word costs a descent from the root, never more.
+//
+// Recent places. Whoever searches for many numbers and then changes them all comes back for each. The places of the
+// last searches are kept in a small table by number, and a change that finds its number there needs no search. A place
+// is looked at before it is believed, as a position word is.
 //
 // Not thread-safe: the ACL's lock guards it.
 #ifndef ES_ACL_STORE_TREE_INDEX_H_
@@ -21,6 +24,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "block.h"
 #include "es_acl/es_acl_store.h"
@@ -59,6 +63,12 @@ class SeqIndex {
   // The place of `seq`, from the position if it is near. When the number is not there, only `found` says
   // something.
   Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
+  // The same for a number that has been searched for lately.
+  Place find_again(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
+  // Keeps the place that find() has just given.
+  void keep(uint32_t seq, const Place& place) noexcept {
+    if (!recent_.empty()) recent_[row_of(seq)] = {place.leaf, place.pos, seq};
+  }
   // The place where `seq` is or belongs, with memory set aside for insert(). Throws std::bad_alloc; nothing
   // has changed then.
   Place prepare(uint32_t seq, es_acl_iter hint);
@@ -69,6 +79,8 @@ class SeqIndex {
   Place erase(Place place, SlotPool& pool) noexcept;
 
   Leaf* first_leaf() const noexcept { return leftmost_; }
+  // Whether there are more leaves than a processor's near caches hold anyway, with the slots that belong to them.
+  bool large() const noexcept { return height_ > 1; }
   // After the leaves' keys were changed (in ascending order), makes the inner nodes' keys agree.
   void rebuild_bounds() noexcept;
 
@@ -87,9 +99,22 @@ class SeqIndex {
     std::array<uint32_t, kMaxHeight> at;
   };
 
+  struct Recent {
+    Leaf* leaf = nullptr;
+    uint32_t pos = 0;
+    uint32_t seq = 0;
+  };
+  static constexpr unsigned kRecentBits = 7;
+  static uint32_t row_of(uint32_t seq) noexcept { return seq * 2654435769u >> (32 - kRecentBits); }
+
+  Place recent(uint32_t seq) const noexcept;
   Leaf* leaf_for(uint32_t seq) const noexcept;
+  Leaf* leaf_to_change(uint32_t seq, es_acl_iter hint) const noexcept;
   Path path_to(uint32_t seq) const noexcept;
-  Leaf* hinted(es_acl_iter hint, uint32_t* pos) const noexcept;
+  static uintptr_t bits_of(es_acl_iter word) noexcept { return reinterpret_cast<uintptr_t>(word) - 1; }
+  // Null becomes the largest number, which no leaf has.
+  Leaf* leaf_of(es_acl_iter word) const noexcept { return numbered_.find(bits_of(word) >> 8); }
+  static uint32_t place_of(es_acl_iter word) noexcept { return bits_of(word) & 0xff; }
   void reserve(const Path& path);
   void reserve_leaf();
   void reserve_inner(size_t count);
@@ -110,6 +135,7 @@ class SeqIndex {
   Leaf* leftmost_ = nullptr;
   Leaf* last_ = nullptr;
   Path path_{};                 // of the last prepare()
+  std::vector<Recent> recent_;  // empty while there is one leaf
   SlabArray<Leaf> numbered_;    // every leaf there ever was
   Leaf* spare_leaf_ = nullptr;  // chained by next, empty
   Inner* spare_inner_ = nullptr;

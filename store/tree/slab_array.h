@@ -3,6 +3,7 @@
 #ifndef ES_ACL_STORE_TREE_SLAB_ARRAY_H_
 #define ES_ACL_STORE_TREE_SLAB_ARRAY_H_
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -27,25 +28,27 @@ class SlabArray {
 
   // The element with that number, or null.
   T* find(uint64_t number) const noexcept {
-    const uint64_t slab = number / kMost;
-    return slab < slabs_.size() && number % kMost < slabs_[slab].used ? slabs_[slab].items + number % kMost
-                                                                      : nullptr;
+    const uint64_t slab = number >> kPlaceBits;
+    const uint64_t place = number & kPlaceMask;
+    return slab < slabs_.size() && place < slabs_[slab].used ? slabs_[slab].items + place : nullptr;
   }
 
   // A new element and its number. Throws std::bad_alloc; nothing has changed then.
   T* add(uint32_t* number) {
     if (slabs_.empty() || slabs_.back().used == slabs_.back().bytes / sizeof(T)) add_slab();
     Slab& slab = slabs_.back();
-    *number = static_cast<uint32_t>((slabs_.size() - 1) * kMost + slab.used);
+    *number = static_cast<uint32_t>((slabs_.size() - 1) << kPlaceBits | slab.used);
     return new (slab.items + slab.used++) T;
   }
 
  private:
-  static constexpr size_t kMost = kHugePage / sizeof(T);
+  // A number is its slab's and the place in it.
+  static constexpr unsigned kPlaceBits = std::bit_width(kHugePage / sizeof(T) - 1);
+  static constexpr uint64_t kPlaceMask = (uint64_t{1} << kPlaceBits) - 1;
   struct Slab {
     T* items;
-    size_t bytes;
-    size_t used;
+    uint32_t bytes;
+    uint32_t used;
   };
 
   void add_slab() {
@@ -53,7 +56,7 @@ class SlabArray {
     const size_t bytes = next_slab_bytes(total_, sizeof(T));
     auto* items = static_cast<T*>(allocate_slab(bytes));
     if (items == nullptr) throw std::bad_alloc();
-    slabs_.push_back({items, bytes, 0});
+    slabs_.push_back({items, static_cast<uint32_t>(bytes), 0});
     total_ += bytes;
   }
 

@@ -33,6 +33,26 @@ TEST_F(Memory, EndlessReplacementTakesBoundedMemory) {
   EXPECT_LT(slab_bytes(), size_t{16} * 1000 * 112);
 }
 
+// Where millions of changes come in a second what is retired waits for a shorter time, but it waits.
+TEST_F(Memory, AFloodOfReplacementsTakesBoundedMemoryAndKeepsTheShortGraceTime) {
+  constexpr uint32_t kPerMs = 300;
+  fill(1000);
+  const auto flood = [&](uint32_t ms) {
+    for (uint32_t i = 0; i != ms * kPerMs; ++i) {
+      ASSERT_EQ(add((i % 1000 + 1) * 10, i, ES_ACL_ADD_REPLACE), 0u);
+      if (i % kPerMs == 0) ++clock_ms;
+    }
+  };
+  flood(2000);
+  const Node* replaced = first_of(acl);
+  const uint32_t tag = ace_of(replaced)->capture;
+  flood(99);
+  EXPECT_EQ(ace_of(replaced)->capture, tag);
+  EXPECT_EQ(seq_of(next_of(replaced)), 20u);
+  // As many wait as may before the shorter time holds, and slabs grow by an eighth.
+  EXPECT_LT(slab_bytes(), size_t{112} * (1000 + es_tree::SlotQueue::kManyWaiting) * 5 / 4);
+}
+
 // Numbers that wander upward: the leaves they leave behind must not pile up.
 TEST_F(Memory, AWanderingWindowTakesBoundedMemory) {
   fill(1000);

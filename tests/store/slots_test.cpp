@@ -62,6 +62,29 @@ TEST_F(AclTest, WhatLeavesTheListStaysAsItIsForTheGraceTime) {
   EXPECT_EQ(seq_of(next_of(replaced)), 30u);
 }
 
+// Numbers that are searched for and then changed are found again where they were; what has moved them meanwhile, be it
+// other changes, a renumbering or a split, must not lead astray.
+TEST_F(AclTest, AChangeFindsWhatTheListHasBecomeSinceTheSearch) {
+  fill(1000);
+  es_acl_iter iter = nullptr;
+  const auto look = [&](uint32_t seq) { return api().search_entry_iter(acl, seq, ES_ACL_BACKWARD, &iter); };
+  ASSERT_NE(look(500), nullptr);
+  ASSERT_EQ(look(505), nullptr);
+  for (uint32_t seq = 401; seq != 499; ++seq) ASSERT_EQ(add(seq, 0, ES_ACL_ADD_REPLACE), 0u);
+  ASSERT_EQ(add(505), 0u);
+  remove(500);
+  EXPECT_EQ(look(500), nullptr);
+  ASSERT_NE(look(700), nullptr);
+  ASSERT_EQ(look(705), nullptr);
+  ASSERT_EQ(api().resequence(acl, 7, 7, 0, nullptr), 0u);
+  ASSERT_EQ(add(705), 0u);
+  remove(700);
+  const Seqs seqs = walk();
+  EXPECT_TRUE(std::is_sorted(seqs.begin(), seqs.end()));
+  EXPECT_EQ(std::count(seqs.begin(), seqs.end(), 705), 1);
+  EXPECT_EQ(std::count(seqs.begin(), seqs.end(), 700), 0);
+}
+
 uint32_t visit_three(es_acl_head*, const es_acl_ace* ace, va_list* args) {
   auto* seen = va_arg(*args, Seqs*);
   seen->push_back(ace->seq);
