@@ -1,8 +1,11 @@
 // Fixed-size element pools: a free list through the free elements themselves, fed by chunks.
 //
-// Elements go out last-in-first-out, so that what is taken is warm in the cache. A pair of take and give by
-// one thread is common, and one free element therefore waits in `spare_`, where a single atomic exchange
-// hands it over; everything else happens under the mutex.
+// Elements go out last-in-first-out, so that what is taken is warm in the cache.
+//
+// There are two lists. One thread usually takes and gives all the time, and the lane is for it: whoever finds the lane
+// empty of threads goes through at the cost of one atomic exchange. Nobody waits at the lane; a thread that meets
+// another one there turns to the shared list, under the mutex. Elements end up on either list. Before the pool grows,
+// the lane's come over to the shared list, so that there is always a use for every free element.
 //
 // Under AddressSanitizer a free element is poisoned: using it after its return, or returning it twice, is
 // reported.
@@ -14,6 +17,8 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "log.h"
@@ -36,8 +41,45 @@ namespace {
 
 constexpr size_t kAlignment = 16;
 
-struct free_element {
-  free_element* next;
+// A list of free elements of `size` bytes.
+class free_list {
+ public:
+  explicit free_list(size_t size) : size_(size) {}
+
+  uint64_t count() const { return count_; }
+  bool empty() const { return first_ == nullptr; }
+  void swap(free_list& other) {
+    std::swap(first_, other.first_);
+    std::swap(count_, other.count_);
+  }
+
+  // The link is written while the element should not be poisoned: one given back twice is found out here.
+  void push(void* element) {
+    auto* const link = static_cast<free_element*>(element);
+    link->next = first_;
+    first_ = link;
+    ++count_;
+    ASAN_POISON_MEMORY_REGION(element, size_);
+  }
+
+  // Null when there is none.
+  void* pop() {
+    free_element* const element = first_;
+    if (element == nullptr) return nullptr;
+    ASAN_UNPOISON_MEMORY_REGION(element, size_);
+    first_ = element->next;
+    --count_;
+    return element;
+  }
+
+ private:
+  struct free_element {
+    free_element* next;
+  };
+
+  const size_t size_;
+  free_element* first_ = nullptr;
+  uint64_t count_ = 0;
 };
 
 struct chunk_deleter {
@@ -62,31 +104,28 @@ struct pool {
   uint64_t in_use();
 
  private:
+  // The lane with its list is one thread's from enter to leave: a few instructions.
+  bool enter_lane() { return !lane_taken_.exchange(true, std::memory_order_acquire); }
+  void leave_lane() { lane_taken_.store(false, std::memory_order_release); }
+  void wait_for_lane() {
+    while (!enter_lane()) std::this_thread::yield();
+  }
+  void* take_shared();
   bool grow();
-  void push(void* element);
 
   const std::string name_;
   const size_t stride_;
   const size_t per_chunk_;
 
-  alignas(64) std::atomic<void*> spare_{nullptr};
+  alignas(64) std::atomic<bool> lane_taken_{false};
+  free_list lane_{stride_};
   alignas(64) std::mutex mutex_;  // guards everything below
-  free_element* free_ = nullptr;
-  uint64_t free_count_ = 0;
+  free_list shared_{stride_};
   std::vector<chunk> chunks_;
 };
 
 pool::~pool() {
   for (const chunk& memory : chunks_) ASAN_UNPOISON_MEMORY_REGION(memory.get(), stride_ * per_chunk_);
-}
-
-// The link is written while the element is not poisoned: an element given back twice is found out here.
-void pool::push(void* element) {
-  auto* link = static_cast<free_element*>(element);
-  link->next = free_;
-  free_ = link;
-  ++free_count_;
-  ASAN_POISON_MEMORY_REGION(element, stride_);
 }
 
 // The new elements go out in the order of their addresses.
@@ -102,47 +141,46 @@ bool pool::grow() {
     return false;
   }
   chunks_.emplace_back(memory);
-  for (size_t i = per_chunk_; i-- > 0;) push(memory + i * stride_);
+  for (size_t i = per_chunk_; i-- > 0;) shared_.push(memory + i * stride_);
   return true;
 }
 
 void* pool::take() {
-  void* element = nullptr;
-  if (spare_.load(std::memory_order_relaxed) != nullptr) {
-    element = spare_.exchange(nullptr, std::memory_order_acquire);
+  if (enter_lane()) {
+    void* const element = lane_.pop();
+    leave_lane();
+    if (element != nullptr) return element;
   }
-  if (element == nullptr) {
-    const std::lock_guard lock(mutex_);
-    if (free_ == nullptr && !grow()) return nullptr;
-    element = free_;
-    ASAN_UNPOISON_MEMORY_REGION(element, stride_);
-    free_ = static_cast<free_element*>(element)->next;
-    --free_count_;
-    return element;
+  return take_shared();
+}
+
+void* pool::take_shared() {
+  const std::lock_guard lock(mutex_);
+  if (shared_.empty()) {
+    wait_for_lane();
+    shared_.swap(lane_);
+    leave_lane();
   }
-  ASAN_UNPOISON_MEMORY_REGION(element, stride_);
-  return element;
+  if (shared_.empty() && !grow()) return nullptr;
+  return shared_.pop();
 }
 
 void pool::give(void* element) {
-#ifdef POOL_POISONS
-  static_cast<volatile free_element*>(element)->next = nullptr;
-  ASAN_POISON_MEMORY_REGION(element, stride_);
-#endif
-  void* none = nullptr;
-  if (spare_.load(std::memory_order_relaxed) == nullptr &&
-      spare_.compare_exchange_strong(none, element, std::memory_order_release, std::memory_order_relaxed)) {
+  if (enter_lane()) {
+    lane_.push(element);
+    leave_lane();
     return;
   }
   const std::lock_guard lock(mutex_);
-  ASAN_UNPOISON_MEMORY_REGION(element, stride_);
-  push(element);
+  shared_.push(element);
 }
 
 uint64_t pool::in_use() {
   const std::lock_guard lock(mutex_);
-  const uint64_t spare = spare_.load(std::memory_order_relaxed) != nullptr ? 1 : 0;
-  return chunks_.size() * per_chunk_ - free_count_ - spare;
+  wait_for_lane();
+  const uint64_t on_lane = lane_.count();
+  leave_lane();
+  return chunks_.size() * per_chunk_ - shared_.count() - on_lane;
 }
 
 pool* pool_create(const char* name, uint32_t element_size, uint32_t elements_per_chunk, uint32_t, uint32_t,

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,10 +43,12 @@ TEST(Pool, AFreeElementIsPoisoned) {
 }
 #endif
 
-// Every element is filled by whoever holds it: two holders of one, or elements that overlap, would show.
+// Every element is filled by whoever holds it: two holders of one, or elements that overlap, would show. There are never
+// more elements than are held at a time, and a chunk: whichever thread gave one back, the other finds it.
 TEST(Pool, ThreadsHoldElementsOfTheirOwn) {
   for (const uint32_t size : {1u, 16u, 80u, 100u}) {
     const owned_pool from = make(size, 7);
+    std::set<void*> seen[2];
     auto work = [&](unsigned char mark) {
       std::minstd_rand random(mark);
       const std::vector<unsigned char> filled(size, mark);
@@ -53,6 +56,7 @@ TEST(Pool, ThreadsHoldElementsOfTheirOwn) {
       for (int i = 0; i < 10000 || !held.empty(); ++i) {
         if (held.empty() || (held.size() < 40 && i < 10000 && random() % 2 == 0)) {
           held.push_back(std::memcpy(pool_take(from.get()), filled.data(), size));
+          seen[mark - 1].insert(held.back());
           ASSERT_EQ(reinterpret_cast<uintptr_t>(held.back()) % 16, 0u);
         } else {
           ASSERT_EQ(std::memcmp(held.back(), filled.data(), size), 0);
@@ -65,6 +69,8 @@ TEST(Pool, ThreadsHoldElementsOfTheirOwn) {
     std::thread other(work, 1);
     work(2);
     other.join();
+    seen[0].merge(seen[1]);
+    EXPECT_LE(seen[0].size(), 2 * 40u + 7u);
     EXPECT_EQ(pool_in_use(from.get()), 1u);
     pool_give(from.get(), kept);
     EXPECT_EQ(pool_in_use(from.get()), 0u);
