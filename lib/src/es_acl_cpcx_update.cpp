@@ -6,6 +6,7 @@
 //
 // With "delete and add" an ACE that replaces another is reported as a removal and then as an addition; ACEs that are
 // stored already are marked by sequence number 0 in the records. With "add only" the addition carries the old ACE.
+#include <algorithm>
 #include <cerrno>
 
 #include "es_acl/es_acl.h"
@@ -22,18 +23,33 @@ namespace {
 
 constexpr char kUpdate[] = "es_acl_cpcx_handle_pcx_update_ace";
 
+// A batch's lines are printed or not as things stand when it comes: what is asked for each of its ACEs has to be cheap.
+#define BATCH_DETAIL(...)      \
+  do {                         \
+    if (prints_) [[unlikely]]  \
+      DBG_DETAIL(__VA_ARGS__); \
+  } while (0)
+
 bool add_only() { return es_acl_modify_mode.load(std::memory_order_relaxed) == ES_ACL_MODIFY_ADD_ONLY; }
 
 class Update {
  public:
   Update(es_acl_head* acl, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n)
-      : acl_(acl), command_(command), records_(records), n_(n), batch_(n) {}
+      : prints_(debug_enabled(ES_ACL_DBG_INFO) != nullptr || debug_enabled(ES_ACL_DBG_DETAIL) != nullptr),
+        acl_(acl),
+        command_(command),
+        records_(records),
+        n_(n),
+        batch_(n) {}
 
   // *changed, when non-null, is set to 1 when an addition was reported and made.
   uint32_t run(uint32_t* changed);
 
  private:
-  void scan_for_removal(uint32_t i, es_acl_iter* iter);
+  uint32_t scanned(uint32_t k) const;
+  es_acl_ace* look_for(uint32_t i, es_acl_iter* iter);
+  void judge(uint32_t i, es_acl_ace* found);
+  void scan_for_removals();
   uint32_t report_removals();
   void remove_all();
   uint32_t collect(uint32_t i, es_acl_iter* iter);
@@ -41,6 +57,7 @@ class Update {
   uint32_t report_additions();
   void add_all();
 
+  const bool prints_;  // lines about single ACEs
   es_acl_head* acl_;
   uint32_t command_;
   es_acl_pcx_acl_ace* records_;
@@ -48,29 +65,49 @@ class Update {
   EditBatch batch_;  // of the removals first, then of the additions
 };
 
-void Update::scan_for_removal(uint32_t i, es_acl_iter* iter) {
-  es_acl_ace& ace = records_[i].ace;
-  DBG_DETAIL("%s: i %u acl %s Looking for ace %u iter%p", kUpdate, i, acl_->name, ace.seq, *iter);
-  es_acl_ace* const found = es_acl_search_item_biter(acl_, ace.seq, iter);
-  DBG_DETAIL("%s: es_acl_search_item_biter returned%p iter %p", kUpdate, static_cast<void*>(found), *iter);
+// The record that the removal scan comes to as the k-th: a removal's first to last, an addition's last to first.
+uint32_t Update::scanned(uint32_t k) const { return command_ == ACL_PCX_REMOVE_ACE ? k : n_ - 1 - k; }
+
+es_acl_ace* Update::look_for(uint32_t i, es_acl_iter* iter) {
+  const uint32_t seq = records_[i].ace.seq;
+  BATCH_DETAIL("%s: i %u acl %s Looking for ace %u iter%p", kUpdate, i, acl_->name, seq, *iter);
+  es_acl_ace* const found = es_acl_search_item_biter(acl_, seq, iter);
+  BATCH_DETAIL("%s: es_acl_search_item_biter returned%p iter %p", kUpdate, static_cast<void*>(found), *iter);
+  return found;
+}
+
+void Update::judge(uint32_t i, es_acl_ace* found) {
   if (found == nullptr) return;
-  DBG_DETAIL("%s: i %u acl %s ace %u found", kUpdate, i, acl_->name, ace.seq);
+  es_acl_ace& ace = records_[i].ace;
+  BATCH_DETAIL("%s: i %u acl %s ace %u found", kUpdate, i, acl_->name, ace.seq);
   if (found->kind == ES_ACL_KIND_REMARK) return;
   if (command_ == ACL_PCX_ADD_ACE && es_acl_compare_ace(found, &ace) != 0) {
-    DBG_DETAIL("%s: i %u compare ace succeeded, seq %u", kUpdate, i, ace.seq);
+    BATCH_DETAIL("%s: i %u compare ace succeeded, seq %u", kUpdate, i, ace.seq);
     ace.seq = 0;
     return;
   }
-  DBG_DETAIL("%s: adding to batch, i %u seq %u curr_batch_size %u", kUpdate, i, ace.seq, batch_.size());
+  BATCH_DETAIL("%s: adding to batch, i %u seq %u curr_batch_size %u", kUpdate, i, ace.seq, batch_.size());
   batch_.show_stored(ace.seq, found);
 }
 
-// A removal is scanned from the first record to the last, an addition from the last to the first.
-uint32_t Update::report_removals() {
+// Some records are looked for before the first of them is looked at: what the store has found is mostly not in the
+// caches yet, and is fetched side by side. Where lines are printed the lines of each record stand together.
+void Update::scan_for_removals() {
+  constexpr uint32_t kSideBySide = 16;
+  const uint32_t step = prints_ ? 1 : kSideBySide;
+  es_acl_ace* found[kSideBySide];
   es_acl_iter iter = nullptr;
-  for (uint32_t k = 0; k < n_; ++k) scan_for_removal(command_ == ACL_PCX_REMOVE_ACE ? k : n_ - 1 - k, &iter);
+  for (uint32_t first = 0; first < n_; first += step) {
+    const uint32_t count = std::min(step, n_ - first);
+    for (uint32_t k = 0; k < count; ++k) found[k] = look_for(scanned(first + k), &iter);
+    for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), found[k]);
+  }
+}
+
+uint32_t Update::report_removals() {
+  scan_for_removals();
   if (batch_.size() == 0) return 0;
-  DBG_DETAIL("%s: calling incremental_callback for remove: batch_size %u", kUpdate, batch_.size());
+  BATCH_DETAIL("%s: calling incremental_callback for remove: batch_size %u", kUpdate, batch_.size());
   trace(kUpdate, "reporting removals", batch_.size());
   const uint32_t rc = es_acl_invoke_update_callback(acl_, ACL_REMOVE_ACE, batch_.size(), batch_.data());
   if (rc != 0) DBG_ERR("%s: failed for ACL_REMOVE_ACE: %s", kUpdate, errcode_string(rc));
@@ -81,7 +118,7 @@ void Update::remove_all() {
   es_acl_iter iter = nullptr;
   for (uint32_t i = 0; i < n_; ++i) {
     const uint32_t seq = records_[i].ace.seq;
-    DBG_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(i), seq);
+    BATCH_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(i), seq);
     es_acl_delete_item_common(acl_, seq, ES_ACL_FORWARD, &iter);
   }
 }
@@ -90,12 +127,12 @@ void Update::remove_all() {
 uint32_t Update::collect(uint32_t i, es_acl_iter* iter) {
   const es_acl_ace& ace = records_[i].ace;
   if (ace.seq == 0) {
-    DBG_DETAIL("%s: skipping item %d duplicate", kUpdate, static_cast<int>(i));
+    BATCH_DETAIL("%s: skipping item %d duplicate", kUpdate, static_cast<int>(i));
     return 0;
   }
   es_acl_ace* const old = add_only() ? es_acl_search_item_fiter(acl_, ace.seq, iter) : nullptr;
   if (old != nullptr && es_acl_compare_ace(old, &ace) != 0) return 0;
-  DBG_DETAIL("%s: %s entry %u", kUpdate, old != nullptr ? "Updating" : "Adding", ace.seq);
+  BATCH_DETAIL("%s: %s entry %u", kUpdate, old != nullptr ? "Updating" : "Adding", ace.seq);
   if (batch_.add_copy(ace, old)) return 0;
   DBG_ERR("%s: Memory cannot be allocated for ace", kUpdate);
   return ENOMEM;
@@ -126,8 +163,8 @@ void Update::add_all() {
     ace->private_data = nullptr;
     if (es_acl_add_acl_item_common(acl_, ace, element.seq, flag, &iter) == 0) continue;
     es_acl_free_rules(ace);
-    DBG_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
-               element.seq);
+    BATCH_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
+                 element.seq);
   }
 }
 
@@ -137,8 +174,8 @@ uint32_t Update::run(uint32_t* changed) {
     DBG_ERR("%s: memory alloc for ace_edit_info failed: ACL name:%s", kUpdate, records_->acl_name);
     return ENOMEM;
   }
-  DBG_DETAIL("%s Received a batch of %u of ACL %s for %s", kUpdate, n_, records_->acl_name,
-             command_ == ACL_PCX_REMOVE_ACE ? "ACL_PCX_REMOVE_ACE" : "ACL_PCX_ADD_ACE");
+  BATCH_DETAIL("%s Received a batch of %u of ACL %s for %s", kUpdate, n_, records_->acl_name,
+               command_ == ACL_PCX_REMOVE_ACE ? "ACL_PCX_REMOVE_ACE" : "ACL_PCX_ADD_ACE");
   trace_name(kUpdate, "batch", records_->acl_name, n_, command_);
   uint32_t rc = command_ == ACL_PCX_REMOVE_ACE || !add_only() ? report_removals() : 0;
   if (rc != 0) return rc;

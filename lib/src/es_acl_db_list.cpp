@@ -23,17 +23,20 @@ constexpr uint64_t kCountAdd = 40;
 constexpr uint64_t kCountDelete = 41;
 constexpr uint64_t kCountMatch = 42;
 
-// Entry line and argument check of the searches.
-bool may_search(const char* operation, const es_acl_head* acl) {
-  DBG_INFO("Entering : %s", operation);
-  if (acl != nullptr) return true;
+[[gnu::cold]] bool refuse_search(const char* operation) {
   trace(operation, "invalid arguments", EINVAL);
   DBG_ERR("%s: Invalid arguments.", operation);
   return false;
 }
 
-es_acl_ace* search_iter(const char* operation, es_acl_head* acl, uint32_t seq, uint32_t direction,
-                        es_acl_iter* iter) {
+// Entry line and argument check of the searches.
+inline bool may_search(const char* operation, const es_acl_head* acl) {
+  DBG_INFO("Entering : %s", operation);
+  return acl != nullptr || refuse_search(operation);
+}
+
+inline es_acl_ace* search_iter(const char* operation, es_acl_head* acl, uint32_t seq, uint32_t direction,
+                               es_acl_iter* iter) {
   if (!may_search(operation, acl)) return nullptr;
   const AclLock lock(acl);
   return es_acl_apis->search_entry_iter(acl, seq, direction, iter);
