@@ -110,7 +110,8 @@ ES_ACL_API es_acl_status es_acl_getlist_acl(const es_acl_handle_list* names, es_
  *
  * The copies that it makes have no remarks; a copy that is held already is shared as it is. A name asked for twice takes
  * two references of one copy. Returns 0 when the call has succeeded as a whole. Otherwise 22: null arguments, or an answer
- * that does not fit (an ACL that changed just between its count and its read too: try again); 12; or what the bus said.
+ * that does not fit; 90: one that would need more room (both also for an ACL that changed just between its count and its
+ * read: try again); 12; or what the bus said.
  * Then nothing new is held, but slots with a handle are of ACLs that were held before, and are to be released. */
 ES_ACL_API es_acl_status es_acl_get_definition(const es_acl_handle_list* in_data,
                                                es_acl_handle_list* out_data, uint32_t* ret_data);

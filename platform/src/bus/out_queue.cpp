@@ -35,14 +35,22 @@ void OutQueue::append(const FrameHeader& header, const void* payload) {
   bytes_ += size;
 }
 
-void OutQueue::take(OutQueue& other) {
+bool OutQueue::take(OutQueue& other) noexcept try {
   if (blocks_.empty()) {
     blocks_.swap(other.blocks_);
-  } else {
-    for (Block& block : other.blocks_) blocks_.push_back(std::move(block));
+    std::swap(bytes_, other.bytes_);
   }
-  bytes_ += other.bytes_;
-  other.clear();
+  while (!other.blocks_.empty()) {
+    Block& block = other.blocks_.front();
+    const size_t size = block.end - block.begin;
+    blocks_.push_back(std::move(block));
+    other.blocks_.pop_front();
+    bytes_ += size;
+    other.bytes_ -= size;
+  }
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 void OutQueue::clear() {

@@ -18,8 +18,8 @@ class OutQueue {
 
   // May throw std::bad_alloc, and then nothing is appended.
   void append(const FrameHeader& header, const void* payload);
-  // Moves all of `other` behind what is here.
-  void take(OutQueue& other);
+  // Moves what is in `other` behind what is here. False when memory ran out: the rest is still there.
+  bool take(OutQueue& other) noexcept;
   void clear();
   bool empty() const { return blocks_.empty(); }
   size_t bytes() const { return bytes_; }

@@ -118,15 +118,16 @@ int UnixSink::write_locked(const FrameHeader& header, const void* payload) {
 
 int UnixSink::flush(bool* rest) {
   *rest = false;
+  bool all = true;
   {
     std::lock_guard lock(mutex_);
     announced_ = false;
     if (error_ != 0 || queued_ == 0) return error_;
-    writing_.take(pending_);
+    all = writing_.take(pending_);
   }
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
-  *rest = !writing_.empty();
+  *rest = !writing_.empty() || !all;
   pace_.wrote();
   std::lock_guard lock(mutex_);
   queued_ -= written;
