@@ -104,7 +104,7 @@ class SeqIndex {
     uint32_t pos = 0;
     uint32_t seq = 0;
   };
-  static constexpr unsigned kRecentBits = 7;
+  static constexpr unsigned kRecentBits = 8;
   static uint32_t row_of(uint32_t seq) noexcept { return seq * 2654435769u >> (32 - kRecentBits); }
 
   Place recent(uint32_t seq) const noexcept;

@@ -68,12 +68,17 @@ TEST_F(AclTest, AChangeFindsWhatTheListHasBecomeSinceTheSearch) {
   fill(1000);
   es_acl_iter iter = nullptr;
   const auto look = [&](uint32_t seq) { return api().search_entry_iter(acl, seq, ES_ACL_BACKWARD, &iter); };
-  ASSERT_NE(look(500), nullptr);
+  ASSERT_EQ(add(501), 0u);  // leaves have room now
   ASSERT_EQ(look(505), nullptr);
-  for (uint32_t seq = 401; seq != 499; ++seq) ASSERT_EQ(add(seq, 0, ES_ACL_ADD_REPLACE), 0u);
+  for (const uint32_t seq : {502u, 503u}) ASSERT_EQ(add(seq), 0u);
   ASSERT_EQ(add(505), 0u);
-  remove(500);
-  EXPECT_EQ(look(500), nullptr);
+  ASSERT_EQ(look(515), nullptr);
+  for (const uint32_t seq : {501u, 502u, 503u}) remove(seq);
+  ASSERT_EQ(add(515), 0u);
+  ASSERT_NE(look(520), nullptr);
+  for (uint32_t seq = 401; seq != 499; ++seq) ASSERT_EQ(add(seq, 0, ES_ACL_ADD_REPLACE), 0u);
+  remove(520);
+  EXPECT_EQ(look(520), nullptr);
   ASSERT_NE(look(700), nullptr);
   ASSERT_EQ(look(705), nullptr);
   ASSERT_EQ(api().resequence(acl, 7, 7, 0, nullptr), 0u);
