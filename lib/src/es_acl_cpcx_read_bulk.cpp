@@ -196,17 +196,14 @@ uint32_t BulkRead::run() {
   return decode();
 }
 
+void print_entry(uint32_t count) {
+  DBG_INFO("Entering %s with batch of %d entries...", kRead, static_cast<int>(count));
+}
+
 }  // namespace
 
 es_acl_status read_acl_bulk(const BulkAcls& acls, void* address) {
-  DBG_INFO("Entering %s with batch of %d entries...", kRead, static_cast<int>(acls.count));
-  if (acls.heads == nullptr || acls.names == nullptr || acls.num_aces == nullptr ||
-      acls.num_rem_aces == nullptr) {
-    DBG_ERR("%s: Invalid parameters aclhead_type%p acl_names %pnum_aces %p num_rem_aces%p", kRead,
-            static_cast<const void*>(acls.heads), static_cast<const void*>(acls.names),
-            static_cast<const void*>(acls.num_aces), static_cast<const void*>(acls.num_rem_aces));
-    return EINVAL;
-  }
+  print_entry(acls.count);
   return BulkRead(acls, address).run();
 }
 
@@ -217,14 +214,21 @@ using namespace es_acl;
 es_acl_status es_acl_cpcx_read_acl_bulk(es_acl_head* const* aclhead_type, const char* acl_names,
                                         const uint32_t* num_aces, const uint32_t* num_rem_aces,
                                         uint32_t count) {
-  const auto* const names = reinterpret_cast<const NameField*>(acl_names);
+  print_entry(count);
+  if (aclhead_type == nullptr || acl_names == nullptr || num_aces == nullptr || num_rem_aces == nullptr) {
+    DBG_ERR("%s: Invalid parameters aclhead_type%p acl_names %pnum_aces %p num_rem_aces%p", kRead,
+            static_cast<const void*>(aclhead_type), static_cast<const void*>(acl_names),
+            static_cast<const void*>(num_aces), static_cast<const void*>(num_rem_aces));
+    return EINVAL;
+  }
   AclFills fills;
-  if (names != nullptr && !fills.reserve(count)) {
+  if (!fills.reserve(count)) {
     DBG_ERR("%s: Memory allocation failed for %u reads", kRead, count);
     return ENOMEM;
   }
-  for (uint32_t i = 0; names != nullptr && i < count; ++i) fills.begin(names[i].text);
-  const uint32_t rc =
-      read_acl_bulk({aclhead_type, names, num_aces, num_rem_aces, count}, published_address());
+  const auto* const names = reinterpret_cast<const NameField*>(acl_names);
+  for (uint32_t i = 0; i < count; ++i) fills.begin(names[i].text);
+  const BulkAcls acls = {aclhead_type, names, num_aces, num_rem_aces, count};
+  const uint32_t rc = BulkRead(acls, published_address()).run();
   return rc == 0 ? fills.finish(apply_kept_message) : rc;
 }

@@ -242,6 +242,10 @@ bool AclFills::reserve(uint32_t count) {
 
 void AclFills::begin(const char* name) { ::new (&fills_[count_++]) AclFill(name); }
 
+void AclFills::give_up_last(void (*apply)(void* message, uint32_t length)) {
+  fills_[count_ - 1].finish(apply);
+}
+
 uint32_t AclFills::finish(void (*apply)(void* message, uint32_t length)) {
   uint32_t rc = 0;
   for (uint32_t i = 0; i < count_ && rc == 0; ++i) rc = fills_[i].finish(apply);

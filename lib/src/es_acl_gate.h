@@ -122,6 +122,8 @@ class AclFills {
   // Makes room for `count` fills, which have not begun. False when there is no memory.
   bool reserve(uint32_t count);
   void begin(const char* name);
+  // Ends the one begun last: there is nothing to fill. What it has kept is for whoever holds an ACL of that name.
+  void give_up_last(void (*apply)(void* message, uint32_t length));
   // Ends all of them, as AclFill::finish() does; at the first that fails it stops.
   uint32_t finish(void (*apply)(void* message, uint32_t length));
 

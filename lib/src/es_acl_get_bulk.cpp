@@ -196,6 +196,7 @@ void BulkGet::create_heads() {
     heads_[k] = create_head(kBulk, aclnames_getp_[k]);
     if (heads_[k] == nullptr) {
       errors_[k] = ENOMEM;
+      fills_.give_up_last(apply_kept_message);
       continue;
     }
     if (k != created_) swap_selected(k, created_);

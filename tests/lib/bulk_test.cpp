@@ -125,7 +125,6 @@ const Case kCounts[] = {
      lines(kCountReady, kCountRead, count_failed("0x5"))},
     {"transient_class_is_not_passing", [] { platform().pcx_read.next(0x80000001); }, 0x80000001,
      lines(kCountReady, kCountRead, count_failed("0x80000001"))},
-    {"no_answer", [] { answer_bytes(0); }, 22, lines(kCountReady, kCountRead, wrong_count_length(0, 0))},
     {"short", [] { answer_bytes(47); }, 22, lines(kCountReady, kCountRead, wrong_count_length(2, 47))},
     {"one_byte_more", [] { answer_bytes(49); }, 22,
      lines(kCountReady, kCountRead, wrong_count_length(3, 49))},
@@ -168,7 +167,6 @@ const Lines kReadReady = lines(
         " Invoking pcx_read to get ace definitions in each acl for 3 ACLs having 3 aces... ACLs read: 0 "
         "remaining entries: 3");
 const std::string kReadCall = "pcx_read(producer, 211, cap 480)";
-const Lines kThreeReads = {kReadCall, kSleep, kReadCall, kSleep, kReadCall, kSleep};
 const Lines kDecoding = {
     "D: " + kBulkRead +
         " ACLs read: 3 having total 3 ACEs out of total ACLs: 3 and 0 remaining entries to read",
@@ -202,22 +200,8 @@ void answer_records(size_t size) {
 
 const Case kReads[] = {
     {"answered", [] {}, 0, lines(kReadReady, kReadCall, kStoredAll)},
-    {"passing_failures",
-     [] {
-       platform().pcx_read.next(shorten_buffer);
-       platform().pcx_read.next(failed_with(62));
-       platform().pcx_read.next(11);
-     },
-     0, lines(kReadReady, kThreeReads, kReadCall, kStoredAll)},
-    {"fourth_passing_failure", [] { platform().pcx_read.next(62, 4); }, 62,
-     lines(kReadReady, kThreeReads, kReadCall, kSleep, read_failed("0x3e"))},
     {"other_failure_in_errno", [] { platform().pcx_read.next(failed_with(5)); }, 5,
      lines(kReadReady, kReadCall, read_failed("0x5"))},
-    {"transient_class_is_not_passing", [] { platform().pcx_read.next(0x80000001); }, 0x80000001,
-     lines(kReadReady, kReadCall, read_failed("0x80000001"))},
-    {"no_answer", [] { answer_records(0); }, 22, lines(kReadReady, kReadCall, wrong_read_length(0))},
-    {"one_record_short", [] { answer_records(320); }, 22,
-     lines(kReadReady, kReadCall, wrong_read_length(320))},
     {"one_byte_less", [] { answer_records(479); }, 22, lines(kReadReady, kReadCall, wrong_read_length(479))},
     {"longer_than_the_room", [] { answer_records(640); }, 22,
      lines(kReadReady, kReadCall, wrong_read_length(640))},
@@ -413,14 +397,6 @@ TEST_F(Bulk, NothingIsStoredBeforeTheLastAnswer) {
   EXPECT_EQ(log_of("pool_take"), Lines{});
   EXPECT_EQ(log_of("E: ").back().substr(0, 58),
             ("E: " + kBulkRead + " length read: 320 from producer").substr(0, 58));
-}
-
-TEST_F(Bulk, AHeadThatIsMissingIsTheStoresToRefuse) {
-  serve({{"a", {{1}, 0}}});
-  EXPECT_EQ(read({"a"}, {1}, {0}), 22U);
-  EXPECT_EQ(log_of("E: " + kBulkRead),
-            Lines{"E: " + kBulkRead + " es_acl_add_acl_item_common failed <0x16>"});
-  EXPECT_EQ(records_out(), 0U);
 }
 
 TEST_F(Bulk, RecordIsTheConvertedBlockWithoutThePointer) {

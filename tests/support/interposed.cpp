@@ -105,6 +105,12 @@ bool this_one_fails() {
 
 }  // namespace
 
+// The sanitizers' allocators would end a process that asks for more memory than there is. They want to know early,
+// before they can follow what is instrumented.
+#define EARLY __attribute__((visibility("default"), no_sanitize("address", "thread")))
+extern "C" EARLY const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" EARLY const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
 WRAP(void*, malloc, size_t size) { return this_one_fails() ? nullptr : __real_malloc(size); }
 WRAP(void*, calloc, size_t count, size_t size) {
   return this_one_fails() ? nullptr : __real_calloc(count, size);
