@@ -48,6 +48,10 @@
      pcx_handler handler),                                                                                   \
     (Elements{handles, count}), codes, count, zero1, zero2, zero3, handler)                                  \
   X(0, uint32_t, pcx_unregister, (void* handle), handle)                                                     \
+  X(0, uint32_t, pcx_set_link_handler, (uint32_t of, pcx_link_handler handler), of, handler)                 \
+  X(1, uint64_t, pcx_generation, (uint32_t of), of)                                                          \
+  X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                                          \
+  X(0, uint32_t, pcx_renew_later, (void* handle, uint32_t delay_ms), handle, delay_ms)                       \
   X(0, uint32_t, pcx_query_producer, (void* handle), handle)                                                 \
   X(65536, uint32_t, pcx_get_optimum_msg_size, (uint32_t of), of)                                            \
   X(find_categories, uint32_t, acl_debug_init,                                                               \

@@ -8,7 +8,9 @@
  * can fall between a registration and the read behind it.
  *
  * Registrations survive a lost connection: they are made again by themselves when the producer is back. A process
- * without a producer can register all the same.
+ * without a producer can register all the same. What was pushed meanwhile is not repeated: a link handler is told when
+ * that may have happened. Both ends let the other hear from them once a second at least (environment ES_PCX_BEAT_MS, else
+ * 1000; alike at both); an event connection on which three such beats are missing is given up.
  *
  * Handles are checked: one that was never given out, or was withdrawn, yields 22 and nothing else. */
 #ifndef ES_PLATFORM_PCX_H_
@@ -22,6 +24,17 @@
  * and 0 on entry. Other message types have no response. */
 typedef void (*pcx_handler)(uint64_t context, uint32_t mtype, void* payload, uint32_t length, void** response,
                             uint32_t* response_length);
+
+enum { PCX_LINK_LOST = 1, PCX_LINK_RENEWED = 2 };
+/* What has become of the event connection that a started registration stands on. `generation` is the connection's number
+ * (see pcx_generation()); the name is gone when the handler returns.
+ * PCX_LINK_LOST: it has ended, and what it still held has been delivered before; or it has been silent for too long.
+ * PCX_LINK_RENEWED: there is a new one (also: the first one) and the producer has been heard on it; what it brings is
+ * delivered afterwards. Or pcx_renew_later() asked for it.
+ * Called on the delivery thread between messages, without a lock, for one registration of the class after the other. May
+ * do what a message handler may: read, register, and withdraw, this registration as well. One that is made between the
+ * connection and the call may be told or not. */
+typedef void (*pcx_link_handler)(void* reg_handle, const char* name, uint32_t event, uint64_t generation);
 
 /* Context record of pcx_set_context(), 32 bytes. */
 typedef struct pcx_context_record {
@@ -50,10 +63,26 @@ PLATFORM_API uint32_t pcx_get_num_bulk_handles(uint32_t class_handle);
  * arguments, too many handles), and then nothing is registered. */
 PLATFORM_API uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* codes, uint32_t count,
                                         uint32_t zero1, uint32_t zero2, uint64_t zero3, pcx_handler handler);
-/* Withdraws the registration from the bus and from the name service. When it returns, the handler is not running for
- * this registration on another thread and is not called for it again; called from inside the handler it does not wait
- * for that call. 0, or 22. */
+/* Withdraws the registration from the bus and from the name service. When it returns, neither its handler nor the link
+ * handler is running for this registration on another thread or is called for it again; called from inside the handler
+ * it does not wait for that call. 0, or 22. */
 PLATFORM_API uint32_t pcx_unregister(void* reg_handle);
+
+/* Sets the class's link handler; null: none. A call that is running is not waited for. 0, or 22. */
+PLATFORM_API uint32_t pcx_set_link_handler(uint32_t class_handle, pcx_link_handler handler);
+/* The number of the event connection that brings what is pushed to the class: 1 and up, never used again. 0 while there
+ * is none: no producer, or nothing registered yet. Like pcx_read() it first sees to it that all registrations are on
+ * their way, making a connection where there is none, so it may know a connection before PCX_LINK_RENEWED is told of it.
+ * Twice the same number, not 0: in between the connection has not been replaced. Blocks at most for the deadline. */
+PLATFORM_API uint64_t pcx_generation(uint32_t class_handle);
+/* Milliseconds since the receipt of what has been handled last of the event connection, a beat at least: nothing sent
+ * before it is missing. UINT32_MAX when nothing of the connection has been handled yet, or there is none. Does not
+ * block. */
+PLATFORM_API uint32_t pcx_silence_ms(uint32_t class_handle);
+/* Has the link handler called once more for the started registration with PCX_LINK_RENEWED, in delay_ms at the earliest.
+ * A later call replaces an earlier one. It is forgotten when the registration is withdrawn and when PCX_LINK_RENEWED
+ * is told it before; while there is no connection it waits for the next one. 0, 12, 22. */
+PLATFORM_API uint32_t pcx_renew_later(void* reg_handle, uint32_t delay_ms);
 
 /* 0 when the registration's producer is there, 2 when it is not, 22; 11 or 62 when it is there but does not answer.
  * Blocks, at most for the deadline. */

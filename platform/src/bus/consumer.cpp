@@ -71,7 +71,13 @@ uint32_t Consumer::start(void* handle, uint64_t context, pcx_handler handler) {
   if (found == registrations_.end()) return EINVAL;
   Registration& registration = found->second;
   if (registration.handler != nullptr) return EEXIST;
-  join_topic_locked(registration, id);
+  const auto started = registration.owner->started.insert(id).first;
+  try {
+    join_topic_locked(registration, id);
+  } catch (...) {
+    registration.owner->started.erase(started);
+    throw;
+  }
   registration.context = context;
   registration.handler = handler;
   return 0;
@@ -114,7 +120,11 @@ uint32_t Consumer::remove(void* handle) {
   const uint64_t id = number_of(handle, kRegistrationMark);
   const auto found = registrations_.find(id);
   if (found == registrations_.end()) return EINVAL;
-  if (found->second.handler != nullptr) leave_topic_locked(found->second, id);
+  if (found->second.handler != nullptr) {
+    leave_topic_locked(found->second, id);
+    forget_renewal_locked(found->second, id);
+    found->second.owner->started.erase(id);
+  }
   registrations_.erase(found);
   if (running_ == id && running_on_ != std::this_thread::get_id()) {
     ++waiting_for_handler_;
@@ -133,14 +143,24 @@ uint64_t Consumer::registration_after_locked(const Class& owner, uint64_t topic,
   return next != registrations.end() ? *next : 0;
 }
 
-// No lock is held while a handler runs, and everything may be different afterwards: the walk goes on from the
-// number of the registration just served. Handlers may write to the payload; where several share a topic,
-// each gets it as it came.
+// No lock is held while a handler runs, and everything may be different afterwards: walks go on from the number of the
+// registration just served.
+template <typename Call>
+void Consumer::run_handler(std::unique_lock<std::mutex>& lock, uint64_t id, Call call) {
+  running_ = id;
+  running_on_ = std::this_thread::get_id();
+  lock.unlock();
+  call();
+  lock.lock();
+  running_ = 0;
+  if (waiting_for_handler_ != 0) handler_done_.notify_all();
+}
+
+// Handlers may write to the payload; where several registrations share a topic, each gets it as it came.
 Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length) {
   Response response;
   std::vector<char> original;
   std::unique_lock lock(mutex_);
-  running_on_ = std::this_thread::get_id();
   uint64_t id = registration_after_locked(owner, topic, 0);
   const auto* bytes = static_cast<const char*>(payload);
   if (registration_after_locked(owner, topic, id) != 0) original.assign(bytes, bytes + length);
@@ -148,21 +168,83 @@ Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* p
     const Registration& registration = registrations_.find(id)->second;
     const pcx_handler handler = registration.handler;
     const uint64_t context = registration.context;
-    running_ = id;
-    lock.unlock();
-    Response one;
-    handler(context, mtype, payload, length, &one.data, &one.length);
-    // One answer is all that a synchronous request takes.
-    if (response.data == nullptr) std::swap(response, one);
-    std::free(one.data);
-    if (!original.empty()) std::memcpy(payload, original.data(), original.size());
-    lock.lock();
-    running_ = 0;
-    if (waiting_for_handler_ != 0) handler_done_.notify_all();
+    run_handler(lock, id, [&] {
+      Response one;
+      handler(context, mtype, payload, length, &one.data, &one.length);
+      // One answer is all that a synchronous request takes.
+      if (response.data == nullptr) std::swap(response, one);
+      std::free(one.data);
+      if (!original.empty()) std::memcpy(payload, original.data(), original.size());
+    });
     id = registration_after_locked(owner, topic, id);
   }
   return response;
 }
+
+// --- The link ---
+
+// Nobody is told who registers from now on: a handler that registers its name anew each time would never see the end.
+void Consumer::tell_all(Class& owner, uint32_t event, uint64_t generation) {
+  std::unique_lock lock(mutex_);
+  const uint64_t end = next_registration_;
+  auto next = owner.started.begin();
+  while (owner.link_handler != nullptr && next != owner.started.end() && *next < end) {
+    const uint64_t id = *next;
+    tell_one(lock, id, event, generation);
+    next = owner.started.upper_bound(id);
+  }
+}
+
+// What is asked for meanwhile waits for the next turn: messages come in between.
+void Consumer::tell_due(Class& owner, uint64_t generation) {
+  std::unique_lock lock(mutex_);
+  const uint64_t now = clock_now_ns();
+  while (!owner.renewals.empty() && owner.renewals.begin()->first <= now) {
+    tell_one(lock, owner.renewals.begin()->second, PCX_LINK_RENEWED, generation);
+  }
+  owner.link->call_at(owner.renewals.empty() ? 0 : owner.renewals.begin()->first);
+}
+
+void Consumer::tell_one(std::unique_lock<std::mutex>& lock, uint64_t id, uint32_t event,
+                        uint64_t generation) {
+  Registration& registration = registrations_.find(id)->second;
+  if (event == PCX_LINK_RENEWED) forget_renewal_locked(registration, id);
+  const pcx_link_handler handler = registration.owner->link_handler;
+  if (handler == nullptr) return;
+  char name[kMaxName + 1];  // stays when the handler withdraws the registration
+  name[registration.name.copy(name, kMaxName)] = '\0';
+  run_handler(lock, id, [&] { handler(handle_of(kRegistrationMark, id), name, event, generation); });
+}
+
+void Consumer::forget_renewal_locked(Registration& registration, uint64_t id) {
+  if (registration.renew_at_ns != 0) registration.owner->renewals.erase({registration.renew_at_ns, id});
+  registration.renew_at_ns = 0;
+}
+
+uint32_t Consumer::renew_later(void* handle, uint32_t delay_ms) {
+  std::lock_guard lock(mutex_);
+  const uint64_t id = number_of(handle, kRegistrationMark);
+  const auto found = registrations_.find(id);
+  if (found == registrations_.end() || found->second.handler == nullptr) return EINVAL;
+  Registration& registration = found->second;
+  auto& renewals = registration.owner->renewals;
+  const uint64_t at_ns = clock_now_ns() + delay_ms * UINT64_C(1000000);
+  const auto entry = renewals.emplace(at_ns, id).first;
+  if (registration.renew_at_ns != at_ns) forget_renewal_locked(registration, id);
+  registration.renew_at_ns = at_ns;
+  if (entry == renewals.begin()) registration.owner->link->call_at(at_ns);
+  return 0;
+}
+
+uint32_t Consumer::set_link_handler(uint32_t class_handle, pcx_link_handler handler) {
+  std::lock_guard lock(mutex_);
+  Class* owner = class_locked(class_handle);
+  if (owner == nullptr) return EINVAL;
+  owner->link_handler = handler;
+  return 0;
+}
+
+// --- Producers ---
 
 uint32_t Consumer::ask_for_name(Class& owner, std::string_view name) {
   constexpr size_t kRoomForAll = 1 << 20;
@@ -186,6 +268,12 @@ uint32_t Consumer::lookup(uint32_t class_handle, std::string_view name, void** a
   // The producer of a class answers for all its names, so an address need say no more than the class.
   if (status == 0) *address = handle_of(kAddressMark, class_handle);
   return status;
+}
+
+Link* Consumer::link_of_class(uint32_t class_handle) {
+  std::lock_guard lock(mutex_);
+  Class* owner = class_locked(class_handle);
+  return owner != nullptr ? owner->link.get() : nullptr;
 }
 
 Link* Consumer::link_of(void* handle, bool registrations_only) {

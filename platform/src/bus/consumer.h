@@ -11,10 +11,12 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "bus/known_names.h"
@@ -37,6 +39,10 @@ class Consumer {
   uint32_t lookup(uint32_t class_handle, std::string_view name, void** address);
   // The link behind a registration or an address, null when the handle is neither.
   Link* link_of(void* handle, bool registrations_only);
+  // The link of a class, null for an unknown one.
+  Link* link_of_class(uint32_t class_handle);
+  uint32_t set_link_handler(uint32_t class_handle, pcx_link_handler handler);
+  uint32_t renew_later(void* handle, uint32_t delay_ms);
 
  private:
   struct Class;
@@ -49,6 +55,7 @@ class Consumer {
     std::string name;
     uint64_t context = 0;
     pcx_handler handler = nullptr;  // null until it is started
+    uint64_t renew_at_ns = 0;       // 0: not asked for
   };
   // A class hears what arrives for it; classes live as long as the process.
   struct Class final : Receiver {
@@ -57,11 +64,17 @@ class Consumer {
     Response deliver(uint64_t topic, uint32_t mtype, void* payload, uint32_t length) override {
       return home.deliver(*this, topic, mtype, payload, length);
     }
+    void link_up(uint64_t generation) override { home.tell_all(*this, PCX_LINK_RENEWED, generation); }
+    void link_down(uint64_t generation) override { home.tell_all(*this, PCX_LINK_LOST, generation); }
+    void time_come(uint64_t generation) override { home.tell_due(*this, generation); }
     Consumer& home;
     const uint32_t handle;
     const std::string name;
     std::unordered_map<uint64_t, Topic> topics;
     std::unordered_map<std::string, uint64_t> topic_of_name;
+    std::set<uint64_t> started;                        // registrations
+    std::set<std::pair<uint64_t, uint64_t>> renewals;  // when, and for which registration
+    pcx_link_handler link_handler = nullptr;
     KnownNames known_names;
     const std::unique_ptr<Link> link;
   };
@@ -71,7 +84,15 @@ class Consumer {
   void join_topic_locked(Registration& registration, uint64_t id);
   void leave_topic_locked(const Registration& registration, uint64_t id);
   static uint64_t registration_after_locked(const Class& owner, uint64_t topic, uint64_t id);
+  static void forget_renewal_locked(Registration& registration, uint64_t id);
+
+  // Delivery thread.
   Response deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length);
+  void tell_all(Class& owner, uint32_t event, uint64_t generation);
+  void tell_due(Class& owner, uint64_t generation);
+  void tell_one(std::unique_lock<std::mutex>& lock, uint64_t id, uint32_t event, uint64_t generation);
+  template <typename Call>
+  void run_handler(std::unique_lock<std::mutex>& lock, uint64_t id, Call call);
 
   std::mutex mutex_;
   std::condition_variable handler_done_;

@@ -13,6 +13,17 @@
 
 namespace es_platform::bus {
 
+namespace {
+
+// For poll(): rounded up, so that it never ends early.
+int timeout_ms(uint64_t now_ns, uint64_t until_ns) {
+  if (until_ns == UINT64_MAX) return -1;
+  if (until_ns <= now_ns) return 0;
+  return static_cast<int>(std::min<uint64_t>((until_ns - now_ns + 999999) / 1000000, INT32_MAX));
+}
+
+}  // namespace
+
 void start_quiet_thread(void* (*run)(void*), void* argument, pthread_t* thread) {
   sigset_t all, before;
   sigfillset(&all);
@@ -68,19 +79,17 @@ void Dispatcher::serve_once(std::vector<UnixEvents*>* served) {
   }
   std::vector<pollfd> waits;
   waits.push_back({wake_.get(), POLLIN, 0});
-  int timeout = -1;
-  for (UnixEvents* events : *served) {
-    int limit = -1;
-    waits.push_back(events->prepare(&limit));
-    if (limit >= 0 && (timeout < 0 || limit < timeout)) timeout = limit;
-  }
-  if (poll(waits.data(), waits.size(), timeout) <= 0) return;
+  const uint64_t began_ns = clock_now_ns();
+  uint64_t until_ns = UINT64_MAX;
+  for (UnixEvents* events : *served) waits.push_back(events->prepare(began_ns, &until_ns));
+  if (poll(waits.data(), waits.size(), timeout_ms(began_ns, until_ns)) < 0) return;
+  const uint64_t now_ns = clock_now_ns();
   if (waits[0].revents != 0) {
     uint64_t count;
     [[maybe_unused]] const ssize_t drained = read(wake_.get(), &count, sizeof count);
   }
   for (size_t i = 0; i < served->size(); ++i) {
-    if (waits[i + 1].revents != 0) (*served)[i]->serve(waits[i + 1].revents);
+    (*served)[i]->serve(waits[i + 1].revents, began_ns, now_ns);
   }
 }
 

@@ -24,6 +24,7 @@ enum class FrameKind : uint8_t {
   push,         // tag: topic; word: message type
   sync,         // tag: topic; order: number of the synchronous request
   response,     // order: the request's number
+  beat,         // still here; the consumer answers each with one
 };
 
 struct FrameHeader {
@@ -90,6 +91,7 @@ inline uint32_t frame_limit(FrameKind kind) {
     case FrameKind::ping:
     case FrameKind::unsubscribe:
     case FrameKind::mark:
+    case FrameKind::beat:
       return 0;
   }
   return 0;

@@ -78,6 +78,34 @@ uint32_t pcx_unregister(void* reg_handle) {
   return guarded([&] { return Consumer::instance().remove(reg_handle); });
 }
 
+uint32_t pcx_set_link_handler(uint32_t class_handle, pcx_link_handler handler) {
+  return guarded([&] { return Consumer::instance().set_link_handler(class_handle, handler); });
+}
+
+uint64_t pcx_generation(uint32_t class_handle) {
+  uint64_t generation = 0;
+  guarded([&]() -> uint32_t {
+    Link* link = Consumer::instance().link_of_class(class_handle);
+    if (link != nullptr) generation = link->generation(Deadline::in_ms(settings().deadline_ms));
+    return 0;
+  });
+  return generation;
+}
+
+uint32_t pcx_silence_ms(uint32_t class_handle) {
+  uint32_t silence_ms = UINT32_MAX;
+  guarded([&]() -> uint32_t {
+    const Link* link = Consumer::instance().link_of_class(class_handle);
+    if (link != nullptr) silence_ms = link->silence_ms();
+    return 0;
+  });
+  return silence_ms;
+}
+
+uint32_t pcx_renew_later(void* reg_handle, uint32_t delay_ms) {
+  return guarded([&] { return Consumer::instance().renew_later(reg_handle, delay_ms); });
+}
+
 uint32_t pcx_query_producer(void* reg_handle) {
   return guarded([&]() -> uint32_t {
     Link* link = Consumer::instance().link_of(reg_handle, true);

@@ -15,6 +15,9 @@ constexpr uint32_t kMaxDeadlineMs = 3600000;
 constexpr uint32_t kOptimumSize = 512 << 10;
 constexpr uint32_t kMinOptimumSize = 160;
 constexpr uint32_t kMaxOptimumSize = 16 << 20;
+constexpr uint32_t kBeatMs = 1000;
+constexpr uint32_t kMinBeatMs = 10;
+constexpr uint32_t kMaxBeatMs = 3600000;
 
 }  // namespace
 
@@ -35,6 +38,7 @@ const Settings& settings() {
   static const Settings read = {
       number_from_environment("ES_PCX_DEADLINE_MS", 1, kMaxDeadlineMs, kDeadlineMs),
       number_from_environment("ES_PCX_OPTIMUM_SIZE", kMinOptimumSize, kMaxOptimumSize, kOptimumSize),
+      number_from_environment("ES_PCX_BEAT_MS", kMinBeatMs, kMaxBeatMs, kBeatMs),
   };
   return read;
 }

@@ -10,9 +10,14 @@ namespace es_platform::bus {
 struct Settings {
   uint32_t deadline_ms;   // ES_PCX_DEADLINE_MS
   uint32_t optimum_size;  // ES_PCX_OPTIMUM_SIZE
+  uint32_t beat_ms;       // ES_PCX_BEAT_MS: how often an end lets the other hear from it
 };
 
 const Settings& settings();
+
+inline uint64_t beat_ns() { return settings().beat_ms * UINT64_C(1000000); }
+// Who has not been heard for so long is taken to be gone.
+inline uint64_t silence_limit_ns() { return 3 * beat_ns(); }
 
 // A decimal number from the environment within [lowest, highest], else `otherwise` (with a log line when it
 // is set).

@@ -33,6 +33,12 @@ class Receiver {
   // `payload` is aligned to 8, may be written to, and is null when `length` is 0. The response is the
   // caller's to free.
   virtual Response deliver(uint64_t topic, uint32_t mtype, void* payload, uint32_t length) = 0;
+  // The producer has been heard on the connection of that number (1 and up, higher each time), and what it brings comes
+  // next. Then: it has ended, all that it brought has been delivered, and something may have been missed.
+  virtual void link_up(uint64_t generation) = 0;
+  virtual void link_down(uint64_t generation) = 0;
+  // The time of Link::call_at() has come. Only between link_up() and link_down().
+  virtual void time_come(uint64_t generation) = 0;
 };
 
 // A consumer's link to the producer of one class, there or not. Any thread.
@@ -56,6 +62,12 @@ class Link {
   // Between the two, changes may wait, to go out together. May be nested, and on several threads.
   virtual void hold_changes() noexcept = 0;
   virtual void send_changes() noexcept = 0;
+  // The number of the connection on which all changes are, or are on their way; 0 when there is none.
+  virtual uint64_t generation(Deadline deadline) = 0;
+  // Since the receipt of what was handled last; UINT32_MAX when the link is not up.
+  virtual uint32_t silence_ms() const noexcept = 0;
+  // When the receiver is to be called, by clock_now_ns(); 0: not at all. Replaces the time before.
+  virtual void call_at(uint64_t at_ns) noexcept = 0;
 };
 
 // --- Producer's side ---

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "bus/dispatcher.h"
+#include "bus/settings.h"
 #include "bus/unix_requests.h"
 #include "es_platform/pcx.h"
 #include "log.h"
@@ -31,6 +32,7 @@ namespace {
 constexpr size_t kReadBuffer = 256 << 10;
 constexpr size_t kMaxUnsent =
     2 * size_t{kMaxMessage};  // changes and responses waiting for the producer to read
+constexpr FrameKinds kKinds = frame_kinds(FrameKind::push, FrameKind::sync, FrameKind::beat);
 constexpr uint64_t kMillisecond = 1000000;
 constexpr uint64_t kFirstBackoff = 10 * kMillisecond;
 constexpr uint64_t kLongestBackoff = 500 * kMillisecond;
@@ -110,6 +112,24 @@ bool UnixEvents::answered(const Standing& standing) {
   return true;
 }
 
+uint64_t UnixEvents::generation(const Deadline& deadline) {
+  settle(deadline);
+  std::lock_guard lock(mutex_);
+  return current_ != nullptr && !hung_up(current_->get()) ? connections_ : 0;
+}
+
+uint32_t UnixEvents::silence_ms() const noexcept {
+  const uint64_t in_step_ns = in_step_ns_.load(std::memory_order_acquire);
+  if (in_step_ns == 0) return UINT32_MAX;
+  return static_cast<uint32_t>(std::min<uint64_t>((clock_now_ns() - in_step_ns) / kMillisecond, UINT32_MAX));
+}
+
+void UnixEvents::call_at(uint64_t at_ns) noexcept {
+  std::lock_guard lock(mutex_);
+  call_at_ns_ = at_ns;
+  Dispatcher::instance().wake();
+}
+
 // --- The connection ---
 
 // Replaces whatever connection there was. A failure is no more than that: the delivery thread tries again.
@@ -165,59 +185,74 @@ uint64_t UnixEvents::next_delay_ns() {
 
 // --- Delivery thread ---
 
-pollfd UnixEvents::prepare(int* timeout_ms) {
+pollfd UnixEvents::prepare(uint64_t now_ns, uint64_t* until_ns) {
   std::lock_guard lock(mutex_);
   if (reader_ == nullptr) {
-    const uint64_t now = clock_now_ns();
-    if (current_ == nullptr && !topics_.empty() && now >= retry_at_ns_ && !connect_locked()) {
-      retry_at_ns_ = now + next_delay_ns();
+    if (current_ == nullptr && !topics_.empty() && now_ns >= retry_at_ns_ && !connect_locked()) {
+      retry_at_ns_ = now_ns + next_delay_ns();
     }
     reader_ = current_;
-    opened_at_ns_ = now;
-    if (reader_ == nullptr && !topics_.empty()) {
-      *timeout_ms = now >= retry_at_ns_ ? 0 : static_cast<int>((retry_at_ns_ - now) / kMillisecond) + 1;
-    }
+    reader_number_ = connections_;
+    opened_at_ns_ = now_ns;
+    silent_ns_ = 0;
+    if (reader_ == nullptr && !topics_.empty()) *until_ns = std::min(*until_ns, retry_at_ns_);
   }
   if (reader_ == nullptr) return {-1, 0, 0};
+  due_ns_ = heard_ && call_at_ns_ != 0 ? call_at_ns_ : UINT64_MAX;
+  if (heard_) *until_ns = std::min({*until_ns, due_ns_, now_ns + silence_limit_ns() - silent_ns_});
   const bool writes = reader_ == current_ && !out_.empty();
   return {reader_->get(), static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN), 0};
 }
 
-void UnixEvents::serve(short revents) {
+void UnixEvents::serve(short revents, uint64_t began_ns, uint64_t now_ns) {
   if ((revents & POLLOUT) != 0) {
     std::lock_guard lock(mutex_);
     if (reader_ == current_) flush_locked();
   }
-  if ((revents & (POLLIN | POLLHUP | POLLERR)) != 0) read_some();
+  if ((revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+    read_some(now_ns);
+  } else if (heard_ && (silent_ns_ += now_ns - began_ns) >= silence_limit_ns()) {
+    log_line("%s: nothing heard from the producer for %u ms; event connection closed",
+             address_.socket.c_str(), static_cast<unsigned>(silent_ns_ / kMillisecond));
+    close_reader();
+  }
+  if (heard_ && now_ns >= due_ns_) receiver_.time_come(reader_number_);
 }
 
 // Without memory a message cannot be delivered, and none may be missed: the connection ends.
-void UnixEvents::read_some() {
+void UnixEvents::read_some(uint64_t now_ns) {
   try {
-    if (!receive_and_deliver()) close_reader();
+    if (!receive_and_deliver(now_ns)) close_reader();
   } catch (const std::bad_alloc&) {
     log_line("%s: out of memory; event connection closed", address_.socket.c_str());
     close_reader();
   }
 }
 
-bool UnixEvents::receive_and_deliver() {
+bool UnixEvents::receive_and_deliver(uint64_t now_ns) {
   const std::span<char> room = in_.room();
   const ssize_t bytes = recv(reader_->get(), room.data(), room.size(), MSG_DONTWAIT);
   if (bytes < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
   if (bytes <= 0) return false;
   in_.received(static_cast<size_t>(bytes));
-  return handle_frames();
+  silent_ns_ = 0;
+  if (!std::exchange(heard_, true)) receiver_.link_up(reader_number_);
+  return handle_frames(now_ns);
 }
 
-bool UnixEvents::handle_frames() {
+bool UnixEvents::handle_frames(uint64_t now_ns) {
   FrameHeader header;
   char* payload = nullptr;
   const char* why = nullptr;
   for (;;) {
-    switch (in_.next(frame_kinds(FrameKind::push, FrameKind::sync), &header, &payload, &why)) {
+    switch (in_.next(kKinds, &header, &payload, &why)) {
       case InBuffer::Step::frame:
-        deliver(header, payload);
+        if (header.kind == FrameKind::beat) {
+          send_back(make_frame(FrameKind::beat, 0), nullptr);
+        } else {
+          deliver(header, payload);
+        }
+        in_step_ns_.store(now_ns, std::memory_order_release);
         break;
       case InBuffer::Step::more:
         return true;
@@ -243,22 +278,29 @@ void UnixEvents::deliver(const FrameHeader& header, char* payload) {
   std::free(response.data);
 }
 
-// A response belongs to the connection that asked; when that one is lost nobody waits for it any more.
 void UnixEvents::respond(uint64_t number, const Response& response) {
-  std::lock_guard lock(mutex_);
-  if (reader_ != current_) return;
   const uint32_t length = response.data != nullptr && response.length <= kMaxMessage ? response.length : 0;
-  append_change_locked(make_frame(FrameKind::response, length, 0, 0, number), response.data);
+  send_back(make_frame(FrameKind::response, length, 0, 0, number), response.data);
+}
+
+// An answer belongs to the connection that asked; when that one is lost nobody waits for it any more.
+void UnixEvents::send_back(const FrameHeader& header, const void* payload) {
+  std::lock_guard lock(mutex_);
+  if (reader_ == current_) append_change_locked(header, payload);
 }
 
 void UnixEvents::close_reader() {
-  std::lock_guard lock(mutex_);
-  if (reader_ == current_) lose_locked();
-  reader_ = nullptr;
-  in_ = InBuffer(kReadBuffer);
-  const uint64_t now = clock_now_ns();
-  if (now - opened_at_ns_ > kLongestBackoff) backoff_ns_ = 0;
-  retry_at_ns_ = now + next_delay_ns();
+  {
+    std::lock_guard lock(mutex_);
+    if (reader_ == current_) lose_locked();
+    reader_ = nullptr;
+    in_ = InBuffer(kReadBuffer);
+    const uint64_t now = clock_now_ns();
+    if (now - opened_at_ns_ > kLongestBackoff) backoff_ns_ = 0;
+    retry_at_ns_ = now + next_delay_ns();
+  }
+  in_step_ns_.store(0, std::memory_order_release);
+  if (std::exchange(heard_, false)) receiver_.link_down(reader_number_);
 }
 
 }  // namespace es_platform::bus

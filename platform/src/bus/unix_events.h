@@ -9,11 +9,17 @@
 // number of the last change made before it; the producer answers a read when it has seen that change. So a
 // read can never overtake the registration before it, although they travel on different connections and
 // registering never waits.
+//
+// Silence. A producer that hangs, or is held up, keeps its connections, so it has to let itself be heard. Only time in
+// which the delivery thread waits counts as silence: what came while a handler ran has not been looked at yet. A
+// connection on which nothing has come so far is not given up: a new one would only queue up behind it at the
+// producer's listener. Nor is the receiver told of it before something has: nothing read from there would be answered.
 #ifndef ES_PLATFORM_SRC_BUS_UNIX_EVENTS_H_
 #define ES_PLATFORM_SRC_BUS_UNIX_EVENTS_H_
 
 #include <poll.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -49,13 +55,16 @@ class UnixEvents {
   // renewed ones. False when they have been made again already, as new ones: to the producer nobody has read behind
   // those, so the request has to go out once more.
   bool answered(const Standing& standing);
+  uint64_t generation(const Deadline& deadline);
+  uint32_t silence_ms() const noexcept;
+  void call_at(uint64_t at_ns) noexcept;
 
   // --- Delivery thread only ---
 
-  // What to wait for, and at most how long in ms (-1: no limit). fd -1 when there is no connection.
-  pollfd prepare(int* timeout_ms);
-  // Serves what poll() reported.
-  void serve(short revents);
+  // What to wait for; fd -1 when there is no connection. Lowers *until_ns to the time at which to look again.
+  pollfd prepare(uint64_t now_ns, uint64_t* until_ns);
+  // Serves what poll() reported, perhaps nothing, and what the waiting for it, from began_ns to now_ns, has made due.
+  void serve(short revents, uint64_t began_ns, uint64_t now_ns);
 
  private:
   using Connection = std::shared_ptr<Fd>;
@@ -67,11 +76,12 @@ class UnixEvents {
   void lose_locked();
   uint64_t next_delay_ns();
 
-  void read_some();
-  bool receive_and_deliver();
-  bool handle_frames();
+  void read_some(uint64_t now_ns);
+  bool receive_and_deliver(uint64_t now_ns);
+  bool handle_frames(uint64_t now_ns);
   void deliver(const FrameHeader& header, char* payload);
   void respond(uint64_t number, const Response& response);
+  void send_back(const FrameHeader& header, const void* payload);
   void close_reader();
 
   const UnixAddress& address_;
@@ -91,8 +101,17 @@ class UnixEvents {
   OutQueue out_;                 // waits for current_
   uint32_t holders_ = 0;         // of changes: those that wait for send_changes() are sent by a read, too
 
+  uint64_t call_at_ns_ = 0;
+
+  std::atomic<uint64_t> in_step_ns_{
+      0};  // receipt of what reader_ has brought last and is handled; 0: nothing
+
   // Delivery thread only.
-  Connection reader_;  // being read; may be an older one than current_
+  Connection reader_;             // being read; may be an older one than current_
+  uint64_t reader_number_ = 0;    // what connections_ was when it was made
+  bool heard_ = false;            // something has come over it, and the receiver knows of it
+  uint64_t silent_ns_ = 0;        // waited for it since something came
+  uint64_t due_ns_ = UINT64_MAX;  // when to call the receiver
   InBuffer in_;
   uint64_t opened_at_ns_ = 0, retry_at_ns_ = 0, backoff_ns_ = 0;
   std::minstd_rand random_;

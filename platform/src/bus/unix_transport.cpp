@@ -45,6 +45,9 @@ class UnixLink final : public Link {
   void unsubscribe(uint64_t topic) noexcept override { events_.unsubscribe(topic); }
   void hold_changes() noexcept override { events_.hold_changes(); }
   void send_changes() noexcept override { events_.send_changes(); }
+  uint64_t generation(Deadline deadline) override { return events_.generation(deadline); }
+  uint32_t silence_ms() const noexcept override { return events_.silence_ms(); }
+  void call_at(uint64_t at_ns) noexcept override { events_.call_at(at_ns); }
 
  private:
   const UnixAddress address_;
