@@ -83,8 +83,11 @@ struct RawConsumer : Socket {
   }
   bool ended() const {
     pollfd wait = {fd, POLLIN, 0};
-    char byte;
-    return poll(&wait, 1, 5000) == 1 && recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
+    char beats[1000];
+    while (poll(&wait, 1, 5000) == 1) {
+      if (recv(fd, beats, sizeof beats, MSG_DONTWAIT) <= 0) return true;
+    }
+    return false;
   }
   uint32_t answer_length() const {
     Header answer;

@@ -9,20 +9,10 @@
 #include <algorithm>
 #include <new>
 
+#include "bus/deadline.h"
 #include "bus/unix_events.h"
 
 namespace es_platform::bus {
-
-namespace {
-
-// For poll(): rounded up, so that it never ends early.
-int timeout_ms(uint64_t now_ns, uint64_t until_ns) {
-  if (until_ns == UINT64_MAX) return -1;
-  if (until_ns <= now_ns) return 0;
-  return static_cast<int>(std::min<uint64_t>((until_ns - now_ns + 999999) / 1000000, INT32_MAX));
-}
-
-}  // namespace
 
 void start_quiet_thread(void* (*run)(void*), void* argument, pthread_t* thread) {
   sigset_t all, before;
@@ -82,7 +72,8 @@ void Dispatcher::serve_once(std::vector<UnixEvents*>* served) {
   const uint64_t began_ns = clock_now_ns();
   uint64_t until_ns = UINT64_MAX;
   for (UnixEvents* events : *served) waits.push_back(events->prepare(began_ns, &until_ns));
-  if (poll(waits.data(), waits.size(), timeout_ms(began_ns, until_ns)) < 0) return;
+  const int timeout_ms = until_ns != UINT64_MAX ? ms_between(began_ns, until_ns) : -1;
+  if (poll(waits.data(), waits.size(), timeout_ms) < 0) return;
   const uint64_t now_ns = clock_now_ns();
   if (waits[0].revents != 0) {
     uint64_t count;

@@ -18,10 +18,10 @@ class EventSet {
   bool add(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_ADD, fd, id, events); }
   bool change(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_MOD, fd, id, events); }
 
-  // Waits without limit. The number of events, or -1.
+  // The number of events, or -1.
   template <int kMost>
-  int wait(epoll_event (&events)[kMost]) const {
-    return epoll_wait(set_.get(), events, kMost, -1);
+  int wait(epoll_event (&events)[kMost], int timeout_ms) const {
+    return epoll_wait(set_.get(), events, kMost, timeout_ms);
   }
 
  private:

@@ -47,6 +47,7 @@ struct UnixConnection {
   char* parked_payload = nullptr;
   // Event connections.
   std::unique_ptr<UnixSink> sink{};
+  uint32_t unanswered_beats = 0;
 };
 
 class UnixConnections {
@@ -65,6 +66,14 @@ class UnixConnections {
   UnixConnection* find(uint64_t id) const;
   // The hello has come: the connection gets its peer, and its sink when it is for events.
   void join(UnixConnection& connection, const Hello& hello);
+
+  // Calls for each event connection; none may be closed meanwhile.
+  template <typename Call>
+  void each_for_events(Call call) const {
+    for (const auto& [key, peer] : peers_) {
+      if (peer->events != nullptr) call(*peer->events);
+    }
+  }
 
   // These may close the connection, close() does, and then return false: it is gone.
   bool set_interest(UnixConnection& connection, uint32_t events);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "bus/dispatcher.h"
+#include "bus/settings.h"
 
 namespace es_platform::bus {
 
@@ -14,10 +15,11 @@ namespace {
 constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstConnectionId = 2;
 constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back after use
 constexpr int kEventsAtOnce = 64;
+constexpr uint32_t kMissedBeats = 3;
 
 constexpr FrameKinds kRequestKinds = frame_kinds(FrameKind::read, FrameKind::lookup, FrameKind::ping);
-constexpr FrameKinds kEventKinds =
-    frame_kinds(FrameKind::subscribe, FrameKind::unsubscribe, FrameKind::mark, FrameKind::response);
+constexpr FrameKinds kEventKinds = frame_kinds(FrameKind::subscribe, FrameKind::unsubscribe, FrameKind::mark,
+                                               FrameKind::response, FrameKind::beat);
 
 FrameKinds accepted_on(const UnixConnection& connection) {
   if (connection.peer == nullptr) return frame_kinds(FrameKind::hello);
@@ -69,8 +71,9 @@ uint32_t UnixServer::open(std::string* why) {
 void UnixServer::run() {
   pthread_setname_np(pthread_self(), "pcx-service");
   epoll_event events[kEventsAtOnce];
+  Deadline next_beat = Deadline::in_ms(settings().beat_ms);
   while (!stopping_.load()) {
-    const int count = event_set_.wait(events);
+    const int count = event_set_.wait(events, next_beat.left_ms());
     for (int i = 0; i < count && !stopping_.load(); ++i) {
       try {
         serve_event(events[i]);
@@ -80,6 +83,9 @@ void UnixServer::run() {
         if (connection != nullptr) connections_.close(*connection);
       }
     }
+    if (next_beat.left_ms() != 0) continue;
+    next_beat = Deadline::in_ms(settings().beat_ms);
+    beat_all();
   }
 }
 
@@ -158,6 +164,8 @@ bool UnixServer::handle(UnixConnection& connection, const FrameHeader& header, c
     case FrameKind::unsubscribe:
     case FrameKind::mark:
       return handle_change(*peer, header, payload), true;
+    case FrameKind::beat:
+      return answered_beat(connection), true;
     case FrameKind::response:
       return service_.response(peer->who, header.order, payload, header.length), true;
     default:
@@ -175,6 +183,7 @@ bool UnixServer::greet(UnixConnection& connection, const Hello& hello) {
   if (hello.role != Role::requests && hello.role != Role::events)
     return close_malformed(connection, "unknown role");
   connections_.join(connection, hello);
+  if (connection.sink != nullptr) connection.sink->beat();
   return true;
 }
 
@@ -269,6 +278,21 @@ bool UnixServer::flush_events(UnixConnection& connection) {
   }
   if (error != 0) return connections_.close(connection);
   return connections_.set_interest(connection, rest ? EPOLLIN | EPOLLOUT : EPOLLIN);
+}
+
+// A consumer that does not answer may be in a callback, which may take its time: that is said, and nothing done.
+void UnixServer::beat_all() {
+  connections_.each_for_events([&](UnixConnection& connection) {
+    if (connection.sink->beat() || connection.unanswered_beats != 0) ++connection.unanswered_beats;
+    if (connection.unanswered_beats != kMissedBeats + 1) return;
+    log_.line("process %d has not answered for %u ms", static_cast<int>(connection.credentials.pid),
+              kMissedBeats * settings().beat_ms);
+  });
+}
+
+void UnixServer::answered_beat(UnixConnection& connection) {
+  if (std::exchange(connection.unanswered_beats, 0) > kMissedBeats)
+    log_.line("process %d answers again", static_cast<int>(connection.credentials.pid));
 }
 
 void UnixServer::flush_woken() {

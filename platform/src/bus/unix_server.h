@@ -35,6 +35,8 @@ class UnixServer final : public Server {
   void serve_event(const epoll_event& event);
   void accept_all();
   void flush_woken();
+  void beat_all();
+  void answered_beat(UnixConnection& connection);
 
   // These may close the connection, and then return false: it is gone.
   bool read_from(UnixConnection& connection);

@@ -86,13 +86,24 @@ uint32_t UnixSink::send(const FrameHeader& header, const void* payload) {
   if (error_ != 0) return ESRCH;
   if (queued_ != 0) pace_.crowd();
   const bool at_once = queued_ == 0 && pace_.is_calm() && header.length <= kLongestAtOnce;
-  error_ = at_once ? write_locked(header, payload) : append_locked(header, payload);
+  return done_locked(at_once ? write_locked(header, payload) : append_locked(header, payload)) ? 0 : ESRCH;
+}
+
+// A beat is no message: it says nothing about the pace.
+bool UnixSink::beat() {
+  std::lock_guard lock(mutex_);
+  if (error_ != 0 || queued_ != 0) return false;
+  return done_locked(write_locked(make_frame(FrameKind::beat, 0), nullptr));
+}
+
+bool UnixSink::done_locked(int error) {
+  error_ = error;
   if (error_ != 0) pending_.clear();
   if ((queued_ != 0 || error_ != 0) && !announced_) {
     wake_list_.add(connection_);
     announced_ = true;
   }
-  return error_ != 0 ? ESRCH : 0;
+  return error_ == 0;
 }
 
 int UnixSink::append_locked(const FrameHeader& header, const void* payload) try {

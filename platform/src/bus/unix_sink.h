@@ -60,12 +60,15 @@ class UnixSink final : public EventSink {
 
   // --- Service thread ---
 
+  // Lets the consumer hear from here. False when something is queued, which does so too, and when nothing can be.
+  bool beat();
   // Writes what the socket takes; *rest tells whether something is left. 0 or an errno value, here or when a
   // message was handed in; ENOBUFS when the queue has overflowed.
   int flush(bool* rest);
 
  private:
   uint32_t send(const FrameHeader& header, const void* payload);
+  bool done_locked(int error);
   int append_locked(const FrameHeader& header, const void* payload);
   int write_locked(const FrameHeader& header, const void* payload);
 
