@@ -84,9 +84,8 @@ struct RawConsumer : Socket {
   bool ended() const {
     pollfd wait = {fd, POLLIN, 0};
     char beats[1000];
-    while (poll(&wait, 1, 5000) == 1) {
+    while (poll(&wait, 1, 5000) == 1)
       if (recv(fd, beats, sizeof beats, MSG_DONTWAIT) <= 0) return true;
-    }
     return false;
   }
   uint32_t answer_length() const {
