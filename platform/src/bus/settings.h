@@ -15,9 +15,9 @@ struct Settings {
 
 const Settings& settings();
 
-inline uint64_t beat_ns() { return settings().beat_ms * UINT64_C(1000000); }
-// Who has not been heard for so long is taken to be gone.
-inline uint64_t silence_limit_ns() { return 3 * beat_ns(); }
+// Who has not been heard for so many beats is taken to be gone.
+inline constexpr uint32_t kMissedBeats = 3;
+inline uint32_t silence_limit_ms() { return kMissedBeats * settings().beat_ms; }
 
 // A decimal number from the environment within [lowest, highest], else `otherwise` (with a log line when it
 // is set).

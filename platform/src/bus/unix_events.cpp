@@ -37,6 +37,8 @@ constexpr uint64_t kMillisecond = 1000000;
 constexpr uint64_t kFirstBackoff = 10 * kMillisecond;
 constexpr uint64_t kLongestBackoff = 500 * kMillisecond;
 
+uint64_t silence_limit_ns() { return silence_limit_ms() * kMillisecond; }
+
 bool hung_up(int fd) {
   pollfd poll_fd = {fd, 0, 0};
   return poll(&poll_fd, 1, 0) > 0;

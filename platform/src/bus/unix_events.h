@@ -101,10 +101,10 @@ class UnixEvents {
   OutQueue out_;                 // waits for current_
   uint32_t holders_ = 0;         // of changes: those that wait for send_changes() are sent by a read, too
 
-  uint64_t call_at_ns_ = 0;
+  uint64_t call_at_ns_ = 0;  // when the receiver wants to be called, 0: never
 
-  std::atomic<uint64_t> in_step_ns_{
-      0};  // receipt of what reader_ has brought last and is handled; 0: nothing
+  // When that was received which has been handled last of reader_; 0 when nothing has.
+  std::atomic<uint64_t> in_step_ns_{0};
 
   // Delivery thread only.
   Connection reader_;             // being read; may be an older one than current_

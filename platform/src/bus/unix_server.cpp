@@ -15,7 +15,6 @@ namespace {
 constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstConnectionId = 2;
 constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back after use
 constexpr int kEventsAtOnce = 64;
-constexpr uint32_t kMissedBeats = 3;
 
 constexpr FrameKinds kRequestKinds = frame_kinds(FrameKind::read, FrameKind::lookup, FrameKind::ping);
 constexpr FrameKinds kEventKinds = frame_kinds(FrameKind::subscribe, FrameKind::unsubscribe, FrameKind::mark,
@@ -286,7 +285,7 @@ void UnixServer::beat_all() {
     if (connection.sink->beat() || connection.unanswered_beats != 0) ++connection.unanswered_beats;
     if (connection.unanswered_beats != kMissedBeats + 1) return;
     log_.line("process %d has not answered for %u ms", static_cast<int>(connection.credentials.pid),
-              kMissedBeats * settings().beat_ms);
+              silence_limit_ms());
   });
 }
 
