@@ -68,6 +68,7 @@ TEST_F(BusLink, OverflowIsALoss) {
     EXPECT_TRUE(eventually([&] { return pcx_generation(of) == 2; }));
     add("message");
   };
+  ASSERT_TRUE(producer.has_consumers("n", 1));
   EXPECT_EQ(producer.push("n", "first"), 1U);
   ASSERT_TRUE(eventually([&] { return inside.load(); }));
   for (int sent = 0; producer.push("n", std::string(60000, 'b')) == 1;) ASSERT_LT(++sent, 1000);
