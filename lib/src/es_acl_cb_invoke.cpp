@@ -15,26 +15,6 @@ namespace {
 bool is_failure(uint32_t result) { return result != 0; }
 bool is_yes(uint32_t answer) { return answer == 1; }
 
-// Calls `call` for each entry until a result is decisive. Returns the last result, 0 when nothing was called.
-template <typename Function, typename Call>
-uint32_t walk(list_registry* registry, bool (*decisive)(uint32_t), Call call) {
-  uint32_t result = 0;
-  list_registry_function function = nullptr;
-  void* context = nullptr;
-  list_registry_cursor* cursor = list_registry_first(registry, &function, &context);
-  while (cursor != nullptr) {
-    if (function != nullptr) {
-      result = call(reinterpret_cast<Function>(function), context);
-      if (decisive(result)) {
-        list_registry_end(cursor);
-        break;
-      }
-    }
-    cursor = list_registry_next(cursor, &function, &context);
-  }
-  return result;
-}
-
 // Entry line and argument check of the two operations that show a batch. False: *status is the answer already.
 bool may_show_batch(const char* operation, const es_acl_head* acl, const list_registry* registry,
                     es_acl_status* status) {

@@ -24,6 +24,27 @@ class CallbackRegistry {
   std::mutex creation_;
 };
 
+// Calls `call` for each entry until a result is decisive. Returns the last result, 0 when nothing was called. No lock is
+// held.
+template <typename Function, typename Call>
+uint32_t walk(list_registry* registry, bool (*decisive)(uint32_t), Call call) {
+  uint32_t result = 0;
+  list_registry_function function = nullptr;
+  void* context = nullptr;
+  list_registry_cursor* cursor = list_registry_first(registry, &function, &context);
+  while (cursor != nullptr) {
+    if (function != nullptr) {
+      result = call(reinterpret_cast<Function>(function), context);
+      if (decisive(result)) {
+        list_registry_end(cursor);
+        break;
+      }
+    }
+    cursor = list_registry_next(cursor, &function, &context);
+  }
+  return result;
+}
+
 extern constinit CallbackRegistry es_acl_update_notify;
 extern constinit CallbackRegistry es_acl_reseq_notify;
 extern constinit CallbackRegistry es_acl_res_check_notify;

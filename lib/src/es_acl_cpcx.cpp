@@ -15,6 +15,7 @@
 #include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
+#include "es_acl_sync_private.h"
 
 namespace es_acl {
 
@@ -82,6 +83,7 @@ void renumber(es_acl_head* head, const acl_pcx_reseq& record) {
   if (rc != 0) {
     DBG_ERR("%s: Error es_acl_resequence fail %s", kHandler, errcode_string(rc));
     trace(kHandler, "resequence failed", rc);
+    sync_diverged(head);
     return;
   }
   rc =
@@ -129,6 +131,7 @@ void update(uint32_t command, const Message& message, const AclUse& use) {
     DBG_ERR("%s: es_acl_cpcx_pcx_update_ace failed for ACL: %s Seq: %u", kHandler, records->acl_name,
             first_seq);
     trace_name(kHandler, "update failed", records->acl_name, rc, first_seq);
+    if (head != nullptr && !use.leaving()) sync_diverged(head);
     return;
   }
   if (command == ACL_PCX_ADD_ACE && changed != 1) {
@@ -182,8 +185,13 @@ void print_event(const Message& message) {
              MessageName(message).text, static_cast<int>(message.word(0)));
 }
 
-void apply_change(const Message& message, const AclUse& use) {
+void apply_change(const Message& message, const MessageName& name, const AclUse& use) {
   print_event(message);
+  if (!sync_takes_pushes(name.text)) {
+    DBG_DETAIL("%s: acl %s is behind and will be read anew, its change is dropped", kHandler, name.text);
+    trace_name(kHandler, "change dropped", name.text, message.length);
+    return;
+  }
   const uint32_t command = es_acl_wire_32(message.word(0));
   if (command == ACL_PCX_RESEQ)
     resequence(message, use);
@@ -195,7 +203,7 @@ void apply_change(const Message& message, const AclUse& use) {
 void receive_change(const Message& message) {
   const MessageName name(message);
   const AclUse use(name.text, message.bytes, message.length);
-  if (!use.kept()) return apply_change(message, use);
+  if (!use.kept()) return apply_change(message, name, use);
   DBG_DETAIL("%s: acl %s is being read, its change is kept", kHandler, name.text);
   trace_name(kHandler, "change kept", name.text, message.length);
 }
@@ -216,7 +224,8 @@ void receive_write(const Message& message) {
 
 void apply_kept_message(void* payload, uint32_t length) {
   const Message message = {payload, length};
-  apply_change(message, AclUse(MessageName(message).text));
+  const MessageName name(message);
+  apply_change(message, name, AclUse(name.text));
 }
 
 }  // namespace es_acl

@@ -44,13 +44,17 @@ class BulkRequest {
 
   // Sends what has been appended. Every attempt offers `room` bytes for the answer.
   uint32_t exchange(void* address, void* answer, uint32_t room, uint32_t* answer_length) {
+    return with_retries(is_bus_passing, [&] {
+      *answer_length = room;
+      return send(address, answer, answer_length);
+    });
+  }
+  // One attempt. *answer_length: the room in, the length out.
+  uint32_t send(void* address, void* answer, uint32_t* answer_length) {
     acl_pcx_bulk_req header = {command_, ES_ACL_PCX_VERSION, names_, 1};
     es_acl_wire_bulk_req_order(&header);
     std::memcpy(bytes_.get(), &header, sizeof header);
-    return with_retries(is_bus_passing, [&] {
-      *answer_length = room;
-      return pcx_read(address, bytes_.get(), length(), answer, answer_length);
-    });
+    return status_of(pcx_read(address, bytes_.get(), length(), answer, answer_length));
   }
 
  private:

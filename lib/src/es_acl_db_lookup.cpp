@@ -12,6 +12,7 @@
 #include "es_acl_cb_private.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
+#include "es_acl_sync_private.h"
 #include "es_db_private.h"
 #include "es_platform/list_registry.h"
 #include "es_platform/pcx.h"
@@ -39,6 +40,7 @@ void remove_acl(es_acl_head* head) {
     trace(kRelease, "pcx_unregister failed", rc);
     count_error(kCountUnregisterFailed);
   }
+  sync_leave(head->name);
   es_acl_db_owner_release(head);
 }
 

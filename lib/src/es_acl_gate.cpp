@@ -1,5 +1,6 @@
 #include "es_acl_gate.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstddef>
@@ -117,6 +118,16 @@ AclUse::AclUse(const char* its_name, const void* message, uint32_t length) : Sta
     enter_locked();
 }
 
+AclUse::AclUse(const char* its_name, LinkEvent) : Stay(Kind::use, its_name) {
+  const std::lock_guard lock(gate_mutex);
+  auto* const fill = static_cast<AclFill*>(others_locked(*this, Kind::fill));
+  kept_ = fill != nullptr;
+  if (kept_)
+    fill->link_changed_ = true;
+  else
+    enter_locked();
+}
+
 AclUse::AclUse(const char* its_name, WhenGone) : Stay(Kind::use, its_name) {
   const std::lock_guard lock(gate_mutex);
   if (uses_of_this_thread == 0)
@@ -184,9 +195,22 @@ AclFill::~AclFill() {
     const std::lock_guard lock(gate_mutex);
     end_locked(this);
   }
-  while (Message* message = first_) {
-    first_ = message->next;
-    std::free(message);
+  forget();
+}
+
+void AclFill::forget() {
+  Message* message;
+  {
+    const std::lock_guard lock(gate_mutex);
+    message = first_;
+    first_ = nullptr;
+    end_ = &first_;
+    lost_ = false;
+  }
+  while (message != nullptr) {
+    Message* const done = message;
+    message = message->next;
+    std::free(done);
   }
 }
 
@@ -250,6 +274,11 @@ uint32_t AclFills::finish(void (*apply)(void* message, uint32_t length)) {
   uint32_t rc = 0;
   for (uint32_t i = 0; i < count_ && rc == 0; ++i) rc = fills_[i].finish(apply);
   return rc;
+}
+
+bool AclFills::link_changed() const {
+  return std::any_of(fills_.get(), fills_.get() + count_,
+                     [](const AclFill& fill) { return fill.link_changed(); });
 }
 
 // --- Teardowns ---

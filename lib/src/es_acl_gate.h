@@ -56,10 +56,13 @@ class AclUse : private Stay {
   // For a pushed change: when another thread fills the ACL, the message is kept aside for it. Waits for the fill's end
   // when that has been given too many already.
   AclUse(const char* name, const void* message, uint32_t length);
+  // For an event of the link to the producer: when another thread fills the ACL, that fill notes that there was one.
+  struct LinkEvent {};
+  AclUse(const char* name, LinkEvent);
   // Does a teardown that was left to this use.
   ~AclUse();
 
-  // The message has been kept for the filling thread: nothing is to be done with it here.
+  // The message, or the event, has been kept for the filling thread: nothing is to be done with it here.
   bool kept() const { return kept_; }
   // Whatever a lookup finds, the ACL is on its way out, or is another one already that a fill just begins.
   bool leaving() const { return Stay::leaving.load(std::memory_order_relaxed); }
@@ -96,6 +99,11 @@ class AclFill : private Stay {
   // kept, and then the ACL's list is not to be trusted.
   uint32_t finish(void (*apply)(void* message, uint32_t length));
 
+  // Drops what has been kept so far: it belongs to a list older than the one to be read now.
+  void forget();
+  // After the end: something has happened to the link meanwhile.
+  bool link_changed() const { return link_changed_; }
+
  private:
   friend class AclUse;
   struct Message;
@@ -108,6 +116,7 @@ class AclFill : private Stay {
   Message** end_ = &first_;
   bool lost_ = false;
   bool ending_ = false;
+  bool link_changed_ = false;
   uint32_t kept_at_end_ = 0;  // messages that came while others were applied
 };
 
@@ -126,6 +135,8 @@ class AclFills {
   void give_up_last(void (*apply)(void* message, uint32_t length));
   // Ends all of them, as AclFill::finish() does; at the first that fails it stops.
   uint32_t finish(void (*apply)(void* message, uint32_t length));
+  // After the end: something has happened to the link while one of them went on.
+  bool link_changed() const;
 
  private:
   Buffer<AclFill> fills_;  // room for them: those that have begun are alive

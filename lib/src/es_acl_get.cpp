@@ -15,6 +15,7 @@
 #include "es_acl_get_private.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
+#include "es_acl_sync_private.h"
 #include "es_db_private.h"
 #include "es_platform/dsv.h"
 #include "es_platform/pcx.h"
@@ -29,6 +30,26 @@ Outcome failed(uint32_t status) { return {nullptr, status, true}; }
 uint32_t register_name(const char* name, es_acl_head* head) {
   return with_retries(is_transient,
                       [&] { return dsv_register(es_acl_classhandle, name, &head->reg_handle); });
+}
+
+// A read that has met a change of connection may be of two lists, and what was pushed behind it may be missing: it is
+// made good before anybody gets the ACL.
+uint32_t make_whole(es_acl_head* head, AclFill& fill, uint64_t* generation) {
+  constexpr int kAttempts = 3;
+  for (int i = 0; pcx_generation(es_acl_dsv_class) != *generation; ++i) {
+    if (i == kAttempts) return EAGAIN;
+    const CatchUp result = catch_up(head, Form::whole, &fill);
+    if (result.status != 0 && result.status != EAGAIN) return result.status;
+    *generation = result.generation;
+  }
+  return 0;
+}
+
+uint32_t end_fill(es_acl_head* head, AclFill& fill, uint64_t generation) {
+  uint32_t rc = sync_enter(head, Form::whole, generation);
+  if (rc == 0) rc = fill.finish(apply_kept_message);
+  if (rc == 0 && fill.link_changed()) pcx_renew_later(head->reg_handle, 0);
+  return rc;
 }
 
 // Registers a new head and fills it; what is pushed meanwhile is applied behind the fill. On failure the head is gone,
@@ -50,8 +71,10 @@ uint32_t attach(const char* name, es_acl_head* head, AclFill& fill) {
   }
   void* const reg_handle = head->reg_handle;
   bool head_released = false;
+  uint64_t generation = pcx_generation(es_acl_dsv_class);
   rc = read_acl(head, &head_released);
-  if (rc == 0) rc = fill.finish(apply_kept_message);
+  if (rc == 0) rc = make_whole(head, fill, &generation);
+  if (rc == 0) rc = end_fill(head, fill, generation);
   if (rc == 0) return 0;
   DBG_ERR("%s: PCX read failed: %s", kGet, errcode_string(rc));
   trace_name(kGet, "read failed", name, rc);
@@ -139,6 +162,7 @@ void discard_new_head(es_acl_head* head) {
   if (head->reg_handle != nullptr) pcx_unregister(head->reg_handle);
   free_callback_timer(kGet, head);
   drop_notify_entries(head);
+  sync_leave(head->name);
   es_acl_freelist(head, nullptr);
 }
 

@@ -23,6 +23,7 @@
 #include "es_acl_gate.h"
 #include "es_acl_get_private.h"
 #include "es_acl_retry.h"
+#include "es_acl_sync_private.h"
 #include "es_db_private.h"
 #include "es_platform/dsv.h"
 #include "es_platform/pcx.h"
@@ -64,6 +65,7 @@ class BulkGet {
   uint32_t register_batches(uint32_t limit);
   uint32_t take_over_registrations();
   uint32_t read();
+  uint32_t end_fills(uint64_t generation);
   void free_heads();
   void distribute();
   void hand_out(uint32_t k);
@@ -270,10 +272,26 @@ uint32_t BulkGet::register_on_bus() {
   return 0;
 }
 
+uint32_t BulkGet::end_fills(uint64_t generation) {
+  uint32_t rc = 0;
+  for (uint32_t k = 0; k < created_ && rc == 0; ++k) {
+    const bool registered = heads_[k]->reg_handle != nullptr;
+    rc = sync_enter(heads_[k], Form::rules, registered ? generation : 0);
+  }
+  if (rc == 0) rc = fills_.finish(apply_kept_message);
+  if (rc != 0 || !fills_.link_changed()) return rc;
+  for (uint32_t k = 0; k < created_; ++k)
+    if (heads_[k]->reg_handle != nullptr) pcx_renew_later(heads_[k]->reg_handle, 0);
+  return 0;
+}
+
+// A read that has met a change of connection may be of two states, and what was pushed behind it may be missing.
 uint32_t BulkGet::read() {
+  const uint64_t generation = pcx_generation(es_acl_classhandle);
   uint32_t rc = read_acl_bulk(
       {heads_.get(), acl_names_.get(), num_aces_array_.get(), num_rem_aces_array_.get(), created_}, address_);
-  if (rc == 0) rc = fills_.finish(apply_kept_message);
+  if (rc == 0 && pcx_generation(es_acl_classhandle) != generation) rc = EAGAIN;
+  if (rc == 0) rc = end_fills(generation);
   if (rc != 0) DBG_ERR("%s: PCX read failed: %s", kBulk, errcode_string(rc));
   return rc;
 }

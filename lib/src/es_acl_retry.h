@@ -25,13 +25,17 @@ inline void sleep_a_second() {
   }
 }
 
+// What a platform call says that puts its status into errno and returns -1.
+inline uint32_t status_of(uint32_t result) {
+  return result == PLATFORM_FAILED && errno != 0 ? static_cast<uint32_t>(errno) : result;
+}
+
 template <typename Attempt>
 uint32_t with_retries(bool (*retryable)(uint32_t), Attempt attempt) {
   constexpr int kAttempts = 4;
   uint32_t status = 0;
   for (int i = 0; i < kAttempts; ++i) {
-    status = attempt();
-    if (status == PLATFORM_FAILED && errno != 0) status = static_cast<uint32_t>(errno);
+    status = status_of(attempt());
     if (!retryable(status)) break;
     sleep_a_second();
   }

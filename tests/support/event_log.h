@@ -26,7 +26,8 @@ enum Kind : unsigned {
   kTrace = 8,   // "trace w" (wrapping) or "trace u" (unique)
   kLock = 16,   // "trylock(lock)", "lock(lock)" or "unlock(lock)" of a watched mutex
   kCount = 32,  // "main[5]" or "error[6]": the counter has gone up by one
-  kAll = 63
+  kAll = 63,
+  kLink = 64  // "pcx_generation(class)": asked about the link to the producer; shown only when selected
 };
 
 // A bus request is recorded with the bytes it carries.

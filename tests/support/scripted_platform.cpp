@@ -98,6 +98,7 @@ void give_element(pool*, void* element) { free(element); }
 Platform::Platform() : categories(kCategories) {
 #define PLAIN(otherwise, result, name, ...) name.always(otherwise);
   SCRIPTED_FUNCTIONS(PLAIN)
+  SCRIPTED_LINK_FUNCTIONS(PLAIN)
 #undef PLAIN
   pcx_read.always(answer({}));
   line_printed.always(nothing);
@@ -142,6 +143,11 @@ extern "C" {
 #define DEFINE(otherwise, result, name, parameters, ...) \
   result name parameters { return play(kCall, #name, platform().name __VA_OPT__(, ) __VA_ARGS__); }
 SCRIPTED_FUNCTIONS(DEFINE)
+#undef DEFINE
+
+#define DEFINE(otherwise, result, name, parameters, ...) \
+  result name parameters { return play(kLink, #name, platform().name __VA_OPT__(, ) __VA_ARGS__); }
+SCRIPTED_LINK_FUNCTIONS(DEFINE)
 #undef DEFINE
 
 uint32_t pcx_read(void* handle, const void* request, uint32_t length, void* buffer, uint32_t* answer_length) {

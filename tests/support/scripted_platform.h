@@ -48,10 +48,6 @@
      pcx_handler handler),                                                                                   \
     (Elements{handles, count}), codes, count, zero1, zero2, zero3, handler)                                  \
   X(0, uint32_t, pcx_unregister, (void* handle), handle)                                                     \
-  X(0, uint32_t, pcx_set_link_handler, (uint32_t of, pcx_link_handler handler), of, handler)                 \
-  X(1, uint64_t, pcx_generation, (uint32_t of), of)                                                          \
-  X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                                          \
-  X(0, uint32_t, pcx_renew_later, (void* handle, uint32_t delay_ms), handle, delay_ms)                       \
   X(0, uint32_t, pcx_query_producer, (void* handle), handle)                                                 \
   X(65536, uint32_t, pcx_get_optimum_msg_size, (uint32_t of), of)                                            \
   X(find_categories, uint32_t, acl_debug_init,                                                               \
@@ -112,6 +108,13 @@
   X(name_of_process, uint32_t, proc_name_get, (int32_t pid, char* name, uint32_t size), pid, name, size)     \
   X(name_of_node, uint32_t, node_name_get, (char* name, uint32_t size), name, size)
 
+// The same for what the library asks about its link to the producer, recorded as kLink.
+#define SCRIPTED_LINK_FUNCTIONS(X)                                                            \
+  X(0, uint32_t, pcx_set_link_handler, (uint32_t of, pcx_link_handler handler), of, handler) \
+  X(1, uint64_t, pcx_generation, (uint32_t of), of)                                          \
+  X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                          \
+  X(0, uint32_t, pcx_renew_later, (void* handle, uint32_t delay_ms), handle, delay_ms)
+
 namespace es_test {
 
 enum : uint32_t { kClass = 0xc1a55, kCategories = 6 };
@@ -148,6 +151,7 @@ struct Platform {
 
 #define MEMBER(otherwise, result, name, ...) Script<decltype(::name)> name;
   SCRIPTED_FUNCTIONS(MEMBER)
+  SCRIPTED_LINK_FUNCTIONS(MEMBER)
 #undef MEMBER
   Script<decltype(::pcx_read)> pcx_read;
   Script<void(uint32_t category, const std::string& text)> line_printed;

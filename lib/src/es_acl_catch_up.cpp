@@ -1,0 +1,203 @@
+// The list is read as a first fill reads it, but into a comparison with the copy: both are in ascending order, so that one
+// walk over the two tells what to remove and what to add. Only differences are kept.
+//
+// The order of pushes and read. What the producer pushes and what it answers travel on different connections. A new
+// registration gets nothing but what has changed since the first read behind it, and nothing that was pushed for the old
+// one: so whatever comes afterwards belongs on top of what was read.
+#include "es_acl_catch_up.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <vector>
+
+#include "es_acl/es_acl.h"
+#include "es_acl/es_acl_callback.h"
+#include "es_acl/es_acl_cpcx.h"
+#include "es_acl/es_acl_store.h"
+#include "es_acl/es_acl_wire.h"
+#include "es_acl_cpcx_bulk.h"
+#include "es_acl_diag.h"
+#include "es_acl_gate.h"
+#include "es_acl_retry.h"
+#include "es_acl_state.h"
+#include "es_platform/dsv.h"
+#include "es_platform/pcx.h"
+
+namespace es_acl {
+namespace {
+
+constexpr char kCatchUp[] = "es_acl_catch_up";
+constexpr uint32_t kAceSize = sizeof(es_acl_pcx_acl_ace);
+
+using Records = std::vector<es_acl_pcx_acl_ace>;
+
+// What a list that comes record by record has other than the copy.
+class Difference {
+ public:
+  explicit Difference(es_acl_head* head) : head_(head), node_(es_get_first_ace(head)) {}
+
+  // The next record of the list, in host byte order. False when it does not stand behind the one before.
+  bool compare(const es_acl_pcx_acl_ace& record) {
+    if (record.ace.seq <= last_seq_) return false;
+    last_seq_ = record.ace.seq;
+    const es_acl_ace* stored = skip_to(record.ace.seq);
+    if (stored != nullptr && stored->seq == record.ace.seq) {
+      node_ = es_get_next_ace(head_, node_);
+      if (es_acl_compare_ace(const_cast<es_acl_ace*>(stored), const_cast<es_acl_ace*>(&record.ace)) != 0)
+        return true;
+    }
+    added_.push_back(record);
+    return true;
+  }
+  void end() { skip_to(UINT64_MAX); }
+
+  uint32_t last_seq() const { return last_seq_; }
+  Records& removed() { return removed_; }
+  Records& added() { return added_; }
+
+ private:
+  // What the copy has before that number is to be removed. The ACE that follows, or null.
+  const es_acl_ace* skip_to(uint64_t seq) {
+    for (;;) {
+      const es_acl_ace* const stored = node_ != nullptr ? es_get_ace_data(head_, node_) : nullptr;
+      if (stored == nullptr || stored->seq >= seq) return stored;
+      es_acl_pcx_acl_ace& record = removed_.emplace_back();
+      es_acl_wire_set_name(record.acl_name, head_->name);
+      record.ace = *stored;
+      node_ = es_get_next_ace(head_, node_);
+    }
+  }
+
+  es_acl_head* const head_;
+  es_acl_ace_node* node_;
+  uint32_t last_seq_ = 0;
+  Records removed_, added_;
+};
+
+uint32_t refuse(const es_acl_head* head, const char* why, uint64_t value) {
+  DBG_ERR("%s: acl %s: %s: %llu", kCatchUp, head->name, why, static_cast<unsigned long long>(value));
+  trace_name(kCatchUp, why, head->name, value);
+  return EINVAL;
+}
+
+uint32_t compare_all(const es_acl_head* head, es_acl_pcx_acl_ace* records, uint32_t length,
+                     Difference* difference) {
+  if (length % kAceSize != 0) return refuse(head, "answer of a wrong length", length);
+  for (uint32_t i = 0; i < length / kAceSize; ++i) {
+    es_acl_wire_acl_ace_order(&records[i]);
+    if (records[i].ver != ES_ACL_PCX_VERSION) return refuse(head, "ACE of a wrong version", records[i].ver);
+    if (!difference->compare(records[i])) return refuse(head, "list not in order", records[i].ace.seq);
+  }
+  return 0;
+}
+
+uint32_t read_whole(es_acl_head* head, Difference* difference) {
+  const uint32_t most = pcx_get_optimum_msg_size(es_acl_dsv_class) / kAceSize;
+  if (most == 0) return refuse(head, "no room for one record", most);
+  Records records(most);
+  for (uint32_t length = most * kAceSize; length == most * kAceSize;) {
+    acl_pcx_read_req request = {};
+    request.cmd = ACL_PCX_READ_ACES;
+    request.ver = ES_ACL_PCX_VERSION;
+    request.start_seq = difference->last_seq();
+    request.max_entries = most;
+    es_acl_wire_set_name(request.acl_name, head->name);
+    es_acl_wire_read_req_order(&request);
+    uint32_t rc = status_of(pcx_read(head->reg_handle, &request, sizeof request, records.data(), &length));
+    if (rc == 0) rc = compare_all(head, records.data(), length, difference);
+    if (rc != 0) return rc;
+  }
+  return 0;
+}
+
+// The count decides how much room the read gets; when the list changes between the two the read fails.
+uint32_t read_rules(es_acl_head* head, Difference* difference) {
+  NameField name;
+  es_acl_wire_set_name(name.text, head->name);
+  acl_pcx_query_resp counts = {};
+  BulkRequest query(ACL_PCX_QUERY_ACE_COUNT_BULK, 1), read(ACL_PCX_READ_ACES_BULK, 1);
+  if (!query.ready() || !read.ready()) return ENOMEM;
+  query.add(name);
+  read.add(name);
+  uint32_t length = sizeof counts;
+  uint32_t rc = query.send(head->reg_handle, &counts, &length);
+  if (rc != 0) return rc;
+  es_acl_wire_query_resp_order(&counts);
+  if (length != sizeof counts || counts.ver != ES_ACL_PCX_VERSION || counts.num_remark_aces > counts.num_aces)
+    return refuse(head, "no usable count", length);
+  const uint64_t expected = uint64_t{counts.num_aces - counts.num_remark_aces} * kAceSize;
+  if (expected > UINT32_MAX) return refuse(head, "list too long for one answer", expected);
+  Records records(counts.num_aces - counts.num_remark_aces + 1);
+  length = static_cast<uint32_t>(expected);
+  rc = read.send(head->reg_handle, records.data(), &length);
+  if (rc != 0) return rc;
+  if (length != expected) return refuse(head, "answer of a wrong length", length);
+  return compare_all(head, records.data(), length, difference);
+}
+
+// The old registration goes first: two of one name would share what is pushed.
+uint32_t register_anew(es_acl_head* head, AclFill* fill) {
+  void* fresh = nullptr;
+  const uint32_t rc = dsv_register(es_acl_dsv_class, head->name, &fresh);
+  if (rc != 0) return rc;
+  pcx_unregister(head->reg_handle);
+  if (fill != nullptr) fill->forget();
+  head->reg_handle = fresh;
+  return pcx_register(fresh, 0, 0, es_acl_cpcx_handler);
+}
+
+// One step of the difference, as if it had been pushed. *changed says whether it has changed anything.
+uint32_t apply(uint32_t command, Records& records, bool* changed) {
+  if (records.empty()) return 0;
+  es_acl_head* head = nullptr;
+  uint32_t added = 0;
+  const uint32_t rc = es_acl_cpcx_handle_pcx_update_ace(command, records.data(),
+                                                        static_cast<uint32_t>(records.size()), &head, &added);
+  if (rc == 0 && (command == ACL_PCX_REMOVE_ACE || added != 0)) *changed = true;
+  return rc;
+}
+
+uint32_t read_anew(es_acl_head* head, Form form, Difference* difference, uint64_t* generation) {
+  *generation = pcx_generation(es_acl_dsv_class);
+  if (*generation == 0) return ESRCH;
+  const uint32_t rc = form == Form::whole ? read_whole(head, difference) : read_rules(head, difference);
+  if (rc != 0) return rc;
+  difference->end();
+  return pcx_generation(es_acl_dsv_class) == *generation ? 0 : EAGAIN;
+}
+
+CatchUp run(es_acl_head* head, Form form, AclFill* fill) {
+  CatchUp result;
+  result.status = register_anew(head, fill);
+  if (result.status != 0) return result;
+  Difference difference(head);
+  result.status = read_anew(head, form, &difference, &result.generation);
+  if (result.status != 0) return result;
+  DBG_DETAIL("%s: acl %s: %zu ACEs to remove, %zu to add", kCatchUp, head->name, difference.removed().size(),
+             difference.added().size());
+  trace_name(kCatchUp, "difference", head->name, difference.removed().size(), difference.added().size());
+  bool changed = false;
+  result.status = apply(ACL_PCX_REMOVE_ACE, difference.removed(), &changed);
+  if (result.status == 0) result.status = apply(ACL_PCX_ADD_ACE, difference.added(), &changed);
+  result.refused = result.status != 0;
+  if (changed) es_acl_start_cb_timer(head);
+  return result;
+}
+
+}  // namespace
+
+CatchUp catch_up(es_acl_head* head, Form form, AclFill* fill) {
+  CatchUp result;
+  try {
+    result = run(head, form, fill);
+  } catch (const std::bad_alloc&) {
+    result.status = ENOMEM;
+  }
+  if (result.status == 0) return result;
+  DBG_ERR("%s: acl %s is still behind: %s", kCatchUp, head->name, errcode_string(result.status));
+  trace_name(kCatchUp, "still behind", head->name, result.status, result.refused);
+  return result;
+}
+
+}  // namespace es_acl

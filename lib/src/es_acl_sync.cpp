@@ -1,0 +1,236 @@
+// How far each copy is from its producer's list, and the way back.
+//
+// The bus's link events drive it, on the delivery thread: LOST puts an ACL out of touch; RENEWED makes it catch up, unless
+// it has been read behind that very connection. What fails, or is refused, is tried again by asking the bus for one more
+// RENEWED, later and later. An ACL that another thread is just filling is that thread's: its fill notes the event.
+//
+// Pushes that arrive for a copy that is behind belong on top of a list that it does not have; they are dropped, since the
+// next read shows what they would have done.
+#include "es_acl/es_acl_sync.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <new>
+#include <string>
+#include <unordered_map>
+
+#include "es_acl/es_acl_store.h"
+#include "es_acl_cb_private.h"
+#include "es_acl_diag.h"
+#include "es_acl_gate.h"
+#include "es_acl_state.h"
+#include "es_acl_sync_private.h"
+#include "es_platform/pcx.h"
+
+namespace es_acl {
+namespace {
+
+constexpr char kSync[] = "es_acl_sync";
+constexpr uint64_t kSilentNs = 3000000000;
+constexpr uint32_t kFirstRetryMs = 100, kLongestRetryMs = 5000;
+
+struct Record {
+  es_acl_sync_info info = {};
+  Form form = Form::whole;
+  bool behind = false;      // it has missed something: what is pushed is not for this list
+  uint64_t generation = 0;  // connection behind which the copy was read
+  uint32_t retry_ms = 0;
+};
+
+// Never destroyed: the delivery thread may be at work while the process ends.
+struct Table {
+  std::mutex mutex;
+  std::unordered_map<std::string, Record> records;
+  std::atomic<uint32_t> behind = 0;  // how many of them
+
+  static Table& instance() {
+    static Table& table = *new Table;
+    return table;
+  }
+  Record* find_locked(const char* name) {
+    const auto found = records.find(name);
+    return found != records.end() ? &found->second : nullptr;
+  }
+  void set_behind_locked(Record& record, bool is_behind) {
+    if (record.behind != is_behind) is_behind ? ++behind : --behind;
+    record.behind = is_behind;
+  }
+};
+
+constinit CallbackRegistry sync_notify;
+
+uint64_t wall_clock_ns() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+bool set_state_locked(Record& record, uint32_t state) {
+  if (record.info.state == state) return false;
+  record.info.state = state;
+  record.info.since_ns = wall_clock_ns();
+  return true;
+}
+
+void report(es_acl_head* head, uint32_t state) {
+  trace_name(kSync, "state", head->name, state);
+  list_registry* const registry = sync_notify.get();
+  if (registry == nullptr) return;
+  walk<es_acl_sync_cb>(
+      registry, [](uint32_t) { return false; },
+      [&](es_acl_sync_cb function, void* context) {
+        function(head, state, context);
+        return 0u;
+      });
+}
+
+// Calls `change` with the ACL's record under the table's lock, and reports the state that it returns if that is another
+// one. False when there is no record.
+template <typename Change>
+bool change_record(es_acl_head* head, Change change) {
+  Table& table = Table::instance();
+  uint32_t state;
+  bool is_new;
+  {
+    const std::lock_guard lock(table.mutex);
+    Record* const record = table.find_locked(head->name);
+    if (record == nullptr) return false;
+    state = change(table, *record);
+    is_new = set_state_locked(*record, state);
+  }
+  if (is_new) report(head, state);
+  return true;
+}
+
+// When to try again. Later each time.
+uint32_t next_retry(Record& record) {
+  record.retry_ms = std::clamp(record.retry_ms * 2, kFirstRetryMs, kLongestRetryMs);
+  return record.retry_ms;
+}
+
+void settle(es_acl_head* head, const CatchUp& result) {
+  uint32_t retry_ms = 0;
+  change_record(head, [&](Table& table, Record& record) -> uint32_t {
+    if (result.refused) ++record.info.refusals;
+    if (result.status != 0) {
+      retry_ms = next_retry(record);
+      return result.status == ESRCH ? ES_ACL_OUT_OF_TOUCH : ES_ACL_CATCHING_UP;
+    }
+    record.generation = result.generation;
+    record.retry_ms = 0;
+    table.set_behind_locked(record, false);
+    return ES_ACL_IN_STEP;
+  });
+  if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
+}
+
+void renewed(es_acl_head* head, uint64_t generation) {
+  Form form = Form::whole;
+  bool needed = false;
+  change_record(head, [&](Table& table, Record& record) -> uint32_t {
+    needed = record.generation != generation || record.info.state != ES_ACL_IN_STEP;
+    if (!needed) return record.info.state;
+    form = record.form;
+    table.set_behind_locked(record, true);
+    return ES_ACL_CATCHING_UP;
+  });
+  if (needed) settle(head, catch_up(head, form, nullptr));
+}
+
+void lost(es_acl_head* head) {
+  change_record(head, [](Table&, Record&) -> uint32_t { return ES_ACL_OUT_OF_TOUCH; });
+}
+
+// An ACL that came to be in step has been heard of at that time.
+void regard_silence(es_acl_sync_info* info) {
+  const uint64_t now = wall_clock_ns();
+  const uint64_t silence_ns = std::min(pcx_silence_ms(es_acl_dsv_class) * uint64_t{1000000}, now - info->since_ns);
+  if (silence_ns <= kSilentNs) return;
+  info->state = ES_ACL_OUT_OF_TOUCH;
+  info->since_ns = now - silence_ns;
+}
+
+}  // namespace
+
+es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation) try {
+  Table& table = Table::instance();
+  const std::lock_guard lock(table.mutex);
+  Record& record = table.records[head->name];
+  record.form = form;
+  record.generation = generation;
+  record.info.state = generation != 0 ? ES_ACL_IN_STEP : ES_ACL_OUT_OF_TOUCH;
+  record.info.since_ns = wall_clock_ns();
+  return 0;
+} catch (const std::bad_alloc&) {
+  DBG_ERR("%s: no memory for acl %s", kSync, head->name);
+  return ENOMEM;
+}
+
+void sync_leave(const char* name) {
+  Table& table = Table::instance();
+  const std::lock_guard lock(table.mutex);
+  const auto found = table.records.find(name);
+  if (found == table.records.end()) return;
+  table.set_behind_locked(found->second, false);
+  table.records.erase(found);
+}
+
+void sync_diverged(es_acl_head* head) {
+  uint32_t retry_ms = 0;
+  change_record(head, [&](Table&, Record& record) -> uint32_t {
+    ++record.info.refusals;
+    retry_ms = next_retry(record);
+    return record.info.state == ES_ACL_OUT_OF_TOUCH ? ES_ACL_OUT_OF_TOUCH : ES_ACL_CATCHING_UP;
+  });
+  if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
+}
+
+bool sync_takes_pushes(const char* name) {
+  Table& table = Table::instance();
+  if (table.behind.load(std::memory_order_relaxed) == 0) return true;
+  const std::lock_guard lock(table.mutex);
+  const Record* const record = table.find_locked(name);
+  return record == nullptr || !record->behind;
+}
+
+void sync_link_changed(void*, const char* name, uint32_t event, uint64_t generation) {
+  const AclUse use(name, AclUse::LinkEvent());
+  if (use.kept() || use.leaving()) return;
+  es_acl_head* const head = es_acl_lookup_internal(name);
+  if (head == nullptr) return;
+  if (event == PCX_LINK_RENEWED) renewed(head, generation);
+  if (event == PCX_LINK_LOST) lost(head);
+}
+
+}  // namespace es_acl
+
+using namespace es_acl;
+
+es_acl_status es_acl_get_sync_info(es_acl_head* acl, es_acl_sync_info* info) {
+  if (acl == nullptr || info == nullptr) return EINVAL;
+  Table& table = Table::instance();
+  {
+    const std::lock_guard lock(table.mutex);
+    const Record* const record = table.find_locked(acl->name);
+    if (record == nullptr) return ES_ACL_E_NOT_FOUND;
+    *info = record->info;
+  }
+  if (info->state == ES_ACL_IN_STEP) regard_silence(info);
+  return 0;
+}
+
+es_acl_status es_acl_register_sync_callback(es_acl_sync_cb function, void* context) {
+  if (function == nullptr) return EINVAL;
+  list_registry* const registry = sync_notify.get_or_create();
+  if (registry == nullptr) return ENOMEM;
+  return list_registry_add(registry, reinterpret_cast<list_registry_function>(function), context);
+}
+
+void es_acl_unregister_sync_callback(es_acl_sync_cb function, void* context) {
+  if (list_registry* const registry = sync_notify.get())
+    list_registry_delete(registry, reinterpret_cast<list_registry_function>(function), context);
+}

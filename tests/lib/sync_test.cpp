@@ -1,0 +1,228 @@
+// ACLs whose link to the producer is lost and renewed: what is read anew, what is told and changed, and what is said of it.
+#include <thread>
+
+#include "es_acl/es_acl_sync.h"
+#include "push_fixture.h"
+
+using namespace es_test;
+
+namespace {
+
+enum : uint32_t { kLost = 1, kRenewed = 2 };
+
+void on_state(es_acl_head* acl, uint32_t state, void*) {
+  const Backstage backstage;
+  constexpr const char* kStates[] = {"in step", "catching up", "out of touch"};
+  record(kCall, std::string(acl->name) + " " + kStates[state]);
+}
+
+pcx_link_handler link_handler;
+
+// Without the numbers that tell copies apart.
+std::string unnumbered(std::string line) {
+  for (size_t at = 0; (at = line.find("copy", at)) != line.npos; at += 4)
+    line.erase(at + 4, line.find_first_not_of("0123456789", at + 4) - at - 4);
+  return line;
+}
+
+class Sync : public PushTest {
+ protected:
+  void SetUp() override {
+    platform().pcx_set_link_handler.always(
+        [](uint32_t, pcx_link_handler handler) { return link_handler = handler, 0U; });
+    PushTest::SetUp();
+    platform().pcx_get_optimum_msg_size.always(320);
+    ASSERT_EQ(es_acl_register_sync_callback(on_state, nullptr), 0U);
+    ASSERT_EQ(es_acl_register_update_callback(on_update, &client_), 0U);
+    serve({{10, 1}});
+    head_ = get({"edge"}).heads[0];
+    ASSERT_NE(head_, nullptr);
+    clear_log();
+  }
+  // The ACL's list as the producer has it now, in batches of two.
+  static void serve(const Aces& aces) {
+    for (size_t at = 0; at <= aces.size(); at += 2) {
+      const auto begin = aces.begin() + static_cast<long>(at);
+      platform().pcx_read.next(
+          answer(batch(kAdd, Aces(begin, begin + static_cast<long>(std::min<size_t>(2, aces.size() - at))))));
+    }
+  }
+  void tell(uint32_t event, uint64_t generation) {
+    if (event == kRenewed) platform().pcx_generation.always(generation);
+    link_handler(head_->reg_handle, "edge", event, generation);
+  }
+  // What the callbacks have said, in order, and when the bus was asked to try again.
+  static Lines told() {
+    Lines said;
+    for (const std::string& line : take_log(kCall | kLink))
+      for (const char* const begin : {"edge ", "add(", "remove(", "pcx_renew_later("})
+        if (line.starts_with(begin)) said.push_back(unnumbered(line));
+    return said;
+  }
+  es_acl_sync_info info() const {
+    es_acl_sync_info now = {};
+    EXPECT_EQ(es_acl_get_sync_info(head_, &now), 0U);
+    return now;
+  }
+  static std::string retry(int ms) { return "pcx_renew_later(reg:edge, " + std::to_string(ms) + ")"; }
+
+  es_acl_head* head_ = nullptr;
+  Client client_;
+};
+
+TEST_F(Sync, TheDifferenceAndNothingElseIsToldAndMade) {
+  const struct {
+    Aces after;
+    Lines told;
+  } rows[] = {
+      {{{10, 1}}, {}},
+      {{{10, 1}, {20, 2}, {30, 3}}, {"add(head:edge, 20=2 copy new, 30=3 copy new)"}},
+      {{{20, 2}, {30, 4}},
+       {"remove(head:edge, 10=1 copy)", "remove(head:edge, 30=3 copy)", "add(head:edge, 30=4 copy new)"}},
+      {{{5, 0, 1}, {20, 2}, {30, 4}}, {"add(head:edge, 5=0 copy new)"}},
+      {{}, {"remove(head:edge, 20=2 copy, 30=4 copy)"}},
+  };
+  uint64_t generation = 1;
+  for (const auto& row : rows) {
+    tell(kLost, generation);
+    EXPECT_EQ(info().state, uint32_t{ES_ACL_OUT_OF_TOUCH});
+    serve(row.after);
+    tell(kRenewed, ++generation);
+    EXPECT_EQ(told(), lines("edge out of touch", "edge catching up", row.told, "edge in step"));
+    EXPECT_EQ(list(head_), row.after);
+    EXPECT_EQ(info().state, uint32_t{ES_ACL_IN_STEP});
+  }
+}
+
+// What was pushed for the old registration cannot come behind what is read for the new one.
+TEST_F(Sync, IsRegisteredAnewBeforeItIsRead) {
+  serve({{10, 1}});
+  tell(kRenewed, 2);
+  Lines calls = log(kCall);
+  std::erase_if(calls, [](const std::string& line) { return line.starts_with("list_registry_"); });
+  const Lines expected = {"edge catching up",
+                          "dsv_register(793173, \"edge\", ptr)",
+                          "pcx_unregister(reg:edge)",
+                          "pcx_register(reg:edge, 0, 0, es_acl_cpcx_handler)",
+                          "pcx_get_optimum_msg_size(793173)",
+                          "pcx_read(reg:edge, 84, cap 320)",
+                          "edge in step"};
+  EXPECT_EQ(calls, expected);
+  clear_log();
+  tell(kRenewed, 2);
+  EXPECT_EQ(log(kCall), Lines{}) << "read behind this connection already";
+}
+
+TEST_F(Sync, ARefusedStepLeavesTheCopyAndIsTriedAgainLater) {
+  client_.answer = 28;
+  const Aces now = {{10, 1}, {20, 2}};
+  const std::string add = "add(head:edge, 20=2 copy new)";
+  for (int i = 0; i < 8; ++i) {
+    serve(now);
+    tell(kRenewed, 2);
+    EXPECT_EQ(list(head_), (Aces{{10, 1}}));
+    const std::string later = retry(std::min(100 << i, 5000));
+    EXPECT_EQ(told(), i == 0 ? lines("edge catching up", add, later) : lines(add, later));
+    EXPECT_EQ(info().state, uint32_t{ES_ACL_CATCHING_UP});
+    EXPECT_EQ(info().refusals, static_cast<uint32_t>(i + 1));
+    push(batch(kAdd, {{40, 4}}));
+    EXPECT_EQ(told(), Lines{}) << "not for this list";
+  }
+  client_.answer = 0;
+  serve(now);
+  tell(kRenewed, 2);
+  EXPECT_EQ(told(), lines(add, "edge in step"));
+  push(batch(kAdd, {{40, 4}}));
+  EXPECT_EQ(list(head_), (Aces{{10, 1}, {20, 2}, {40, 4}}));
+}
+
+TEST_F(Sync, AnUnusableReadLeavesTheCopyAndIsTriedAgain) {
+  Bytes wrong_version = batch(kAdd, {{20}});
+  put_32(wrong_version, 4, 2);
+  const std::pair<std::function<void()>, uint32_t> rows[] = {
+      {[] { platform().pcx_read.next(3); }, ES_ACL_OUT_OF_TOUCH},
+      {[] { platform().pcx_read.next(failed_with(62)); }, ES_ACL_CATCHING_UP},
+      {[] { platform().pcx_read.next(answer(Bytes(161))); }, ES_ACL_CATCHING_UP},
+      {[] {
+         platform().pcx_read.next(answer(batch(kAdd, {{20}, {20}})));
+       },
+       ES_ACL_CATCHING_UP},
+      {[&] { platform().pcx_read.next(answer(wrong_version)); }, ES_ACL_CATCHING_UP},
+      {[] { platform().dsv_register.next(12); }, ES_ACL_CATCHING_UP},
+      {[] { platform().pcx_generation.next(2), platform().pcx_generation.next(3); }, ES_ACL_CATCHING_UP},
+      {[] { platform().pcx_generation.next(0); }, ES_ACL_OUT_OF_TOUCH},
+  };
+  for (const auto& [arrange, state] : rows) {
+    arrange();
+    tell(kRenewed, 2);
+    EXPECT_EQ(info().state, state) << &arrange - &rows[0].first;
+    EXPECT_EQ(list(head_), (Aces{{10, 1}}));
+    EXPECT_NE(told().back().find("pcx_renew_later(reg:edge, "), std::string::npos);
+  }
+  EXPECT_EQ(info().refusals, 0U);
+}
+
+TEST_F(Sync, ARefusedPushIsMadeUpFor) {
+  client_.answer = 28;
+  push(batch(kAdd, {{20, 2}}));
+  EXPECT_EQ(told(), lines("add(head:edge, 20=2 copy new)", "edge catching up", retry(100)));
+  client_.answer = 0;
+  push(batch(kAdd, {{30, 3}}));
+  EXPECT_EQ(list(head_), (Aces{{10, 1}, {30, 3}})) << "further pushes are taken all the same";
+  told();
+  serve({{10, 1}, {20, 2}, {30, 3}});
+  tell(kRenewed, 1);
+  EXPECT_EQ(told(), lines("add(head:edge, 20=2 copy new)", "edge in step"));
+}
+
+TEST_F(Sync, WithoutAProducerItIsFilledWhenThereIsOne) {
+  platform().pcx_generation.always(0);
+  platform().pcx_query_producer.next(2);
+  es_acl_head* const core = get({"core"}).heads[0];
+  es_acl_sync_info now;
+  ASSERT_EQ(es_acl_get_sync_info(core, &now), 0U);
+  EXPECT_EQ(now.state, uint32_t{ES_ACL_OUT_OF_TOUCH});
+  platform().pcx_generation.always(1);
+  platform().pcx_read.next(answer(batch(kAdd, {{7}}, "core")));
+  link_handler(core->reg_handle, "core", kRenewed, 1);
+  EXPECT_EQ(list(core), (Aces{{7}}));
+}
+
+// A fill that meets a new connection may have read from two lists.
+TEST_F(Sync, AFillThatMeetsANewConnectionIsReadAgain) {
+  platform().pcx_generation.next(1);
+  platform().pcx_generation.always(2);
+  platform().pcx_read.next(answer(batch(kAdd, {{1}, {2}}, "core")));
+  platform().pcx_read.next(answer(batch(kAdd, {{5}}, "core")));
+  platform().pcx_read.next(answer(batch(kAdd, {{1}, {3}}, "core")));
+  platform().pcx_read.next(answer(batch(kAdd, {{5}}, "core")));
+  es_acl_head* const core = get({"core"}).heads[0];
+  EXPECT_EQ(list(core), (Aces{{1}, {3}, {5}}));
+}
+
+// The fill is the other thread's: the event waits for its end.
+TEST_F(Sync, AnEventDuringAFillIsRepeated) {
+  platform().pcx_read.next([](void*, const void*, uint32_t, void*, uint32_t* length) {
+    std::thread([] { link_handler(nullptr, "core", kRenewed, 1); }).join();
+    return *length = 0, 0U;
+  });
+  get({"core"});
+  EXPECT_EQ(log(kLink).back(), "pcx_renew_later(reg:core, 0)");
+}
+
+TEST_F(Sync, SilenceAndStrangers) {
+  platform().pcx_silence_ms.always(0xffffffff);
+  EXPECT_EQ(info().state, uint32_t{ES_ACL_IN_STEP}) << "read a moment ago";
+  es_acl_sync_info now;
+  EXPECT_EQ(es_acl_get_sync_info(make_acl("own"), &now), ES_ACL_E_NOT_FOUND);
+  EXPECT_EQ(es_acl_get_sync_info(nullptr, &now), 22U);
+  EXPECT_EQ(es_acl_get_sync_info(head_, nullptr), 22U);
+  link_handler(nullptr, "nobody", kRenewed, 2);
+  link_handler(nullptr, "own", kLost, 2);
+  EXPECT_EQ(told(), Lines{});
+  release({head_});
+  link_handler(nullptr, "edge", kRenewed, 2);
+  EXPECT_EQ(told(), Lines{});
+}
+
+}  // namespace
