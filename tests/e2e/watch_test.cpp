@@ -210,5 +210,36 @@ TEST(Watch, WithoutAProducerSaysSoAsTheOthersDo) {
   EXPECT_EQ(ended.err, "es-acl: a: no producer serves " + world.path("bus") + " (from ES_PCX_DIR)\n");
 }
 
+// What changed while there was no producer, or while it did not answer, is made up for as a change, and nothing else is
+// told.
+TEST(Watch, CatchesUpWithARestartedProducer) {
+  World world;
+  world.environment["ES_PCX_BEAT_MS"] = "100";
+  world.produce({acl("edge", kBefore), acl("gone", {rule(1, "drop")})});
+  Running watch(world, "es-acl watch edge"), dropped(world, "es-acl watch gone");
+  watch.until("held"), dropped.until("held");
+  const std::string around[] = {"edge: out of touch with the producer\nedge: catching up with the producer\n",
+                                "edge: in step with the producer\n"};
+  const std::vector<json> after = {rule(10, "accept"), rule(35, "drop"), rule(40, "drop")};
+  world.restart(SIGKILL, {acl("edge", after)});
+  EXPECT_EQ(untimed(watch.until("has changed")),
+            around[0] +
+                "edge: removing 1 entry\n  - 30 deny\nedge: removing 1 entry\n  - 40 permit\n"
+                "edge: adding 2 entries\n  + 35 deny\n  + 40 deny\n" +
+                around[1] + "edge: has changed, 3 entries\n");
+  EXPECT_TRUE(
+      contains(untimed(dropped.until("has changed")), "  - 1 deny\ngone: in step with the producer\n"));
+  world.restart(SIGTERM, {acl("edge", after)});
+  EXPECT_EQ(untimed(watch.until("in step")), around[0] + around[1]) << "nothing has changed";
+  world.signal_producer(SIGSTOP);
+  EXPECT_EQ(untimed(watch.until("out of touch")), "edge: out of touch with the producer\n");
+  world.signal_producer(SIGCONT);
+  EXPECT_EQ(untimed(watch.until("in step")), around[0].substr(around[0].find("edge: catching")) + around[1]);
+  world.reconfigure({acl("edge", {rule(10, "accept")})});
+  EXPECT_EQ(untimed(watch.until("has changed")),
+            "edge: removing 2 entries\n  - 35 deny\n  - 40 deny\nedge: has changed, 1 entry\n");
+  EXPECT_EQ(watch.end_by(SIGTERM).code, 0);
+}
+
 }  // namespace
 }  // namespace es_acl::e2e

@@ -108,6 +108,13 @@ void World::produce(const std::vector<nlohmann::json>& acls, const std::string& 
                  options);
 }
 
+void World::restart(int signal, const std::vector<nlohmann::json>& acls) {
+  kill(producer_, signal);
+  waitpid(producer_, nullptr, 0);
+  std::filesystem::remove(path("ready"));
+  produce(acls);
+}
+
 void World::reconfigure(const std::vector<nlohmann::json>& acls) const {
   std::filesystem::rename(write("next.json", configuration(acls)), path("configuration.json"));
 }

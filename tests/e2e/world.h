@@ -46,6 +46,8 @@ class World {
   void produce(const std::vector<nlohmann::json>& acls, const std::string& options = "");
   // Replaces its configuration. It notices by itself.
   void reconfigure(const std::vector<nlohmann::json>& acls) const;
+  // Ends it, with whatever signal, and starts another one.
+  void restart(int signal, const std::vector<nlohmann::json>& acls);
   // Waits until its log has the text, and returns what the log has behind it in the same line.
   std::string producer_says(const std::string& text) const;
   // The same with any other program that takes --ready-file.

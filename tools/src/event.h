@@ -53,12 +53,19 @@ struct Changed {
   Counts counts;
 };
 
+// Whether the copy is the producer's list is another thing now.
+struct Sync {
+  const char* acl;
+  uint32_t state;  // ES_ACL_IN_STEP, ...
+};
+
 struct Unavailable {
   const char* acl;  // null: nothing at all can be had
   const Problem& problem;
 };
 
-using Event = std::variant<Held, Update, Resequencing, ResourceQuestion, UsageQuestion, Changed, Unavailable>;
+using Event =
+    std::variant<Held, Update, Resequencing, ResourceQuestion, UsageQuestion, Changed, Sync, Unavailable>;
 
 // One line, and an indented one for each entry of a batch. The time is the local time of day.
 void append_text(std::string& out, const Event& event, Moment moment, bool colour);

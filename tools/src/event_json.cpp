@@ -3,6 +3,7 @@
 
 #include "entry_json.h"
 #include "es_acl/es_acl_callback.h"
+#include "es_acl/es_acl_sync.h"
 #include "event.h"
 
 namespace es_acl::tool {
@@ -83,6 +84,13 @@ class Json {
   void operator()(const Changed& changed) {
     begin("changed", changed.acl);
     put_counts(members_, changed.counts);
+  }
+
+  void operator()(const Sync& sync) {
+    begin("sync", sync.acl);
+    members_.word("state", sync.state == ES_ACL_IN_STEP       ? "in-step"
+                           : sync.state == ES_ACL_CATCHING_UP ? "catching-up"
+                                                              : "out-of-touch");
   }
 
   void operator()(const Unavailable& unavailable) {

@@ -3,6 +3,7 @@
 
 #include "entry_text.h"
 #include "es_acl/es_acl_callback.h"
+#include "es_acl/es_acl_sync.h"
 #include "es_platform/diag.h"
 #include "event.h"
 #include "fields.h"
@@ -75,6 +76,13 @@ class Text {
   void operator()(const Changed& changed) {
     subject(changed.acl);
     line("has changed, " + summary(changed.counts));
+  }
+
+  void operator()(const Sync& sync) {
+    subject(sync.acl);
+    line(sync.state == ES_ACL_IN_STEP       ? "in step with the producer"
+         : sync.state == ES_ACL_CATCHING_UP ? "catching up with the producer"
+                                            : "out of touch with the producer");
   }
 
   void operator()(const Unavailable& unavailable) {

@@ -16,6 +16,7 @@
 #include "commands.h"
 #include "entry_text.h"
 #include "es_acl/es_acl_callback.h"
+#include "es_acl/es_acl_sync.h"
 #include "es_platform/diag.h"
 #include "event.h"
 #include "stop.h"
@@ -93,7 +94,7 @@ bool Teller::close() {
   return left_ == 0;
 }
 
-// --- Callbacks. Two of the five kinds have no context that could hold a pointer, so what they use stands
+// --- Callbacks. Two of the six kinds have no context that could hold a pointer, so what they use stands
 // here. It is never destroyed: one may still be running when everything has been given back. ---
 
 struct Watch {
@@ -134,15 +135,21 @@ void on_change(es_acl_head* acl, uint32_t) {
   current->teller.happened(Changed{es_acl_get_acl_name(acl), count_entries(acl)});
 }
 
+void on_sync(es_acl_head* acl, uint32_t state, void*) {
+  current->teller.happened(Sync{es_acl_get_acl_name(acl), state});
+}
+
 es_acl_status register_callbacks() {
   es_acl_status status = es_acl_register_update_callback(on_update, nullptr);
   if (status == 0) status = es_acl_register_resequence_callback(on_resequence, nullptr);
   if (status == 0) status = es_acl_register_res_check_callback(on_resources, nullptr);
   if (status == 0) status = es_acl_register_check_usage_callback(on_usage);
+  if (status == 0) status = es_acl_register_sync_callback(on_sync, nullptr);
   return status;
 }
 
 void unregister_callbacks() {
+  es_acl_unregister_sync_callback(on_sync, nullptr);
   es_acl_unregister_check_usage_callback(on_usage);
   es_acl_unregister_res_check_callback(on_resources, nullptr);
   es_acl_unregister_resequence_callback(on_resequence, nullptr);
