@@ -33,8 +33,8 @@
  *     snapshot or a traversal takes no reference (and may show an ACL that another thread's get still fills).
  *  6. Once an ACL is held, what the producer changes is applied to the local copy by itself, on the bus's delivery
  *     thread; changes that come while a get first reads the ACL, by that get. es_acl_callback.h tells how to hear of
- *     them and how to refuse them. A change that a callback refuses, or that comes while the connection to the
- *     producer is down, is not made up for.
+ *     them and how to refuse them. What is missed while the connection to the producer is down, and what a callback
+ *     refuses, is made up for later: es_acl_sync.h tells how, and how to know whether a copy is the producer's list.
  *  7. No exception leaves the library; where memory runs out the status is 12.
  *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
  *  9. Nothing is ever torn down: there is no shutdown operation.
@@ -88,8 +88,8 @@ ES_ACL_API uint32_t es_acl_is_name_reserved(const char* name);
  *   results  results[i] is name i's status; may be null. 11: called from inside a callback, while another thread is just
  *            releasing the ACL, for which a callback does not wait
  *
- * Without a producer a valid name yields a handle to an empty ACL. It is not filled later, and later gets share it:
- * release it and get it again when there is a producer. Returns the status of the last name processed: look at `results` and the
+ * Without a producer a valid name yields a handle to an empty ACL, out of touch (es_acl_sync.h): it is filled when there is
+ * a producer. Returns the status of the last name processed: look at `results` and the
  * handles. es_acl_get_acl() refuses a null list with 22; es_acl_getlist_acl() does not check its pointers.
  *
  * check_count non-zero: the producer is asked for the ACL's size first, and a name without ACEs yields a null

@@ -42,7 +42,8 @@
 enum { ACL_ADD_ACE = 0, ACL_REMOVE_ACE = 1 };
 
 /* ACEs are about to be added or removed; the list is still as it was. A non-zero result refuses the batch: the
- * callbacks behind it are not asked, nothing is stored and the copy then differs from the producer's list.
+ * callbacks behind it are not asked, nothing is stored, and the copy then differs from the producer's list until what was
+ * refused has been offered again and taken (es_acl_sync.h).
  *
  *   action   ACL_ADD_ACE or ACL_REMOVE_ACE
  *   batch    n elements. A removal: `seq` and `ace`, the stored ACE; remarks are removed without being shown. An
