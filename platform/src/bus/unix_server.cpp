@@ -13,7 +13,7 @@ namespace es_platform::bus {
 namespace {
 
 constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstConnectionId = 2;
-constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back after use
+constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back when they rest
 constexpr int kEventsAtOnce = 64;
 
 constexpr FrameKinds kRequestKinds = frame_kinds(FrameKind::read, FrameKind::lookup, FrameKind::ping);
@@ -85,6 +85,7 @@ void UnixServer::run() {
     if (next_beat.left_ms() != 0) continue;
     next_beat = Deadline::in_ms(settings().beat_ms);
     beat_all();
+    rest_spare();
   }
 }
 
@@ -240,6 +241,7 @@ uint32_t UnixServer::make_answer(UnixConnection& connection, const FrameHeader& 
 }
 
 bool UnixServer::grow_spare(size_t capacity) {
+  spare_rests_ = false;
   if (spare_ != nullptr && spare_capacity_ >= capacity) return true;
   spare_.reset();
   spare_capacity_ = 0;
@@ -252,11 +254,20 @@ bool UnixServer::grow_spare(size_t capacity) {
   return true;
 }
 
+// Fresh memory costs more than to fill it, and who reads much reads on: so a large buffer goes when it has rested from one
+// beat to the next.
+void UnixServer::rest_spare() {
+  if (std::exchange(spare_rests_, true) && spare_capacity_ > kSpareKept) {
+    spare_.reset();
+    spare_capacity_ = 0;
+  }
+}
+
 bool UnixServer::flush_answer(UnixConnection& connection) {
   UnixAnswer& answer = connection.answer;
   if (answer.flush(connection.fd.get()) != 0) return connections_.close(connection);
   if (answer.under_way) return connections_.set_interest(connection, EPOLLOUT);
-  if (answer.body != nullptr && answer.capacity <= kSpareKept && spare_ == nullptr) {
+  if (answer.body != nullptr && answer.capacity > spare_capacity_) {
     spare_ = std::move(answer.body);
     spare_capacity_ = answer.capacity;
   }

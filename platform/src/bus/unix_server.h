@@ -52,6 +52,7 @@ class UnixServer final : public Server {
   void unpark(UnixPeer& peer);
   uint32_t make_answer(UnixConnection& connection, const FrameHeader& header, char* payload,
                        uint32_t* length);
+  void rest_spare();
   bool grow_spare(size_t capacity);
 
   UnixEndpoint endpoint_;
@@ -69,6 +70,7 @@ class UnixServer final : public Server {
   std::vector<uint64_t> woken_;
   std::unique_ptr<char[]> spare_;  // body for the next answer
   size_t spare_capacity_ = 0;
+  bool spare_rests_ = true;  // not used since the last beat
   uint64_t overflows_ = 0;
 };
 
