@@ -10,6 +10,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -35,6 +36,8 @@ namespace {
 // Gets and releases of one ACL are the client's to serialise.
 std::mutex holding;
 std::atomic<uint64_t> notices;
+// Whether the producer goes away now and then.
+const bool restarts = std::getenv("CHURN_RESTARTS") != nullptr;
 
 uint32_t on_update(es_acl_head* acl, uint32_t action, uint32_t n, const ace_edit_info* batch, void*) {
   if (action > ACL_REMOVE_ACE || n == 0) fail("a batch of nothing");
@@ -64,14 +67,16 @@ class Held {
     std::vector<void*> fetched(names_.size());
     es_acl_handle_list bulk = {0, fetched.data()};
     while (const es_acl_status status = in_bulk ? es_acl_get_definition(&wanted, &bulk, results.data()) : 0) {
-      // Changed between count and read.
-      if (status != EINVAL && status != EMSGSIZE) fail("no bulk: status " + std::to_string(status));
+      if (!may_pass(status)) fail("no bulk: status " + std::to_string(status));
       es_acl_release(&bulk);
     }
-    es_acl_get_acl(&wanted, &got, results.data());
+    while (es_acl_get_acl(&wanted, &got, results.data()), !has_all()) {
+      for (size_t i = 0; i < names_.size(); ++i)
+        if (handles_[i] == nullptr && !(restarts && may_pass(results[i])))
+          fail("no " + names_[i] + ": status " + std::to_string(results[i]));
+      es_acl_release(&got);
+    }
     es_acl_release(&bulk);
-    for (size_t i = 0; i < names_.size(); ++i)
-      if (handles_[i] == nullptr) fail("no " + names_[i] + ": status " + std::to_string(results[i]));
   }
   ~Held() {
     const es_acl_handle_list given = list();
@@ -85,6 +90,12 @@ class Held {
   es_acl_head* operator[](size_t i) const { return static_cast<es_acl_head*>(handles_[i]); }
 
  private:
+  // Changed between count and read; or the producer was on its way out or in.
+  static bool may_pass(uint32_t status) {
+    return status == EINVAL || status == EMSGSIZE ||
+           (restarts && (status == ESRCH || status == EAGAIN || status == ETIME || status == ENOENT));
+  }
+  bool has_all() const { return std::find(handles_.begin(), handles_.end(), nullptr) == handles_.end(); }
   es_acl_handle_list list() { return {static_cast<uint32_t>(handles_.size()), handles_.data()}; }
 
   std::vector<std::string> names_;

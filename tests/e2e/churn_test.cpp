@@ -117,28 +117,65 @@ void expect_in_step(Running& client, const std::string& expected) {
   EXPECT_EQ(held, expected);
 }
 
+using Clients = std::vector<std::unique_ptr<Running>>;
+
+Clients start_clients(const World& world, const std::vector<std::string>& names) {
+  std::string arguments;
+  for (const std::string& name : names) arguments += " " + name;
+  Clients clients;
+  for (unsigned i = 0; i < kClients; ++i)
+    clients.push_back(std::make_unique<Running>(world, E2E_CHURN_CLIENT " " + std::to_string(i) + arguments));
+  for (const auto& client : clients) client->until("ready");
+  return clients;
+}
+
+void expect_in_step(const Clients& clients, const std::string& expected) {
+  for (const auto& client : clients) {
+    expect_in_step(*client, expected);
+    const Ended ended = client->end_by(SIGTERM);
+    EXPECT_EQ(ended.code, 0) << ended.err;
+    EXPECT_EQ(ended.out, "notices came\n");
+  }
+}
+
 TEST(Churn, EveryClientHasTheProducersListsInTheEnd) {
   World world;
   Lists lists;
   world.produce(lists.configuration(0));
-  std::string arguments;
-  for (const std::string& name : lists.names()) arguments += " " + name;
-  std::vector<std::unique_ptr<Running>> clients;
-  for (unsigned i = 0; i < kClients; ++i)
-    clients.push_back(std::make_unique<Running>(world, E2E_CHURN_CLIENT " " + std::to_string(i) + arguments));
-  for (const auto& client : clients) client->until("ready");
+  const auto clients = start_clients(world, lists.names());
 
   for (unsigned round = 1; round <= kRounds; ++round) {
     for (unsigned i = 0; i < kChangesPerRound; ++i) lists.change();
     world.reconfigure(lists.configuration(round));
     world.producer_says("'" + Lists::round_name(round - 1) + "' (dropped)");
   }
-  for (const auto& client : clients) {
-    expect_in_step(*client, lists.text());
-    const Ended ended = client->end_by(SIGTERM);
-    EXPECT_EQ(ended.code, 0) << ended.err;
-    EXPECT_EQ(ended.out, "notices came\n");
+  expect_in_step(clients, lists.text());
+}
+
+// The same with a producer that is killed, or falls silent, again and again; what has changed meanwhile no push tells.
+TEST(Churn, ClientsCatchUpWithAProducerThatComesAndGoes) {
+  World world;
+  world.environment["ES_PCX_BEAT_MS"] = "50";
+  world.environment["CHURN_RESTARTS"] = "1";
+  Lists lists;
+  world.produce(lists.configuration(0));
+  const auto clients = start_clients(world, lists.names());
+  std::mt19937 random{7};
+  for (unsigned round = 1; round <= 24; ++round) {
+    for (unsigned i = 0; i < kChangesPerRound; ++i) lists.change();
+    const auto pause = std::chrono::milliseconds(random() % 400);
+    if (round % 3 == 0) {
+      world.signal_producer(SIGSTOP);
+      std::this_thread::sleep_for(pause);
+      world.signal_producer(SIGCONT);
+      world.reconfigure(lists.configuration(round));
+      std::this_thread::sleep_for(pause / 4);
+    } else {
+      world.restart(round % 3 == 1 ? SIGKILL : SIGTERM, lists.configuration(round));
+      std::this_thread::sleep_for(pause);
+    }
   }
+  expect_in_step(clients, lists.text());
 }
 
 }  // namespace
