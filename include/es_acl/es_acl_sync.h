@@ -13,7 +13,7 @@
  *
  * A step that an update callback refuses leaves the copy as it was before that step; it is tried again after a tenth of a
  * second, and then after twice as long each time, up to five seconds. So is what an update callback has refused of an
- * ordinary push. */
+ * ordinary push. Further pushes are offered meanwhile as ever. */
 #ifndef ES_ACL_SYNC_H_
 #define ES_ACL_SYNC_H_
 
@@ -36,8 +36,9 @@ typedef struct es_acl_sync_info {
   uint64_t since_ns; /* when the state began: nanoseconds of CLOCK_REALTIME */
 } es_acl_sync_info;
 
-/* The ACL's state is another one now. On the delivery thread, in the order of the changes, with no lock held. The same
- * rules as for the other callbacks (es_acl_callback.h). That nothing has been heard for three seconds while this process
+/* The ACL's state is another one now. On the delivery thread, in the order of the changes, with no lock held; on the
+ * thread of a get for what happened while it first read the ACL. The same rules as for the other callbacks
+ * (es_acl_callback.h). That nothing has been heard for three seconds while this process
  * itself holds the delivery thread up is not told here; es_acl_get_sync_info() says it. */
 typedef void (*es_acl_sync_cb)(es_acl_head* acl, uint32_t state, void* context);
 

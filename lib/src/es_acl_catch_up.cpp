@@ -6,7 +6,7 @@
 // one: so whatever comes afterwards belongs on top of what was read.
 #include "es_acl_catch_up.h"
 
-#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <new>
 #include <vector>
@@ -21,6 +21,7 @@
 #include "es_acl_gate.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
+#include "es_db_private.h"
 #include "es_platform/dsv.h"
 #include "es_platform/pcx.h"
 
@@ -41,11 +42,13 @@ class Difference {
   bool compare(const es_acl_pcx_acl_ace& record) {
     if (record.ace.seq <= last_seq_) return false;
     last_seq_ = record.ace.seq;
-    const es_acl_ace* stored = skip_to(record.ace.seq);
+    ++listed_;
+    es_acl_ace* const stored = skip_to(record.ace.seq);
     if (stored != nullptr && stored->seq == record.ace.seq) {
       node_ = es_get_next_ace(head_, node_);
-      if (es_acl_compare_ace(const_cast<es_acl_ace*>(stored), const_cast<es_acl_ace*>(&record.ace)) != 0)
-        return true;
+      es_acl_ace listed = record.ace;
+      listed.private_data = stored->private_data;  // the client's
+      if (es_acl_compare_ace(stored, &listed) != 0) return true;
     }
     added_.push_back(record);
     return true;
@@ -53,14 +56,15 @@ class Difference {
   void end() { skip_to(UINT64_MAX); }
 
   uint32_t last_seq() const { return last_seq_; }
+  uint32_t listed() const { return listed_; }
   Records& removed() { return removed_; }
   Records& added() { return added_; }
 
  private:
   // What the copy has before that number is to be removed. The ACE that follows, or null.
-  const es_acl_ace* skip_to(uint64_t seq) {
+  es_acl_ace* skip_to(uint64_t seq) {
     for (;;) {
-      const es_acl_ace* const stored = node_ != nullptr ? es_get_ace_data(head_, node_) : nullptr;
+      es_acl_ace* const stored = node_ != nullptr ? es_get_ace_data(head_, node_) : nullptr;
       if (stored == nullptr || stored->seq >= seq) return stored;
       es_acl_pcx_acl_ace& record = removed_.emplace_back();
       es_acl_wire_set_name(record.acl_name, head_->name);
@@ -72,6 +76,7 @@ class Difference {
   es_acl_head* const head_;
   es_acl_ace_node* node_;
   uint32_t last_seq_ = 0;
+  uint32_t listed_ = 0;  // records so far
   Records removed_, added_;
 };
 
@@ -126,8 +131,9 @@ uint32_t read_rules(es_acl_head* head, Difference* difference) {
   es_acl_wire_query_resp_order(&counts);
   if (length != sizeof counts || counts.ver != ES_ACL_PCX_VERSION || counts.num_remark_aces > counts.num_aces)
     return refuse(head, "no usable count", length);
+  constexpr uint64_t kLongest = uint64_t{1} << 30;
   const uint64_t expected = uint64_t{counts.num_aces - counts.num_remark_aces} * kAceSize;
-  if (expected > UINT32_MAX) return refuse(head, "list too long for one answer", expected);
+  if (expected > kLongest) return refuse(head, "list too long for one answer", expected);
   Records records(counts.num_aces - counts.num_remark_aces + 1);
   length = static_cast<uint32_t>(expected);
   rc = read.send(head->reg_handle, records.data(), &length);
@@ -143,12 +149,12 @@ uint32_t register_anew(es_acl_head* head, AclFill* fill) {
   if (rc != 0) return rc;
   pcx_unregister(head->reg_handle);
   if (fill != nullptr) fill->forget();
-  head->reg_handle = fresh;
+  std::atomic_ref<void*>(head->reg_handle).store(fresh, std::memory_order_relaxed);
   return pcx_register(fresh, 0, 0, es_acl_cpcx_handler);
 }
 
 // One step of the difference, as if it had been pushed. *changed says whether it has changed anything.
-uint32_t apply(uint32_t command, Records& records, bool* changed) {
+uint32_t apply_step(uint32_t command, Records& records, bool* changed) {
   if (records.empty()) return 0;
   es_acl_head* head = nullptr;
   uint32_t added = 0;
@@ -156,6 +162,32 @@ uint32_t apply(uint32_t command, Records& records, bool* changed) {
                                                         static_cast<uint32_t>(records.size()), &head, &added);
   if (rc == 0 && (command == ACL_PCX_REMOVE_ACE || added != 0)) *changed = true;
   return rc;
+}
+
+uint32_t apply(es_acl_head* head, Difference& difference) {
+  bool changed = false;
+  uint32_t rc = apply_step(ACL_PCX_REMOVE_ACE, difference.removed(), &changed);
+  if (rc == 0) rc = apply_step(ACL_PCX_ADD_ACE, difference.added(), &changed);
+  if (changed) es_acl_start_cb_timer(head);
+  return rc;
+}
+
+// While nobody has the ACL yet there is nobody to tell.
+uint32_t apply_untold(es_acl_head* head, Difference& difference) {
+  es_acl_iter iter = nullptr;
+  for (const es_acl_pcx_acl_ace& record : difference.removed())
+    es_acl_delete_item_common(head, record.ace.seq, ES_ACL_FORWARD, &iter);
+  for (const es_acl_pcx_acl_ace& record : difference.added()) {
+    es_acl_ace* const ace = es_acl_alloc_rules();
+    if (ace == nullptr) return ENOMEM;
+    *ace = record.ace;
+    ace->private_data = nullptr;
+    const uint32_t rc = es_acl_add_acl_item_common(head, ace, ace->seq, ES_ACL_ADD_REPLACE, &iter);
+    if (rc == 0) continue;
+    es_acl_free_rules(ace);
+    return rc;
+  }
+  return 0;
 }
 
 uint32_t read_anew(es_acl_head* head, Form form, Difference* difference, uint64_t* generation) {
@@ -177,11 +209,14 @@ CatchUp run(es_acl_head* head, Form form, AclFill* fill) {
   DBG_DETAIL("%s: acl %s: %zu ACEs to remove, %zu to add", kCatchUp, head->name, difference.removed().size(),
              difference.added().size());
   trace_name(kCatchUp, "difference", head->name, difference.removed().size(), difference.added().size());
-  bool changed = false;
-  result.status = apply(ACL_PCX_REMOVE_ACE, difference.removed(), &changed);
-  if (result.status == 0) result.status = apply(ACL_PCX_ADD_ACE, difference.added(), &changed);
-  result.refused = result.status != 0;
-  if (changed) es_acl_start_cb_timer(head);
+  if (fill != nullptr) {
+    result.status = apply_untold(head, difference);
+  } else {
+    result.status = apply(head, difference);
+    result.refused = result.status != 0;
+  }
+  // The store may have had no memory for some, which nobody is told.
+  if (result.status == 0 && ace_count(head) != difference.listed()) result.status = ENOMEM;
   return result;
 }
 

@@ -16,13 +16,14 @@ enum class Form : uint8_t { whole, rules };
 
 struct CatchUp {
   es_acl_status status = 0;
-  bool refused = false;     // it was an update callback, or memory, that did not let a step be made
-  uint64_t generation = 0;  // connection behind which the list was read, when status is 0
+  bool refused = false;  // it was an update callback, or memory, that did not let a step be made
+  uint64_t generation =
+      0;  // connection behind which the list was read, when status is 0 or a step was refused
 };
 
 // Registers the ACL anew, so that nothing pushed before the read can come behind it, reads its list and applies the
 // difference. Each request is made once. To be called at the ACL: in a use of the delivery thread, or in its fill, which
-// then forgets what it has kept.
+// then forgets what it has kept, and tells no callbacks of the difference.
 CatchUp catch_up(es_acl_head* head, Form form, AclFill* fill);
 
 }  // namespace es_acl

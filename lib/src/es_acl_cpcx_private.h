@@ -12,8 +12,9 @@
 namespace es_acl {
 
 // es_acl_cpcx_read_acl(). *head_released says whether the head is gone: a status of 12 alone does not, for
-// the bus may have returned it.
-es_acl_status read_acl(es_acl_head* head, bool* head_released);
+// the bus may have returned it. *has_read says whether the producer has been asked: a status of 0 alone does not, for
+// there may be none.
+es_acl_status read_acl(es_acl_head* head, bool* head_released, bool* has_read);
 
 // Names as the bulk operations take them: fields that lie back to back.
 struct NameField {

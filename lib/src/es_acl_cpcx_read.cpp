@@ -180,9 +180,9 @@ uint32_t query_producer(const char* operation, es_acl_head* head) {
 
 }  // namespace
 
-es_acl_status read_acl(es_acl_head* head, bool* head_released) {
+es_acl_status read_acl(es_acl_head* head, bool* head_released, bool* has_read) {
   constexpr char kOperation[] = "es_acl_cpcx_read_acl";
-  *head_released = false;
+  *head_released = *has_read = false;
   if (head == nullptr) {
     DBG_ERR("%s: Invalid arguments", kOperation);
     trace(kOperation, "null head", EINVAL);
@@ -194,9 +194,11 @@ es_acl_status read_acl(es_acl_head* head, bool* head_released) {
   if (ace_count(head) != 0) return 0;
   AclFill fill(head->name);
   Read read(head);
+  *has_read = true;
   rc = read.run();
   *head_released = read.head_released();
   if (rc == 0) rc = fill.finish(apply_kept_message);
+  if (fill.link_changed() && !*head_released) pcx_renew_later(head->reg_handle, 0);
   if (rc == 0) return 0;
   DBG_ERR("%s: es_acl_cpcx_read_tacl fail %s", kOperation, errcode_string(rc));
   trace(kOperation, "read failed", rc);
@@ -206,6 +208,6 @@ es_acl_status read_acl(es_acl_head* head, bool* head_released) {
 }  // namespace es_acl
 
 es_acl_status es_acl_cpcx_read_acl(es_acl_head* head) {
-  bool head_released = false;
-  return es_acl::read_acl(head, &head_released);
+  bool head_released = false, has_read = false;
+  return es_acl::read_acl(head, &head_released, &has_read);
 }

@@ -229,6 +229,10 @@ es_acl_status es_acl_cpcx_read_acl_bulk(es_acl_head* const* aclhead_type, const 
   const auto* const names = reinterpret_cast<const NameField*>(acl_names);
   for (uint32_t i = 0; i < count; ++i) fills.begin(names[i].text);
   const BulkAcls acls = {aclhead_type, names, num_aces, num_rem_aces, count};
-  const uint32_t rc = BulkRead(acls, published_address()).run();
-  return rc == 0 ? fills.finish(apply_kept_message) : rc;
+  uint32_t rc = BulkRead(acls, published_address()).run();
+  if (rc == 0) rc = fills.finish(apply_kept_message);
+  for (uint32_t i = 0; i < count && fills.link_changed(); ++i)
+    if (aclhead_type[i] != nullptr && aclhead_type[i]->reg_handle != nullptr)
+      pcx_renew_later(aclhead_type[i]->reg_handle, 0);
+  return rc;
 }

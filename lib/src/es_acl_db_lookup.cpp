@@ -40,7 +40,6 @@ void remove_acl(es_acl_head* head) {
     trace(kRelease, "pcx_unregister failed", rc);
     count_error(kCountUnregisterFailed);
   }
-  sync_leave(head->name);
   es_acl_db_owner_release(head);
 }
 
@@ -144,6 +143,7 @@ void es_acl_db_owner_release(es_acl_head* head) {
   }
   const AclTeardown teardown(head, es_acl_db_owner_release);
   if (!teardown.granted()) return;
+  sync_leave(head->name);
   free_callback_timer(__func__, head);
   drop_notify_entries(head);
   destroy_registry(head->cb_registry_a);

@@ -118,14 +118,16 @@ AclUse::AclUse(const char* its_name, const void* message, uint32_t length) : Sta
     enter_locked();
 }
 
-AclUse::AclUse(const char* its_name, LinkEvent) : Stay(Kind::use, its_name) {
+AclUse::AclUse(const char* its_name, LinkEvent event) : Stay(Kind::use, its_name) {
   const std::lock_guard lock(gate_mutex);
   auto* const fill = static_cast<AclFill*>(others_locked(*this, Kind::fill));
   kept_ = fill != nullptr;
-  if (kept_)
+  if (kept_) {
     fill->link_changed_ = true;
-  else
+    fill->link_lost_ = fill->link_lost_ || event.lost;
+  } else {
     enter_locked();
+  }
 }
 
 AclUse::AclUse(const char* its_name, WhenGone) : Stay(Kind::use, its_name) {
@@ -206,6 +208,7 @@ void AclFill::forget() {
     first_ = nullptr;
     end_ = &first_;
     lost_ = false;
+    link_lost_ = false;
   }
   while (message != nullptr) {
     Message* const done = message;
@@ -221,6 +224,7 @@ bool AclFill::has_room_locked() const {
 
 // Without memory to keep it the fill fails, and with it goes the list that would have missed the change.
 void AclFill::keep_locked(const void* message, uint32_t length) {
+  if (link_lost_) return;
   if (ending_) ++kept_at_end_;
   auto* kept = static_cast<Message*>(std::malloc(offsetof(Message, bytes) + length));
   if (kept == nullptr) {
@@ -279,6 +283,11 @@ uint32_t AclFills::finish(void (*apply)(void* message, uint32_t length)) {
 bool AclFills::link_changed() const {
   return std::any_of(fills_.get(), fills_.get() + count_,
                      [](const AclFill& fill) { return fill.link_changed(); });
+}
+
+bool AclFills::link_lost() const {
+  return std::any_of(fills_.get(), fills_.get() + count_,
+                     [](const AclFill& fill) { return fill.link_lost(); });
 }
 
 // --- Teardowns ---

@@ -56,8 +56,11 @@ class AclUse : private Stay {
   // For a pushed change: when another thread fills the ACL, the message is kept aside for it. Waits for the fill's end
   // when that has been given too many already.
   AclUse(const char* name, const void* message, uint32_t length);
-  // For an event of the link to the producer: when another thread fills the ACL, that fill notes that there was one.
-  struct LinkEvent {};
+  // For an event of the link to the producer: when another thread fills the ACL, that fill notes it, and keeps nothing
+  // more once the link is lost: what comes then belongs to another list.
+  struct LinkEvent {
+    bool lost;
+  };
   AclUse(const char* name, LinkEvent);
   // Does a teardown that was left to this use.
   ~AclUse();
@@ -103,6 +106,7 @@ class AclFill : private Stay {
   void forget();
   // After the end: something has happened to the link meanwhile.
   bool link_changed() const { return link_changed_; }
+  bool link_lost() const { return link_lost_; }
 
  private:
   friend class AclUse;
@@ -117,6 +121,7 @@ class AclFill : private Stay {
   bool lost_ = false;
   bool ending_ = false;
   bool link_changed_ = false;
+  bool link_lost_ = false;
   uint32_t kept_at_end_ = 0;  // messages that came while others were applied
 };
 
@@ -137,6 +142,7 @@ class AclFills {
   uint32_t finish(void (*apply)(void* message, uint32_t length));
   // After the end: something has happened to the link while one of them went on.
   bool link_changed() const;
+  bool link_lost() const;
 
  private:
   Buffer<AclFill> fills_;  // room for them: those that have begun are alive

@@ -33,14 +33,17 @@ uint32_t register_name(const char* name, es_acl_head* head) {
 }
 
 // A read that has met a change of connection may be of two lists, and what was pushed behind it may be missing: it is
-// made good before anybody gets the ACL.
+// made good before anybody gets the ACL. Without a producer to do so the ACL is handed out, out of touch.
 uint32_t make_whole(es_acl_head* head, AclFill& fill, uint64_t* generation) {
   constexpr int kAttempts = 3;
-  for (int i = 0; pcx_generation(es_acl_dsv_class) != *generation; ++i) {
+  uint32_t rc = 0;
+  for (int i = 0; rc == EAGAIN || pcx_generation(es_acl_dsv_class) != *generation; ++i) {
     if (i == kAttempts) return EAGAIN;
     const CatchUp result = catch_up(head, Form::whole, &fill);
-    if (result.status != 0 && result.status != EAGAIN) return result.status;
-    *generation = result.generation;
+    rc = result.status;
+    *generation = rc == ESRCH ? 0 : result.generation;
+    if (rc == ESRCH) return 0;
+    if (rc != 0 && rc != EAGAIN) return rc;
   }
   return 0;
 }
@@ -48,7 +51,7 @@ uint32_t make_whole(es_acl_head* head, AclFill& fill, uint64_t* generation) {
 uint32_t end_fill(es_acl_head* head, AclFill& fill, uint64_t generation) {
   uint32_t rc = sync_enter(head, Form::whole, generation);
   if (rc == 0) rc = fill.finish(apply_kept_message);
-  if (rc == 0 && fill.link_changed()) pcx_renew_later(head->reg_handle, 0);
+  if (rc == 0) sync_filled(head, generation, fill.link_changed(), fill.link_lost());
   return rc;
 }
 
@@ -70,9 +73,10 @@ uint32_t attach(const char* name, es_acl_head* head, AclFill& fill) {
     return rc;
   }
   void* const reg_handle = head->reg_handle;
-  bool head_released = false;
+  bool head_released = false, has_read = false;
   uint64_t generation = pcx_generation(es_acl_dsv_class);
-  rc = read_acl(head, &head_released);
+  rc = read_acl(head, &head_released, &has_read);
+  if (!has_read) generation = 0;
   if (rc == 0) rc = make_whole(head, fill, &generation);
   if (rc == 0) rc = end_fill(head, fill, generation);
   if (rc == 0) return 0;

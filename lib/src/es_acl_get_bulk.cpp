@@ -273,24 +273,23 @@ uint32_t BulkGet::register_on_bus() {
 }
 
 uint32_t BulkGet::end_fills(uint64_t generation) {
+  const auto of = [&](uint32_t k) { return heads_[k]->reg_handle != nullptr ? generation : 0; };
   uint32_t rc = 0;
-  for (uint32_t k = 0; k < created_ && rc == 0; ++k) {
-    const bool registered = heads_[k]->reg_handle != nullptr;
-    rc = sync_enter(heads_[k], Form::rules, registered ? generation : 0);
-  }
+  for (uint32_t k = 0; k < created_ && rc == 0; ++k) rc = sync_enter(heads_[k], Form::rules, of(k));
   if (rc == 0) rc = fills_.finish(apply_kept_message);
-  if (rc != 0 || !fills_.link_changed()) return rc;
+  if (rc != 0) return rc;
   for (uint32_t k = 0; k < created_; ++k)
-    if (heads_[k]->reg_handle != nullptr) pcx_renew_later(heads_[k]->reg_handle, 0);
+    sync_filled(heads_[k], generation, fills_.link_changed(), fills_.link_lost());
   return 0;
 }
 
-// A read that has met a change of connection may be of two states, and what was pushed behind it may be missing.
+// Each ACL's list comes whole, in one answer. When the connection has changed meanwhile, what was pushed behind it may be
+// missing: the ACLs are out of touch, and catch up.
 uint32_t BulkGet::read() {
-  const uint64_t generation = pcx_generation(es_acl_classhandle);
+  uint64_t generation = pcx_generation(es_acl_classhandle);
   uint32_t rc = read_acl_bulk(
       {heads_.get(), acl_names_.get(), num_aces_array_.get(), num_rem_aces_array_.get(), created_}, address_);
-  if (rc == 0 && pcx_generation(es_acl_classhandle) != generation) rc = EAGAIN;
+  if (pcx_generation(es_acl_classhandle) != generation) generation = 0;
   if (rc == 0) rc = end_fills(generation);
   if (rc != 0) DBG_ERR("%s: PCX read failed: %s", kBulk, errcode_string(rc));
   return rc;
@@ -307,7 +306,7 @@ uint32_t BulkGet::fetch() {
 void BulkGet::free_heads() {
   for (uint32_t k = 0; k < created_; ++k) {
     DBG_ERR("%s: Freeing acl_head_type for %s(%p)", kBulk, heads_[k]->name, static_cast<void*>(heads_[k]));
-    if (reg_handles_ != nullptr) heads_[k]->reg_handle = reg_handles_[k];
+    if (reg_handles_ != nullptr && heads_[k]->reg_handle == nullptr) heads_[k]->reg_handle = reg_handles_[k];
     discard_new_head(heads_[k]);
     heads_[k] = nullptr;
   }

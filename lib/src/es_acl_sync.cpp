@@ -16,6 +16,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "es_acl/es_acl_store.h"
@@ -41,17 +42,23 @@ struct Record {
   uint32_t retry_ms = 0;
 };
 
+// So that a name is found without a copy of it.
+struct Hash {
+  using is_transparent = void;
+  size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
+};
+
 // Never destroyed: the delivery thread may be at work while the process ends.
 struct Table {
   std::mutex mutex;
-  std::unordered_map<std::string, Record> records;
+  std::unordered_map<std::string, Record, Hash, std::equal_to<>> records;
   std::atomic<uint32_t> behind = 0;  // how many of them
 
   static Table& instance() {
     static Table& table = *new Table;
     return table;
   }
-  Record* find_locked(const char* name) {
+  Record* find_locked(std::string_view name) {
     const auto found = records.find(name);
     return found != records.end() ? &found->second : nullptr;
   }
@@ -116,16 +123,29 @@ void settle(es_acl_head* head, const CatchUp& result) {
   uint32_t retry_ms = 0;
   change_record(head, [&](Table& table, Record& record) -> uint32_t {
     if (result.refused) ++record.info.refusals;
+    if (result.status == 0 || result.refused) {
+      record.generation = result.generation;
+      table.set_behind_locked(record, false);
+    }
     if (result.status != 0) {
       retry_ms = next_retry(record);
-      return result.status == ESRCH ? ES_ACL_OUT_OF_TOUCH : ES_ACL_CATCHING_UP;
+      return result.status == ESRCH && !result.refused ? ES_ACL_OUT_OF_TOUCH : ES_ACL_CATCHING_UP;
     }
-    record.generation = result.generation;
     record.retry_ms = 0;
-    table.set_behind_locked(record, false);
     return ES_ACL_IN_STEP;
   });
   if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
+}
+
+// A producer that has just let a request run into its deadline is not asked for every other ACL at once: that would hold
+// the delivery thread up for as many deadlines.
+CatchUp catch_up_unless_hopeless(es_acl_head* head, Form form) {
+  constexpr uint64_t kPauseNs = 1000000000;
+  static uint64_t hopeless_until_ns = 0;  // the delivery thread's
+  if (wall_clock_ns() < hopeless_until_ns) return {.status = ETIME};
+  const CatchUp result = catch_up(head, form, nullptr);
+  hopeless_until_ns = result.status == ETIME && !result.refused ? wall_clock_ns() + kPauseNs : 0;
+  return result;
 }
 
 void renewed(es_acl_head* head, uint64_t generation) {
@@ -138,17 +158,22 @@ void renewed(es_acl_head* head, uint64_t generation) {
     table.set_behind_locked(record, true);
     return ES_ACL_CATCHING_UP;
   });
-  if (needed) settle(head, catch_up(head, form, nullptr));
+  if (needed) settle(head, catch_up_unless_hopeless(head, form));
 }
 
 void lost(es_acl_head* head) {
   change_record(head, [](Table&, Record&) -> uint32_t { return ES_ACL_OUT_OF_TOUCH; });
 }
 
+void* registration_of(es_acl_head* head) {
+  return std::atomic_ref<void*>(head->reg_handle).load(std::memory_order_relaxed);
+}
+
 // An ACL that came to be in step has been heard of at that time.
 void regard_silence(es_acl_sync_info* info) {
   const uint64_t now = wall_clock_ns();
-  const uint64_t silence_ns = std::min(pcx_silence_ms(es_acl_dsv_class) * uint64_t{1000000}, now - info->since_ns);
+  const uint64_t silence_ns =
+      std::min(pcx_silence_ms(es_acl_dsv_class) * uint64_t{1000000}, now - info->since_ns);
   if (silence_ns <= kSilentNs) return;
   info->state = ES_ACL_OUT_OF_TOUCH;
   info->since_ns = now - silence_ns;
@@ -160,6 +185,8 @@ es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation) try 
   Table& table = Table::instance();
   const std::lock_guard lock(table.mutex);
   Record& record = table.records[head->name];
+  table.set_behind_locked(record, false);
+  record = {};
   record.form = form;
   record.generation = generation;
   record.info.state = generation != 0 ? ES_ACL_IN_STEP : ES_ACL_OUT_OF_TOUCH;
@@ -170,10 +197,21 @@ es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation) try 
   return ENOMEM;
 }
 
+// The delivery thread may have registered the ACL anew meanwhile: then it sees to it itself, and the asking is in vain.
+void sync_filled(es_acl_head* head, uint64_t generation, bool link_changed, bool link_lost) {
+  if (link_lost) lost(head);
+  void* const registration = registration_of(head);
+  if (registration == nullptr) return;
+  if (generation == 0)
+    pcx_renew_later(registration, kFirstRetryMs);
+  else if (link_changed)
+    pcx_renew_later(registration, 0);
+}
+
 void sync_leave(const char* name) {
   Table& table = Table::instance();
   const std::lock_guard lock(table.mutex);
-  const auto found = table.records.find(name);
+  const auto found = table.records.find(std::string_view(name));
   if (found == table.records.end()) return;
   table.set_behind_locked(found->second, false);
   table.records.erase(found);
@@ -183,8 +221,9 @@ void sync_diverged(es_acl_head* head) {
   uint32_t retry_ms = 0;
   change_record(head, [&](Table&, Record& record) -> uint32_t {
     ++record.info.refusals;
+    if (record.info.state != ES_ACL_IN_STEP) return record.info.state;  // it is being seen to already
     retry_ms = next_retry(record);
-    return record.info.state == ES_ACL_OUT_OF_TOUCH ? ES_ACL_OUT_OF_TOUCH : ES_ACL_CATCHING_UP;
+    return ES_ACL_CATCHING_UP;
   });
   if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
 }
@@ -198,7 +237,7 @@ bool sync_takes_pushes(const char* name) {
 }
 
 void sync_link_changed(void*, const char* name, uint32_t event, uint64_t generation) {
-  const AclUse use(name, AclUse::LinkEvent());
+  const AclUse use(name, AclUse::LinkEvent{event == PCX_LINK_LOST});
   if (use.kept() || use.leaving()) return;
   es_acl_head* const head = es_acl_lookup_internal(name);
   if (head == nullptr) return;

@@ -16,6 +16,8 @@ namespace es_acl {
 // A fill is at its end: the copy is the producer's list as read behind that connection (pcx_generation(); 0: there was
 // no producer). 0 or 12.
 es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation);
+// The fill has ended: sees to it that what has happened to the link meanwhile is made good.
+void sync_filled(es_acl_head* head, uint64_t generation, bool link_changed, bool link_lost);
 // The ACL is being taken down.
 void sync_leave(const char* name);
 

@@ -242,7 +242,7 @@ void Service::registered(const pcx_peer& peer, std::string_view acl_name, bool r
     if (!audience_.renew(peer.id, acl_name)) return;
   }
   log_("process " + std::to_string(peer.pid) +
-       " is back with what it read before: changes that it may have missed are not repeated");
+       " is back with what it read before: it may have missed changes, and has to read anew");
 }
 
 void Service::unpin(uint64_t peer, std::string_view name) {

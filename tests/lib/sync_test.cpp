@@ -59,11 +59,12 @@ class Sync : public PushTest {
         if (line.starts_with(begin)) said.push_back(unnumbered(line));
     return said;
   }
-  es_acl_sync_info info() const {
+  static es_acl_sync_info info(es_acl_head* acl) {
     es_acl_sync_info now = {};
-    EXPECT_EQ(es_acl_get_sync_info(head_, &now), 0U);
+    EXPECT_EQ(es_acl_get_sync_info(acl, &now), 0U);
     return now;
   }
+  es_acl_sync_info info() const { return info(head_); }
   static std::string retry(int ms) { return "pcx_renew_later(reg:edge, " + std::to_string(ms) + ")"; }
 
   es_acl_head* head_ = nullptr;
@@ -125,9 +126,10 @@ TEST_F(Sync, ARefusedStepLeavesTheCopyAndIsTriedAgainLater) {
     EXPECT_EQ(told(), i == 0 ? lines("edge catching up", add, later) : lines(add, later));
     EXPECT_EQ(info().state, uint32_t{ES_ACL_CATCHING_UP});
     EXPECT_EQ(info().refusals, static_cast<uint32_t>(i + 1));
-    push(batch(kAdd, {{40, 4}}));
-    EXPECT_EQ(told(), Lines{}) << "not for this list";
   }
+  push(batch(kAdd, {{40, 4}}));
+  EXPECT_EQ(told(), Lines{"add(head:edge, 40=4 copy new)"})
+      << "offered, but it does not put the next try off";
   client_.answer = 0;
   serve(now);
   tell(kRenewed, 2);
@@ -141,7 +143,6 @@ TEST_F(Sync, AnUnusableReadLeavesTheCopyAndIsTriedAgain) {
   put_32(wrong_version, 4, 2);
   const std::pair<std::function<void()>, uint32_t> rows[] = {
       {[] { platform().pcx_read.next(3); }, ES_ACL_OUT_OF_TOUCH},
-      {[] { platform().pcx_read.next(failed_with(62)); }, ES_ACL_CATCHING_UP},
       {[] { platform().pcx_read.next(answer(Bytes(161))); }, ES_ACL_CATCHING_UP},
       {[] {
          platform().pcx_read.next(answer(batch(kAdd, {{20}, {20}})));
@@ -151,15 +152,20 @@ TEST_F(Sync, AnUnusableReadLeavesTheCopyAndIsTriedAgain) {
       {[] { platform().dsv_register.next(12); }, ES_ACL_CATCHING_UP},
       {[] { platform().pcx_generation.next(2), platform().pcx_generation.next(3); }, ES_ACL_CATCHING_UP},
       {[] { platform().pcx_generation.next(0); }, ES_ACL_OUT_OF_TOUCH},
+      {[] { platform().pcx_read.next(failed_with(62)); }, ES_ACL_CATCHING_UP},
   };
   for (const auto& [arrange, state] : rows) {
     arrange();
     tell(kRenewed, 2);
     EXPECT_EQ(info().state, state) << &arrange - &rows[0].first;
-    EXPECT_EQ(list(head_), (Aces{{10, 1}}));
+    push(batch(kAdd, {{40, 4}}));
+    EXPECT_EQ(list(head_), (Aces{{10, 1}})) << "a push is for another list";
     EXPECT_NE(told().back().find("pcx_renew_later(reg:edge, "), std::string::npos);
   }
   EXPECT_EQ(info().refusals, 0U);
+  clear_log();
+  tell(kRenewed, 2);
+  EXPECT_EQ(log_of("pcx_read"), Lines{}) << "nobody waits for one deadline behind the other";
 }
 
 TEST_F(Sync, ARefusedPushIsMadeUpFor) {
@@ -200,14 +206,27 @@ TEST_F(Sync, AFillThatMeetsANewConnectionIsReadAgain) {
   EXPECT_EQ(list(core), (Aces{{1}, {3}, {5}}));
 }
 
+TEST_F(Sync, ARepeatedReadThatFailsIsNoSuccess) {
+  platform().pcx_generation.next(1);
+  platform().pcx_generation.always(2);
+  platform().pcx_read.next(answer(batch(kAdd, {{1}}, "core")));
+  platform().pcx_read.next(11);
+  platform().pcx_read.next(answer(batch(kAdd, {{3}}, "core")));
+  EXPECT_EQ(list(get({"core"}).heads[0]), (Aces{{3}}));
+}
+
 // The fill is the other thread's: the event waits for its end.
 TEST_F(Sync, AnEventDuringAFillIsRepeated) {
-  platform().pcx_read.next([](void*, const void*, uint32_t, void*, uint32_t* length) {
-    std::thread([] { link_handler(nullptr, "core", kRenewed, 1); }).join();
-    return *length = 0, 0U;
-  });
-  get({"core"});
-  EXPECT_EQ(log(kLink).back(), "pcx_renew_later(reg:core, 0)");
+  for (const uint32_t event : {kRenewed, kLost}) {
+    platform().pcx_read.next([event](void*, const void*, uint32_t, void*, uint32_t* length) {
+      std::thread([event] { link_handler(nullptr, "core", event, 1); }).join();
+      return *length = 0, 0U;
+    });
+    es_acl_head* const core = get({"core"}).heads[0];
+    EXPECT_EQ(log(kLink).back(), "pcx_renew_later(reg:core, 0)");
+    EXPECT_EQ(info(core).state, uint32_t{event == kLost ? ES_ACL_OUT_OF_TOUCH : ES_ACL_IN_STEP});
+    release({core});
+  }
 }
 
 TEST_F(Sync, SilenceAndStrangers) {
