@@ -214,7 +214,7 @@ TEST(Watch, WithoutAProducerSaysSoAsTheOthersDo) {
 // told.
 TEST(Watch, CatchesUpWithARestartedProducer) {
   World world;
-  world.environment["ES_PCX_BEAT_MS"] = "100";
+  world.environment["ES_PCX_BEAT_MS"] = "500";
   world.produce({acl("edge", kBefore), acl("gone", {rule(1, "drop")})});
   Running watch(world, "es-acl watch edge"), dropped(world, "es-acl watch gone");
   watch.until("held"), dropped.until("held");
