@@ -120,7 +120,7 @@ TEST_F(BusLink, RenewLater) {
 TEST_F(BusLink, SilenceIsALoss) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   const auto stop_and_go = [&] {
-    setenv("ES_PCX_BEAT_MS", "100", 1);
+    setenv("ES_PCX_BEAT_MS", "300", 1);
     const std::string other = fresh_class();
     const Child producer("serve", name), consumer("hang", other);
     Producer here(other);
@@ -131,12 +131,12 @@ TEST_F(BusLink, SilenceIsALoss) {
     };
     const Registration registration(name, "n", recorder);
     bool good = told({"renewed 1 n"});
-    usleep(700000);  // would end it twice if no beats came
+    usleep(2000000);  // would end it twice if no beats came
     good = good && told({}) && Producer::take_log().empty() && kill(producer.pid(), SIGSTOP) == 0;
     good = good && told({"lost 1 n"}) && pcx_silence_ms(of) == UINT32_MAX;
-    usleep(350000);  // the next one is neither told of nor given up
+    usleep(1050000);  // the next one is neither told of nor given up
     good = good && told({}) && kill(producer.pid(), SIGCONT) == 0 && told({"renewed 2 n"});
-    good = good && kill(consumer.pid(), SIGSTOP) == 0 && logs(" has not answered for 300 ms");
+    good = good && kill(consumer.pid(), SIGSTOP) == 0 && logs(" has not answered for 900 ms");
     good = good && kill(consumer.pid(), SIGCONT) == 0 && logs(" answers again");
     std::filesystem::remove_all(std::filesystem::path(bus_directory()).parent_path());
     exit(good ? 0 : 1);
