@@ -109,7 +109,7 @@
   X(name_of_node, uint32_t, node_name_get, (char* name, uint32_t size), name, size)
 
 // The same for what the library asks about its link to the producer, recorded as kLink.
-#define SCRIPTED_LINK_FUNCTIONS(X)                                                            \
+#define SCRIPTED_LINK_FUNCTIONS(X)                                                           \
   X(0, uint32_t, pcx_set_link_handler, (uint32_t of, pcx_link_handler handler), of, handler) \
   X(1, uint64_t, pcx_generation, (uint32_t of), of)                                          \
   X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                          \
