@@ -73,7 +73,7 @@ uint32_t BulkRead::prepare() {
     return ENOMEM;
   }
   if (const uint32_t rc = add_up(); rc != 0) return rc;
-  ace_info_bulk_ = zeroed_large<es_acl_pcx_acl_ace>(aces_);
+  ace_info_bulk_ = zeroed<es_acl_pcx_acl_ace>(aces_);
   if (ace_info_bulk_ != nullptr) return 0;
   DBG_ERR("%s: Memory allocation failed for ace_info_bulk", kRead);
   return ENOMEM;
