@@ -70,9 +70,10 @@ class BulkGet {
   void distribute();
   void hand_out(uint32_t k);
 
-  const char* name(uint32_t i) const { return shown_or_empty(wanted_.entries[i]); }
-  static const char* shown_or_empty(const void* text) {
-    return text != nullptr ? static_cast<const char*>(text) : "";
+  // An empty one for a null.
+  const char* name(uint32_t i) const {
+    const auto* const text = static_cast<const char*>(wanted_.entries[i]);
+    return text != nullptr ? text : "";
   }
 
   const es_acl_handle_list& wanted_;

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <mutex>
 #include <new>
 #include <string>
@@ -96,21 +97,20 @@ void report(es_acl_head* head, uint32_t state) {
 }
 
 // Calls `change` with the ACL's record under the table's lock, and reports the state that it returns if that is another
-// one. False when there is no record.
+// one. Does nothing without a record.
 template <typename Change>
-bool change_record(es_acl_head* head, Change change) {
+void change_record(es_acl_head* head, Change change) {
   Table& table = Table::instance();
   uint32_t state;
   bool is_new;
   {
     const std::lock_guard lock(table.mutex);
     Record* const record = table.find_locked(head->name);
-    if (record == nullptr) return false;
+    if (record == nullptr) return;
     state = change(table, *record);
     is_new = set_state_locked(*record, state);
   }
   if (is_new) report(head, state);
-  return true;
 }
 
 // When to try again. Later each time.
@@ -140,11 +140,11 @@ void settle(es_acl_head* head, const CatchUp& result) {
 // A producer that has just let a request run into its deadline is not asked for every other ACL at once: that would hold
 // the delivery thread up for as many deadlines.
 CatchUp catch_up_unless_hopeless(es_acl_head* head, Form form) {
-  constexpr uint64_t kPauseNs = 1000000000;
-  static uint64_t hopeless_until_ns = 0;  // the delivery thread's
-  if (wall_clock_ns() < hopeless_until_ns) return {.status = ETIME};
+  using Clock = std::chrono::steady_clock;
+  static Clock::time_point hopeless_until;  // the delivery thread's
+  if (Clock::now() < hopeless_until) return {.status = ETIME};
   const CatchUp result = catch_up(head, form, nullptr);
-  hopeless_until_ns = result.status == ETIME && !result.refused ? wall_clock_ns() + kPauseNs : 0;
+  if (result.status == ETIME && !result.refused) hopeless_until = Clock::now() + std::chrono::seconds(1);
   return result;
 }
 

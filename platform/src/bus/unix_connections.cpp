@@ -26,15 +26,15 @@ void UnixConnections::join(UnixConnection& connection, const Hello& hello) {
 
 UnixPeer& UnixConnections::peer_of(const UnixConnection& connection, uint64_t token) {
   const std::pair key{connection.credentials.pid, token};
-  std::unique_ptr<UnixPeer>& slot = peers_[key];
-  if (slot == nullptr) {
+  const auto found = peers_.find(key);
+  if (found == peers_.end()) {
     auto fresh = std::make_unique<UnixPeer>();
     fresh->who = {next_peer_++, connection.credentials.pid, connection.credentials.uid};
     fresh->key = key;
     service_.peer_came(fresh->who);
-    slot = std::move(fresh);
+    return *peers_.emplace(key, std::move(fresh)).first->second;
   }
-  return *slot;
+  return *found->second;
 }
 
 void UnixConnections::give_events_to(UnixPeer& peer, UnixConnection& connection) {
