@@ -150,6 +150,16 @@ ES_ACL_API extern pthread_mutex_t es_acl_hmutex;
  * tries again. Not thread-safe. */
 ES_ACL_API es_acl_status es_acl_use_db_dll(const char* name);
 
+/* --- Looking ahead: what a store may offer beside its table --- */
+
+/* [locked] Tells the store which numbers are about to be searched for one by one, and probably changed after that, so that
+ * it may find them side by side where each search would wait for memory. A hint: the numbers need not be there, and
+ * the store may do nothing. The library tells at most 16 numbers at a time. */
+typedef void (*es_acl_look_ahead_fn)(es_acl_head* acl, const uint32_t* seqs, uint32_t num_seqs);
+
+/* Called by a store from its es_acl_api_init_funcs(). Null takes the offer back. */
+ES_ACL_API void es_acl_offer_look_ahead(es_acl_look_ahead_fn look_ahead);
+
 /* --- ACE records: the rules pool. Any thread. --- */
 
 /* A record of unspecified content, or null. Give it back with es_acl_free_rules() unless a store accepted it.

@@ -17,6 +17,7 @@
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
 #include "es_acl_state.h"
+#include "es_db_private.h"
 
 namespace es_acl {
 namespace {
@@ -29,6 +30,9 @@ constexpr char kUpdate[] = "es_acl_cpcx_handle_pcx_update_ace";
     if (prints_) [[unlikely]]  \
       DBG_DETAIL(__VA_ARGS__); \
   } while (0)
+
+// Records that are looked for side by side.
+constexpr uint32_t kSideBySide = 16;
 
 bool add_only() { return es_acl_modify_mode.load(std::memory_order_relaxed) == ES_ACL_MODIFY_ADD_ONLY; }
 
@@ -47,6 +51,7 @@ class Update {
 
  private:
   uint32_t scanned(uint32_t k) const;
+  void announce(uint32_t first, bool removals);
   es_acl_ace* look_for(uint32_t i, es_acl_iter* iter);
   void judge(uint32_t i, es_acl_ace* found);
   void scan_for_removals();
@@ -90,15 +95,25 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
   batch_.show_stored(ace.seq, found);
 }
 
+// Tells the store, at every kSideBySide-th record of a pass, which numbers are looked for from there on.
+void Update::announce(uint32_t first, bool removals) {
+  if (es_acl_look_ahead == nullptr || first % kSideBySide != 0) return;
+  uint32_t seqs[kSideBySide];
+  const uint32_t count = std::min(kSideBySide, n_ - first);
+  for (uint32_t k = 0; k < count; ++k) seqs[k] = records_[removals ? scanned(first + k) : first + k].ace.seq;
+  const AclLock lock(acl_);
+  es_acl_look_ahead(acl_, seqs, count);
+}
+
 // Some records are looked for before the first of them is looked at: what the store has found is mostly not in the
 // caches yet, and is fetched side by side. Where lines are printed the lines of each record stand together.
 void Update::scan_for_removals() {
-  constexpr uint32_t kSideBySide = 16;
   const uint32_t step = prints_ ? 1 : kSideBySide;
   es_acl_ace* found[kSideBySide];
   es_acl_iter iter = nullptr;
   for (uint32_t first = 0; first < n_; first += step) {
     const uint32_t count = std::min(step, n_ - first);
+    announce(first, true);
     for (uint32_t k = 0; k < count; ++k) found[k] = look_for(scanned(first + k), &iter);
     for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), found[k]);
   }
@@ -141,8 +156,10 @@ uint32_t Update::collect(uint32_t i, es_acl_iter* iter) {
 uint32_t Update::collect_additions() {
   batch_.clear();
   es_acl_iter iter = nullptr;
-  for (uint32_t i = 0; i < n_; ++i)
+  for (uint32_t i = 0; i < n_; ++i) {
+    if (add_only()) announce(i, false);
     if (const uint32_t rc = collect(i, &iter); rc != 0) return rc;
+  }
   return 0;
 }
 

@@ -59,6 +59,9 @@ class AclLock {
   es_acl_head* acl_;
 };
 
+// What the loaded store offers, or null.
+extern es_acl_look_ahead_fn es_acl_look_ahead;
+
 // refcount and ace_count are plain words of the record that several threads may look at.
 inline int32_t add_reference(es_acl_head* acl) {
   return std::atomic_ref<int32_t>(acl->refcount).fetch_add(1, std::memory_order_relaxed) + 1;

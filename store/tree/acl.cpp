@@ -65,7 +65,7 @@ void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq
 }
 
 void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
-  SeqIndex::Place place = index_.find_again(seq, direction, iter != nullptr ? *iter : nullptr);
+  SeqIndex::Place place = index_.find_kept(seq, direction, iter != nullptr ? *iter : nullptr);
   if (place.found) {
     const SlotId slot = place.leaf->values[place.pos];
     es_acl_ace_node* gone = slots_.node(slot);
@@ -78,26 +78,26 @@ void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
   if (iter != nullptr) *iter = SeqIndex::word(place);
 }
 
-// Who searches with a position looks at many ACEs before the first of them is changed: what the change will touch is
-// fetched while the caller waits for the ACE itself.
+// Asks for what a change of the place will touch.
 inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
   const uint32_t last = place.leaf->count - 1;
   const uint32_t before = place.pos - (place.pos != 0);
   for (const uint32_t pos : {before, std::min(place.pos, last), std::min(place.pos + 1, last)})
-    __builtin_prefetch(slots_.node(place.leaf->values[pos]), 1);
-  if (!place.found) return;
-  const auto* ace = reinterpret_cast<const char*>(slots_.ace(place.leaf->values[place.pos]));
-  __builtin_prefetch(ace);
-  __builtin_prefetch(ace + sizeof(es_acl_ace) - 1);
+    slots_.prefetch_node(place.leaf->values[pos]);
+  if (place.found) slots_.prefetch_ace(place.leaf->values[place.pos]);
+}
+
+void Acl::look_ahead(const uint32_t* seqs, uint32_t n) noexcept {
+  if (index_.one_leaf()) return;
+  SeqIndex::Place places[SeqIndex::kAhead];
+  n = std::min(n, SeqIndex::kAhead);
+  index_.look_ahead(seqs, n, places);
+  for (uint32_t i = 0; i != n; ++i) prefetch_around(places[i]);
 }
 
 es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
-  const SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
-  if (iter != nullptr) {
-    *iter = SeqIndex::word(place);
-    index_.keep(seq, place);
-    if (index_.large()) prefetch_around(place);
-  }
+  const SeqIndex::Place place = index_.find_kept(seq, direction, iter != nullptr ? *iter : nullptr);
+  if (iter != nullptr) *iter = SeqIndex::word(place);
   return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
 }
 

@@ -41,6 +41,8 @@ class Acl : public es_acl_head {
   es_acl_status add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept;
   void remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
   es_acl_ace* search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
+  // See es_acl_look_ahead_fn. What is beyond SeqIndex::kAhead numbers is left.
+  void look_ahead(const uint32_t* seqs, uint32_t n) noexcept;
   es_acl_status resequence(uint32_t start, uint32_t step, uint32_t num_skip, const uint32_t* skip) noexcept;
 
   es_acl_ace_node* sentinel() noexcept { return reinterpret_cast<es_acl_ace_node*>(&ace_first); }

@@ -30,10 +30,6 @@ struct alignas(64) Block {
   uint32_t last_key() const noexcept { return keys[count - 1]; }
   bool spans(uint32_t key) const noexcept { return count != 0 && keys[0] <= key && key <= last_key(); }
   bool holds(uint32_t key, uint32_t pos) const noexcept { return pos < count && keys[pos] == key; }
-  // Whether the key belongs between the keys before and at the place.
-  bool parts(uint32_t key, uint32_t pos) const noexcept {
-    return pos != 0 && pos < count && keys[pos - 1] < key && key < keys[pos];
-  }
 
   // The number of keys less than `key`.
   uint32_t lower_bound(uint32_t key) const noexcept {
@@ -51,11 +47,17 @@ struct alignas(64) Block {
     return pos - (pos != 0);
   }
 
-  // Asks for the cache lines that a search does not ask for at once.
-  void prefetch_rest() const noexcept {
-    __builtin_prefetch(keys);
-    for (uint32_t i = 0; i < kFanout; i += 64 / sizeof(Value)) __builtin_prefetch(values + i);
+  // Asks for what a search reads.
+  void prefetch() const noexcept {
+    for (uint32_t i = 0; i < kFanout; i += 64 / sizeof keys[0]) __builtin_prefetch(keys + i);
     __builtin_prefetch(&count);
+  }
+
+  // Asks for the values that an insertion or removal at the place moves.
+  void prefetch_values(uint32_t pos) const noexcept {
+    constexpr uint32_t kLine = 64 / sizeof(Value);
+    for (uint32_t i = pos / kLine * kLine; i <= count && i < kFanout; i += kLine)
+      __builtin_prefetch(values + i, 1);
   }
 
   void insert_at(uint32_t pos, uint32_t key, Value value) noexcept {

@@ -1,5 +1,6 @@
 #include "index.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace es_tree {
@@ -49,23 +50,44 @@ SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hin
     if (leaf->holds(seq, next)) return {leaf, next, true};
   } else {
     leaf = leaf_for(seq);
-    if (large()) leaf->prefetch_rest();
   }
   const uint32_t pos = leaf->lower_bound(seq);
   return {leaf, pos, leaf->holds(seq, pos)};
 }
 
-// The leaf is null when the place is not known, or is not the number's any more.
-inline SeqIndex::Place SeqIndex::recent(uint32_t seq) const noexcept {
-  if (recent_.empty()) return {};
-  const Recent& kept = recent_[row_of(seq)];
-  if (kept.seq != seq || kept.leaf == nullptr) return {};
-  if (kept.leaf->holds(seq, kept.pos)) return {kept.leaf, kept.pos, true};
-  return kept.leaf->parts(seq, kept.pos) ? Place{kept.leaf, kept.pos, false} : Place{};
+void SeqIndex::look_ahead(const uint32_t* seqs, uint32_t n, Place* places) noexcept {
+  void* nodes[kAhead];
+  std::fill_n(nodes, n, root_);
+  for (unsigned depth = 0; depth != height_; ++depth) {
+    for (uint32_t i = 0; i != n; ++i) {
+      const auto* inner = static_cast<Inner*>(nodes[i]);
+      nodes[i] = inner->values[inner->child_of(seqs[i])];
+      static_cast<Block<SlotId>*>(nodes[i])->prefetch();
+    }
+  }
+  for (uint32_t i = 0; i != n; ++i) {
+    auto* leaf = static_cast<Leaf*>(nodes[i]);
+    const uint32_t pos = leaf->lower_bound(seqs[i]);
+    leaf->prefetch_values(pos);
+    places[i] = {leaf, pos, leaf->holds(seqs[i], pos)};
+    kept_[row_of(seqs[i])] = {leaf, pos, seqs[i]};
+  }
 }
 
-SeqIndex::Place SeqIndex::find_again(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
-  const Place place = recent(seq);
+// The leaf is null when it is not known, or the number may have left it. Others that came or went may have moved the
+// number within its leaf.
+inline SeqIndex::Place SeqIndex::kept(uint32_t seq) const noexcept {
+  if (kept_.empty()) return {};
+  const Kept& row = kept_[row_of(seq)];
+  if (row.seq != seq || row.leaf == nullptr) return {};
+  if (row.leaf->holds(seq, row.pos)) return {row.leaf, row.pos, true};
+  if (!row.leaf->spans(seq)) return {};
+  const uint32_t pos = row.leaf->lower_bound(seq);
+  return {row.leaf, pos, row.leaf->holds(seq, pos)};
+}
+
+SeqIndex::Place SeqIndex::find_kept(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
+  const Place place = kept(seq);
   return place.leaf != nullptr ? place : find(seq, direction, hint);
 }
 
@@ -74,7 +96,7 @@ SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
     reserve_leaf();
     root_ = leftmost_ = last_ = take_leaf();
   }
-  Place place = recent(seq);
+  Place place = kept(seq);
   if (place.leaf == nullptr) {
     place.leaf = leaf_to_change(seq, hint);
     place.pos = place.leaf->lower_bound(seq);
@@ -116,7 +138,7 @@ void SeqIndex::reserve(const Path& path) {
   for (; depth != 0 && path.node[depth - 1]->full(); --depth) ++inners;
   reserve_leaf();
   reserve_inner(depth == 0 ? inners + 1 : inners);
-  if (recent_.empty()) recent_.resize(size_t{1} << kRecentBits);
+  if (kept_.empty()) kept_.resize(size_t{1} << kKeptBits);
 }
 
 Leaf* SeqIndex::take_leaf() noexcept {

@@ -13,8 +13,9 @@
 // index is, so any word whatever either names a leaf of this index or none; the leaf is then used only if it
 // has the sought number between its first and last key. So a stale word costs a descent from the root, never more.
 //
-// Recent places. Whoever searches for many numbers and then changes them all comes back for each. The places of the
-// last searches are kept in a small table by number, and a change that finds its number there needs no search. A place
+// Looking ahead. A pushed batch is searched for, number by number, and then changed. In a large ACL each search waits for
+// memory; but the numbers are told before, and the places of several are found side by side, level by level, so that
+// the waits are one. The places are kept in a small table by number, where the searches and changes find them. A place
 // is looked at before it is believed, as a position word is.
 //
 // Not thread-safe: the ACL's lock guards it.
@@ -63,12 +64,12 @@ class SeqIndex {
   // The place of `seq`, from the position if it is near. When the number is not there, only `found` says
   // something.
   Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
-  // The same for a number that has been searched for lately.
-  Place find_again(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
-  // Keeps the place that find() has just given.
-  void keep(uint32_t seq, const Place& place) noexcept {
-    if (!recent_.empty()) recent_[row_of(seq)] = {place.leaf, place.pos, seq};
-  }
+  // The same for a number that has probably been looked ahead for.
+  Place find_kept(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
+  // How many numbers look_ahead() takes.
+  static constexpr uint32_t kAhead = 16;
+  // Finds the places of n numbers, and keeps them. Only in an index of more than one leaf.
+  void look_ahead(const uint32_t* seqs, uint32_t n, Place* places) noexcept;
   // The place where `seq` is or belongs, with memory set aside for insert(). Throws std::bad_alloc; nothing
   // has changed then.
   Place prepare(uint32_t seq, es_acl_iter hint);
@@ -79,8 +80,7 @@ class SeqIndex {
   Place erase(Place place, SlotPool& pool) noexcept;
 
   Leaf* first_leaf() const noexcept { return leftmost_; }
-  // Whether there are more leaves than a processor's near caches hold anyway, with the slots that belong to them.
-  bool large() const noexcept { return height_ > 1; }
+  bool one_leaf() const noexcept { return height_ == 0; }
   // After the leaves' keys were changed (in ascending order), makes the inner nodes' keys agree.
   void rebuild_bounds() noexcept;
 
@@ -99,15 +99,15 @@ class SeqIndex {
     std::array<uint32_t, kMaxHeight> at;
   };
 
-  struct Recent {
+  struct Kept {
     Leaf* leaf = nullptr;
     uint32_t pos = 0;
     uint32_t seq = 0;
   };
-  static constexpr unsigned kRecentBits = 8;
-  static uint32_t row_of(uint32_t seq) noexcept { return seq * 2654435769u >> (32 - kRecentBits); }
+  static constexpr unsigned kKeptBits = 8;
+  static uint32_t row_of(uint32_t seq) noexcept { return seq * 2654435769u >> (32 - kKeptBits); }
 
-  Place recent(uint32_t seq) const noexcept;
+  Place kept(uint32_t seq) const noexcept;
   Leaf* leaf_for(uint32_t seq) const noexcept;
   Leaf* leaf_to_change(uint32_t seq, es_acl_iter hint) const noexcept;
   Path path_to(uint32_t seq) const noexcept;
@@ -135,7 +135,7 @@ class SeqIndex {
   Leaf* leftmost_ = nullptr;
   Leaf* last_ = nullptr;
   Path path_{};                 // of the last prepare()
-  std::vector<Recent> recent_;  // empty while there is one leaf
+  std::vector<Kept> kept_;      // empty until there have been two leaves
   SlabArray<Leaf> numbered_;    // every leaf there ever was
   Leaf* spare_leaf_ = nullptr;  // chained by next, empty
   Inner* spare_inner_ = nullptr;

@@ -29,10 +29,8 @@ SlotId SlotPool::take(SlotRun& run) {
 
 SlotId SlotPool::take_free() noexcept {
   if (const SlotId later = queue_.ahead(kAhead); later != kNoSlot) {
-    const auto* record = reinterpret_cast<const char*>(element(later));
-    __builtin_prefetch(node(later), 1);
-    __builtin_prefetch(record, 1);
-    __builtin_prefetch(record + sizeof(Element) - 1, 1);
+    prefetch(node(later), sizeof(es_acl_ace_node));
+    prefetch(element(later), sizeof(Element));
   }
   return queue_.take();
 }

@@ -50,6 +50,14 @@ class SlotPool {
   }
   es_acl_ace* ace(SlotId id) const noexcept { return &element(id)->record; }
 
+  // Asks for the cache lines that a change of the node, or a look at the ACE, touches.
+  [[gnu::always_inline]] void prefetch_node(SlotId id) const noexcept {
+    prefetch(node(id), sizeof(es_acl_ace_node));
+  }
+  [[gnu::always_inline]] void prefetch_ace(SlotId id) const noexcept {
+    prefetch(ace(id), sizeof(es_acl_ace));
+  }
+
   // A slot for the leaf whose run this is. Throws std::bad_alloc; nothing has changed then.
   SlotId take(SlotRun& run);
   // The run of a leaf that goes: other leaves may use its slots.
@@ -77,6 +85,12 @@ class SlotPool {
   static constexpr uint32_t kAhead = 8;  // how many takes before its own a free slot is asked for
   static_assert(kHugePage / kSlotBytes <= kPlaceMask, "a place in a slab has kPlaceBits bits");
 
+  // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
+  [[gnu::always_inline]] static void prefetch(const void* object, size_t size) noexcept {
+    const auto* bytes = static_cast<const char*>(object);
+    for (size_t at = 0; at < size - 1; at += 64) __builtin_prefetch(bytes + at, 1);
+    __builtin_prefetch(bytes + size - 1, 1);
+  }
   Element* element(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].elements + (id & kPlaceMask); }
   SlotId take_free() noexcept;
   void carve(SlotRun& run);

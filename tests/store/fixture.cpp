@@ -16,6 +16,8 @@ void es_acl_free_rules(es_acl_ace* rules) {
   --store_test::records_out;
 }
 
+void es_acl_offer_look_ahead(es_acl_look_ahead_fn look_ahead) { store_test::look_ahead = look_ahead; }
+
 es_acl_ace* store_test::offer(uint32_t seq, uint32_t tag) {
   auto* ace = static_cast<es_acl_ace*>(std::calloc(1, sizeof(es_acl_ace)));
   ace->seq = seq;

@@ -40,11 +40,19 @@ class Model : public AclTest, public testing::WithParamInterface<int> {
   }
 
   void apply(int operation, uint32_t seq, uint32_t direction, es_acl_iter* iter) {
+    if (random() % 4 == 0) tell_ahead(seq);
     if (operation == kAdd) add_one(seq, iter);
     if (operation == kRemove) remove_one(seq, direction, iter);
     if (operation == kRun) run(seq, direction);
     if (operation == kRenumber) renumber();
     search_one(seq, direction, iter);
+  }
+
+  // The number with others, which may have come, gone or moved when they are asked for.
+  void tell_ahead(uint32_t seq) {
+    Seqs told(random() % 20, seq);
+    for (size_t i = 1; i < told.size(); ++i) told[i] = number();
+    look_ahead(acl, told.data(), static_cast<uint32_t>(told.size()));
   }
 
   void add_one(uint32_t seq, es_acl_iter* iter) {
