@@ -138,7 +138,7 @@ void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records, Pu
       listen(listener, 8) != 0)
     _exit(1);
   pcx_producer* producer = nullptr;
-  const pcx_producer_ops ops = {serve, nullptr, nullptr};
+  const pcx_producer_ops ops = {serve, nullptr, nullptr, nullptr};
   void* user = const_cast<std::vector<es_acl_pcx_acl_ace>*>(&records);
   if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &ops, user, nullptr, &producer) != 0) {
     std::fprintf(stderr, "es_acl_bench: %s\n", pcx_producer_error());

@@ -43,7 +43,7 @@ void gather(void* user, const pcx_sync_answer* answer) {
 
 std::unique_ptr<PcxBus> PcxBus::open(Service& service, uint64_t queue_limit, bool verbose) {
   std::unique_ptr<PcxBus> bus(new PcxBus(service, verbose));
-  const pcx_producer_ops operations = {on_read, on_peer_gone, on_registered};
+  const pcx_producer_ops operations = {on_read, on_peer_gone, on_registered, nullptr};
   const pcx_producer_options bus_options = {queue_limit, log_bus_line};
   pcx_producer* producer = nullptr;
   if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &operations, bus.get(), &bus_options, &producer) != 0) {

@@ -108,6 +108,10 @@ Producer::Producer(const std::string& class_name, uint64_t queue_limit, OnRegist
       [](void* user, const pcx_peer* peer, const char* name, uint32_t renewed) {
         const auto& tell = static_cast<Producer*>(user)->on_registered;
         if (tell) tell(*peer, name, renewed);
+      },
+      [](void* user, const pcx_peer* peer, uint64_t number, const void* response, uint32_t length) {
+        const auto& tell = static_cast<Producer*>(user)->on_answer;
+        if (tell) tell(peer->pid, number, {static_cast<const char*>(response), length});
       }};
   const pcx_producer_options options = {queue_limit, keep_log_line};
   take_log();

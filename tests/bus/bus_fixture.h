@@ -64,6 +64,7 @@ class Producer {
   const OnRegistered on_registered;  // runs on the service thread
   std::atomic<int> gone{0};
   std::function<void(const pcx_peer&, const std::string&)> on_read;
+  std::function<void(int32_t pid, uint64_t number, std::string_view response)> on_answer;  // to inquiries
 
  private:
   static uint32_t read(void* user, const pcx_peer* peer, void* request, uint32_t request_length, void* answer,

@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -142,6 +143,44 @@ TEST_F(BusLink, SilenceIsALoss) {
     exit(good ? 0 : 1);
   };
   EXPECT_EXIT(stop_and_go(), testing::ExitedWithCode(0), "nothing heard from the producer for [0-9]+ ms");
+}
+
+// An inquiry comes between the messages around it, once for a name, and to no message handler.
+TEST_F(BusLink, AnInquiryHasItsPlaceAmongTheMessages) {
+  Producer producer(name);
+  std::map<uint64_t, std::string> answers;
+  producer.on_answer = [&](int32_t pid, uint64_t number, std::string_view response) {
+    const std::lock_guard lock(mutex);
+    answers[pid == getpid() ? number : 0] += std::string(response) + ".";
+  };
+  const auto answered = [&](const std::map<uint64_t, std::string>& expected) {
+    return eventually([&] { return std::lock_guard(mutex), answers == expected; });
+  };
+  const auto inquire = [&](const char* to, int expected_asked) {
+    uint64_t number = 0;
+    int asked = 0;
+    const auto note = [](void* count, const pcx_peer*) { ++*static_cast<int*>(count); };
+    EXPECT_EQ(pcx_producer_inquire(producer.get(), to, "what", 4, &number, note, &asked), 0U);
+    EXPECT_EQ(asked, expected_asked);
+  };
+  const Registration first(name, "n", recorder), second(name, "n", recorder);
+  ASSERT_TRUE(told({"renewed 1 n", "renewed 1 n"}));
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  inquire("n", 1);
+  EXPECT_TRUE(answered({{1, "."}})) << "nobody to ask there";
+  pcx_set_inquiry_handler(
+      of, [](const char* acl, void* what, uint32_t length, void** response, uint32_t* size) {
+        self->add(acl + std::string(" ") + std::string(static_cast<char*>(what), length));
+        *size = static_cast<uint32_t>(asprintf(reinterpret_cast<char**>(response), "this"));
+      });
+  recorder.during = [&, once = false]() mutable {  // all is queued before any of it is handled
+    if (!std::exchange(once, true)) inquire("n", 1), producer.push("n", "m");
+    add("message");
+  };
+  producer.push("n", "m");
+  EXPECT_TRUE(told({"message", "message", "n what", "message", "message"}));
+  inquire("m", 0);
+  EXPECT_TRUE(answered({{1, "."}, {2, "this."}}));
 }
 
 }  // namespace

@@ -83,7 +83,7 @@ uint32_t on_read(void* user, const pcx_peer*, void* request, uint32_t, void* ans
 int main(int argc, char** argv) {
   if (argc != 6) return 2;
   Faulty self = {static_cast<uint32_t>(std::atoi(argv[1])), std::atoi(argv[2]), argv[3]};
-  const pcx_producer_ops operations = {on_read, nullptr, nullptr};
+  const pcx_producer_ops operations = {on_read, nullptr, nullptr, nullptr};
   pcx_producer* producer = nullptr;
   if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &operations, &self, nullptr, &producer) != 0 ||
       pcx_producer_publish(producer, "victim") != 0) {

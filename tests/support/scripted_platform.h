@@ -109,10 +109,11 @@
   X(name_of_node, uint32_t, node_name_get, (char* name, uint32_t size), name, size)
 
 // The same for what the library asks about its link to the producer, recorded as kLink.
-#define SCRIPTED_LINK_FUNCTIONS(X)                                                           \
-  X(0, uint32_t, pcx_set_link_handler, (uint32_t of, pcx_link_handler handler), of, handler) \
-  X(1, uint64_t, pcx_generation, (uint32_t of), of)                                          \
-  X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                          \
+#define SCRIPTED_LINK_FUNCTIONS(X)                                                                 \
+  X(0, uint32_t, pcx_set_link_handler, (uint32_t of, pcx_link_handler handler), of, handler)       \
+  X(0, uint32_t, pcx_set_inquiry_handler, (uint32_t of, pcx_inquiry_handler handler), of, handler) \
+  X(1, uint64_t, pcx_generation, (uint32_t of), of)                                                \
+  X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                                \
   X(0, uint32_t, pcx_renew_later, (void* handle, uint32_t delay_ms), handle, delay_ms)
 
 namespace es_test {

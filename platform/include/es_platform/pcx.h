@@ -36,6 +36,13 @@ enum { PCX_LINK_LOST = 1, PCX_LINK_RENEWED = 2 };
  * connection and the call may be told or not. */
 typedef void (*pcx_link_handler)(void* reg_handle, const char* name, uint32_t event, uint64_t generation);
 
+/* Answers what a producer asks about a name beside its messages (pcx_producer_inquire()), as of this place among them. It is
+ * called on the delivery thread in order with the messages, without a lock, once however many registrations share the
+ * name, and has the rights of a message handler. `question` and the response are as there; an inquiry without a handler
+ * gets an empty response. The name is gone when the handler returns. */
+typedef void (*pcx_inquiry_handler)(const char* name, void* question, uint32_t length, void** response,
+                                    uint32_t* response_length);
+
 /* Context record of pcx_set_context(), 32 bytes. */
 typedef struct pcx_context_record {
   uint64_t reserved0;
@@ -70,6 +77,9 @@ PLATFORM_API uint32_t pcx_unregister(void* reg_handle);
 
 /* Sets the class's link handler; null: none. A call that is running is not waited for. 0, or 22. */
 PLATFORM_API uint32_t pcx_set_link_handler(uint32_t class_handle, pcx_link_handler handler);
+/* Sets what answers inquiries about the class's names; null: nothing. A call that is running is not waited for. 0, or
+ * 22. */
+PLATFORM_API uint32_t pcx_set_inquiry_handler(uint32_t class_handle, pcx_inquiry_handler handler);
 /* The number of the event connection that brings what is pushed to the class: 1 and up, never used again. 0 while there
  * is none: no producer, or nothing registered yet. Like pcx_read() it first sees to it that all registrations are on
  * their way, making a connection where there is none, so it may know a connection before PCX_LINK_RENEWED is told of it.

@@ -36,6 +36,10 @@ typedef struct pcx_producer_ops {
    * and behind which the consumer has read; told as soon as it can be pushed to. No lock is held: pushing from inside is
    * allowed. May be null. */
   void (*registered)(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
+  /* A consumer has answered the inquiry of that number; without bytes when it has nobody to ask there. Answers may come
+   * at any time, also long after the inquiry, or not at all. May be null. */
+  void (*inquiry_answered)(void* user, const pcx_peer* peer, uint64_t number, const void* response,
+                           uint32_t response_length);
 } pcx_producer_ops;
 
 typedef struct pcx_producer_options {
@@ -84,6 +88,14 @@ PLATFORM_API uint32_t pcx_producer_sync(pcx_producer* producer, const char* name
                                         uint32_t length, uint32_t deadline_ms,
                                         void (*gather)(void* user, const pcx_sync_answer* answer),
                                         void* user);
+
+/* Puts a question to the inquiry handler (pcx.h) of every consumer that registered `name`, behind what was pushed before,
+ * and does not wait: what they answer comes to `inquiry_answered` with *number. `asked` is called on the calling thread
+ * for each consumer to which the question is on its way, under the bus's lock: it may call nothing of the bus. 0, 12, 22.
+ * Does not block; allowed from inside an operation. */
+PLATFORM_API uint32_t pcx_producer_inquire(pcx_producer* producer, const char* name, const void* payload,
+                                           uint32_t length, uint64_t* number,
+                                           void (*asked)(void* user, const pcx_peer* peer), void* user);
 
 /* Consumers that registered the name now; all consumers for null. */
 PLATFORM_API uint32_t pcx_producer_consumers(pcx_producer* producer, const char* name);

@@ -181,6 +181,26 @@ Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* p
   return response;
 }
 
+// Asked once for the name, however many registrations share it; whoever withdraws the first of them waits for the answer.
+Response Consumer::inquire(Class& owner, uint64_t topic, void* payload, uint32_t length) {
+  Response response;
+  std::unique_lock lock(mutex_);
+  const uint64_t id = registration_after_locked(owner, topic, 0);
+  const pcx_inquiry_handler handler = owner.inquiry_handler;
+  if (id == 0 || handler == nullptr) return response;
+  const std::string name = registrations_.find(id)->second.name;
+  run_handler(lock, id, [&] { handler(name.c_str(), payload, length, &response.data, &response.length); });
+  return response;
+}
+
+uint32_t Consumer::set_inquiry_handler(uint32_t class_handle, pcx_inquiry_handler handler) {
+  std::lock_guard lock(mutex_);
+  Class* owner = class_locked(class_handle);
+  if (owner == nullptr) return EINVAL;
+  owner->inquiry_handler = handler;
+  return 0;
+}
+
 // --- The link ---
 
 // Nobody is told who registers from now on: a handler that registers its name anew each time would never see the end.

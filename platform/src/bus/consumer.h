@@ -43,6 +43,7 @@ class Consumer {
   Link* link_of_class(uint32_t class_handle);
   uint32_t set_link_handler(uint32_t class_handle, pcx_link_handler handler);
   uint32_t renew_later(void* handle, uint32_t delay_ms);
+  uint32_t set_inquiry_handler(uint32_t class_handle, pcx_inquiry_handler handler);
 
  private:
   struct Class;
@@ -64,6 +65,9 @@ class Consumer {
     Response deliver(uint64_t topic, uint32_t mtype, void* payload, uint32_t length) override {
       return home.deliver(*this, topic, mtype, payload, length);
     }
+    Response inquire(uint64_t topic, void* payload, uint32_t length) override {
+      return home.inquire(*this, topic, payload, length);
+    }
     void link_up(uint64_t generation) override { home.tell_all(*this, PCX_LINK_RENEWED, generation); }
     void link_down(uint64_t generation) override { home.tell_all(*this, PCX_LINK_LOST, generation); }
     void time_come(uint64_t generation) override { home.tell_due(*this, generation); }
@@ -75,6 +79,7 @@ class Consumer {
     std::set<uint64_t> started;                        // registrations
     std::set<std::pair<uint64_t, uint64_t>> renewals;  // when, and for which registration
     pcx_link_handler link_handler = nullptr;
+    pcx_inquiry_handler inquiry_handler = nullptr;
     KnownNames known_names;
     const std::unique_ptr<Link> link;
   };
@@ -88,6 +93,7 @@ class Consumer {
 
   // Delivery thread.
   Response deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length);
+  Response inquire(Class& owner, uint64_t topic, void* payload, uint32_t length);
   void tell_all(Class& owner, uint32_t event, uint64_t generation);
   void tell_due(Class& owner, uint64_t generation);
   void tell_one(std::unique_lock<std::mutex>& lock, uint64_t id, uint32_t event, uint64_t generation);

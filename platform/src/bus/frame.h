@@ -23,8 +23,9 @@ enum class FrameKind : uint8_t {
   mark,         // nothing but its order
   push,         // tag: topic; word: message type
   sync,         // tag: topic; order: number of the synchronous request
-  response,     // order: the request's number
+  response,     // to sync and inquiry; order: the request's number
   beat,         // still here; the consumer answers each with one
+  inquiry,      // a question beside the messages. tag: topic; order: number, as in sync
 };
 
 struct FrameHeader {
@@ -85,6 +86,7 @@ inline uint32_t frame_limit(FrameKind kind) {
     case FrameKind::push:
     case FrameKind::sync:
     case FrameKind::response:
+    case FrameKind::inquiry:
       return kMaxMessage;
     case FrameKind::answer:
       return kMaxAnswer;

@@ -82,6 +82,10 @@ uint32_t pcx_set_link_handler(uint32_t class_handle, pcx_link_handler handler) {
   return guarded([&] { return Consumer::instance().set_link_handler(class_handle, handler); });
 }
 
+uint32_t pcx_set_inquiry_handler(uint32_t class_handle, pcx_inquiry_handler handler) {
+  return guarded([&] { return Consumer::instance().set_inquiry_handler(class_handle, handler); });
+}
+
 uint64_t pcx_generation(uint32_t class_handle) {
   uint64_t generation = 0;
   guarded([&]() -> uint32_t {

@@ -179,9 +179,12 @@ void pcx_producer::forget_topic_locked(Consumer& consumer, uint64_t topic, const
 }
 
 void pcx_producer::response(const pcx_peer& peer, uint64_t number, const void* data, uint32_t length) {
-  std::lock_guard lock(mutex);
-  const auto found = questions.find(number);
-  if (found != questions.end()) found->second->settle(peer.id, 0, data, length);
+  {
+    std::lock_guard lock(mutex);
+    const auto found = questions.find(number);
+    if (found != questions.end()) return found->second->settle(peer.id, 0, data, length);
+  }
+  if (ops.inquiry_answered != nullptr) ops.inquiry_answered(user, &peer, number, data, length);
 }
 
 void pcx_producer::events_closed(const pcx_peer& peer) {
@@ -346,6 +349,21 @@ uint32_t pcx_producer_sync(pcx_producer* producer, const char* name, const void*
   if (producer == nullptr || !is_name(name) || !producer->can_carry(payload, length) || gather == nullptr)
     return EINVAL;
   return guarded([&] { return sync_all(producer, name, payload, length, deadline_ms, gather, user); });
+}
+
+uint32_t pcx_producer_inquire(pcx_producer* producer, const char* name, const void* payload, uint32_t length,
+                              uint64_t* number, void (*asked)(void* user, const pcx_peer* peer), void* user) {
+  if (producer == nullptr || !is_name(name) || !producer->can_carry(payload, length)) return EINVAL;
+  if (number == nullptr || asked == nullptr) return EINVAL;
+  return guarded([&]() -> uint32_t {
+    std::lock_guard lock(producer->mutex);
+    *number = producer->next_question++;
+    for (const Subscription& one : producer->subscriptions_locked(name)) {
+      if (one.consumer->sink->inquire(one.topic, *number, payload, length) == 0)
+        asked(user, &one.consumer->peer);
+    }
+    return 0;
+  });
 }
 
 uint32_t pcx_producer_consumers(pcx_producer* producer, const char* name) {

@@ -33,6 +33,8 @@ class Receiver {
   // `payload` is aligned to 8, may be written to, and is null when `length` is 0. The response is the
   // caller's to free.
   virtual Response deliver(uint64_t topic, uint32_t mtype, void* payload, uint32_t length) = 0;
+  // A question that is no message, in order with the messages; likewise.
+  virtual Response inquire(uint64_t topic, void* payload, uint32_t length) = 0;
   // The producer has been heard on the connection of that number (1 and up, higher each time), and what it brings comes
   // next. Then: it has ended, all that it brought has been delivered, and something may have been missed.
   virtual void link_up(uint64_t generation) = 0;
@@ -81,6 +83,7 @@ class EventSink {
   // connection is lost or its queue has just overflowed (events_closed() follows).
   virtual uint32_t push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) = 0;
   virtual uint32_t ask(uint64_t topic, uint64_t number, const void* payload, uint32_t length) = 0;
+  virtual uint32_t inquire(uint64_t topic, uint64_t number, const void* payload, uint32_t length) = 0;
 };
 
 // What happens to a producer. All on its one service thread, never under a lock of the transport's.

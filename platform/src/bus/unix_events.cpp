@@ -32,7 +32,8 @@ namespace {
 constexpr size_t kReadBuffer = 256 << 10;
 constexpr size_t kMaxUnsent =
     2 * size_t{kMaxMessage};  // changes and responses waiting for the producer to read
-constexpr FrameKinds kKinds = frame_kinds(FrameKind::push, FrameKind::sync, FrameKind::beat);
+constexpr FrameKinds kKinds =
+    frame_kinds(FrameKind::push, FrameKind::sync, FrameKind::beat, FrameKind::inquiry);
 constexpr uint64_t kMillisecond = 1000000;
 constexpr uint64_t kFirstBackoff = 10 * kMillisecond;
 constexpr uint64_t kLongestBackoff = 500 * kMillisecond;
@@ -269,14 +270,16 @@ bool UnixEvents::handle_frames(uint64_t now_ns) {
 // Payloads are handed out where they were received. Under AddressSanitizer each one gets a block of its own
 // size, so that a handler that reads past its message is caught.
 void UnixEvents::deliver(const FrameHeader& header, char* payload) {
-  const uint32_t mtype = header.kind == FrameKind::sync ? kSyncRequestType : header.word;
   void* message = header.length != 0 ? payload : nullptr;
 #if BUS_EXACT_PAYLOADS
   const std::unique_ptr<void, decltype(&std::free)> exact(std::malloc(header.length), &std::free);
   if (message != nullptr && exact != nullptr) message = std::memcpy(exact.get(), payload, header.length);
 #endif
-  const Response response = receiver_.deliver(header.tag, mtype, message, header.length);
-  if (header.kind == FrameKind::sync) respond(header.order, response);
+  const uint32_t mtype = header.kind == FrameKind::sync ? kSyncRequestType : header.word;
+  const Response response = header.kind == FrameKind::inquiry
+                                ? receiver_.inquire(header.tag, message, header.length)
+                                : receiver_.deliver(header.tag, mtype, message, header.length);
+  if (header.kind != FrameKind::push) respond(header.order, response);
   std::free(response.data);
 }
 

@@ -79,6 +79,10 @@ uint32_t UnixSink::ask(uint64_t topic, uint64_t number, const void* payload, uin
   return send(make_frame(FrameKind::sync, length, topic, 0, number), payload);
 }
 
+uint32_t UnixSink::inquire(uint64_t topic, uint64_t number, const void* payload, uint32_t length) {
+  return send(make_frame(FrameKind::inquiry, length, topic, 0, number), payload);
+}
+
 // A message that can be neither written nor queued ends the connection, whatever the reason: the consumer must
 // not miss one in between. The service thread does it.
 uint32_t UnixSink::send(const FrameHeader& header, const void* payload) {

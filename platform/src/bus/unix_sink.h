@@ -57,6 +57,7 @@ class UnixSink final : public EventSink {
 
   uint32_t push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) override;
   uint32_t ask(uint64_t topic, uint64_t number, const void* payload, uint32_t length) override;
+  uint32_t inquire(uint64_t topic, uint64_t number, const void* payload, uint32_t length) override;
 
   // --- Service thread ---
 
