@@ -8,6 +8,7 @@
 #include "es_acl/es_acl_cpcx.h"
 #include "es_acl/es_acl_wire.h"
 #include "es_acl_diag.h"
+#include "es_acl_digest_private.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
 #include "es_acl_sync_private.h"
@@ -104,6 +105,7 @@ es_acl_status es_acl_pcx_consumer_init(void* ctx, uint32_t* class_handle, uint32
   if (rc == 0) rc = bind_class(__func__, ctx, *class_handle);
   if (rc != 0) return rc;
   pcx_set_link_handler(*class_handle, sync_link_changed);
+  pcx_set_inquiry_handler(*class_handle, answer_inquiry);
   es_acl_dsv_class = *class_handle;
   es_acl_pcx_initialised.store(1, std::memory_order_relaxed);
   return 0;

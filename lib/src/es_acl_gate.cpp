@@ -130,6 +130,12 @@ AclUse::AclUse(const char* its_name, LinkEvent event) : Stay(Kind::use, its_name
   }
 }
 
+AclUse::AclUse(const char* its_name, Look) : Stay(Kind::use, its_name) {
+  const std::lock_guard lock(gate_mutex);
+  kept_ = others_locked(*this, Kind::fill) != nullptr;
+  if (!kept_) enter_locked();
+}
+
 AclUse::AclUse(const char* its_name, WhenGone) : Stay(Kind::use, its_name) {
   const std::lock_guard lock(gate_mutex);
   if (uses_of_this_thread == 0)

@@ -62,6 +62,9 @@ class AclUse : private Stay {
     bool lost;
   };
   AclUse(const char* name, LinkEvent);
+  // For a look at the ACL: what another thread is just filling is nothing to look at, and kept() says so.
+  struct Look {};
+  AclUse(const char* name, Look);
   // Does a teardown that was left to this use.
   ~AclUse();
 

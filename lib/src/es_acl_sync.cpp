@@ -236,6 +236,16 @@ bool sync_takes_pushes(const char* name) {
   return record == nullptr || !record->behind;
 }
 
+bool sync_look(const char* name, uint32_t* state, Form* form) {
+  Table& table = Table::instance();
+  const std::lock_guard lock(table.mutex);
+  const Record* const record = table.find_locked(name);
+  if (record == nullptr) return false;
+  *state = record->info.state;
+  *form = record->form;
+  return true;
+}
+
 void sync_link_changed(void*, const char* name, uint32_t event, uint64_t generation) {
   const AclUse use(name, AclUse::LinkEvent{event == PCX_LINK_LOST});
   if (use.kept() || use.leaving()) return;

@@ -26,6 +26,9 @@ void sync_diverged(es_acl_head* head);
 // False while what is pushed for the ACL belongs to a list that the copy does not have yet.
 bool sync_takes_pushes(const char* name);
 
+// The state as of this moment on the delivery thread, and what the copy has of its ACL. False: it came from no producer.
+bool sync_look(const char* name, uint32_t* state, Form* form);
+
 // Handler of the bus's link events (es_platform/pcx.h).
 void sync_link_changed(void* reg_handle, const char* name, uint32_t event, uint64_t generation);
 

@@ -32,6 +32,10 @@ class BusPort {
   // Puts a synchronous question to everyone who registered the name, and waits for the answers. std::bad_alloc.
   virtual std::vector<Answer> ask(const std::string& name, std::span<const std::byte> question,
                                   uint32_t deadline_ms) = 0;
+  // Puts a question beside the messages to everyone who registered the name, and waits for nothing: what they answer comes
+  // to Service::inquiry_answered() with the number. 0 or another status.
+  virtual uint32_t inquire(const std::string& name, std::span<const std::byte> question, uint64_t* number,
+                           std::vector<pcx_peer>* asked) = 0;
 };
 
 }  // namespace es_acl::producer

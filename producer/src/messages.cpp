@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "es_acl/es_acl_digest.h"
+
 namespace es_acl::producer {
 namespace {
 
@@ -66,6 +68,12 @@ std::vector<std::byte> resource_withdrawal(const std::string& acl_name, Question
   header.res_state = release ? 1 : 0;
   es_acl_wire_res_query_req_order(&header);
   return join(header);
+}
+
+std::vector<std::byte> digest_question() {
+  es_acl_pcx_digest_req question{ES_ACL_PCX_DIGEST, ES_ACL_PCX_VERSION};
+  es_acl_wire_digest_req_order(&question);
+  return join(question);
 }
 
 std::optional<acl_pcx_cons_resp> parse_answer(std::span<const std::byte> bytes) {

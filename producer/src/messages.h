@@ -33,6 +33,9 @@ std::vector<std::byte> resource_check(const std::string& acl_name, QuestionKey k
 // Let go of them; `release`: and of what has been set aside for them.
 std::vector<std::byte> resource_withdrawal(const std::string& acl_name, QuestionKey key, bool release);
 
+// What does this consumer have of the ACL to which the question is addressed?
+std::vector<std::byte> digest_question();
+
 // A consumer's answer, in host byte order and with its texts terminated; nothing when it is not one.
 std::optional<acl_pcx_cons_resp> parse_answer(std::span<const std::byte> bytes);
 

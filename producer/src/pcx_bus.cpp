@@ -43,7 +43,7 @@ void gather(void* user, const pcx_sync_answer* answer) {
 
 std::unique_ptr<PcxBus> PcxBus::open(Service& service, uint64_t queue_limit, bool verbose) {
   std::unique_ptr<PcxBus> bus(new PcxBus(service, verbose));
-  const pcx_producer_ops operations = {on_read, on_peer_gone, on_registered, nullptr};
+  const pcx_producer_ops operations = {on_read, on_peer_gone, on_registered, on_inquiry_answered};
   const pcx_producer_options bus_options = {queue_limit, log_bus_line};
   pcx_producer* producer = nullptr;
   if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &operations, bus.get(), &bus_options, &producer) != 0) {
@@ -51,6 +51,7 @@ std::unique_ptr<PcxBus> PcxBus::open(Service& service, uint64_t queue_limit, boo
     return nullptr;
   }
   bus->producer_.reset(producer);
+  service.attach(bus.get());
   return bus;
 }
 
@@ -85,6 +86,12 @@ void PcxBus::on_registered(void* user, const pcx_peer* peer, const char* name, u
   }
 }
 
+void PcxBus::on_inquiry_answered(void* user, const pcx_peer* peer, uint64_t number, const void* response,
+                                 uint32_t response_length) {
+  static_cast<PcxBus*>(user)->service_.inquiry_answered(
+      *peer, number, {static_cast<const std::byte*>(response), response_length});
+}
+
 // --- What a change needs ---
 
 uint32_t PcxBus::publish(const std::string& name) {
@@ -110,6 +117,25 @@ std::vector<BusPort::Answer> PcxBus::ask(const std::string& name, std::span<cons
                         static_cast<uint32_t>(question.size()), deadline_ms, gather, &gathering);
   if (status != 0 || gathering.out_of_memory) throw std::bad_alloc();
   return std::move(gathering.answers);
+}
+
+uint32_t PcxBus::inquire(const std::string& name, std::span<const std::byte> question, uint64_t* number,
+                         std::vector<pcx_peer>* asked) {
+  struct Asked {
+    std::vector<pcx_peer>& peers;
+    bool out_of_memory;
+  } all = {*asked, false};
+  const auto note = [](void* user, const pcx_peer* peer) {
+    auto& all_asked = *static_cast<Asked*>(user);
+    try {
+      all_asked.peers.push_back(*peer);
+    } catch (const std::bad_alloc&) {
+      all_asked.out_of_memory = true;
+    }
+  };
+  const uint32_t status = pcx_producer_inquire(producer_.get(), name.c_str(), question.data(),
+                                               static_cast<uint32_t>(question.size()), number, note, &all);
+  return all.out_of_memory ? ENOMEM : status;
 }
 
 uint32_t PcxBus::optimum_message_size() {

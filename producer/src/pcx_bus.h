@@ -23,6 +23,8 @@ class PcxBus final : public BusPort {
                    std::span<const std::byte> message) noexcept override;
   std::vector<Answer> ask(const std::string& name, std::span<const std::byte> question,
                           uint32_t deadline_ms) override;
+  uint32_t inquire(const std::string& name, std::span<const std::byte> question, uint64_t* number,
+                   std::vector<pcx_peer>* asked) override;
 
   // The size at which messages travel best.
   static uint32_t optimum_message_size();
@@ -38,6 +40,8 @@ class PcxBus final : public BusPort {
                           void* answer, uint32_t capacity, uint32_t* answer_length);
   static void on_peer_gone(void* user, const pcx_peer* peer);
   static void on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
+  static void on_inquiry_answered(void* user, const pcx_peer* peer, uint64_t number, const void* response,
+                                  uint32_t response_length);
 
   Service& service_;
   const bool verbose_;

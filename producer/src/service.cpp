@@ -10,6 +10,8 @@
 namespace es_acl::producer {
 namespace {
 
+constexpr uint32_t kLongestVerificationMs = 60000;
+
 // The name in a 65-byte field; one without a terminating NUL is not as the wire format has it.
 bool read_name(const char* field, std::string_view* name) {
   const void* end = std::memchr(field, 0, ES_ACL_NAME_FIELD_SIZE);
@@ -85,6 +87,11 @@ uint32_t Service::Request::bulk_names(std::vector<std::string_view>* names) {
 
 Service::Service(DatabasePtr database, Log log) : log_(std::move(log)), database_(std::move(database)) {}
 
+void Service::attach(BusPort* bus) {
+  const std::lock_guard lock(mutex_);
+  bus_ = bus;
+}
+
 DatabasePtr Service::database() const {
   const std::lock_guard lock(mutex_);
   return database_;
@@ -116,7 +123,7 @@ uint32_t Service::answer(const pcx_peer& peer, std::span<std::byte> request, std
   Request call{peer, request, answer, 0, {}};
   const uint32_t status = dispatch(call);
   *answer_length = static_cast<uint32_t>(call.answer_length);
-  if (status != 0) {
+  if (status != 0 && status != EAGAIN) {
     log_("process " + std::to_string(peer.pid) + " (uid " + std::to_string(peer.uid) +
          "): request refused with " + std::to_string(status) + ": " + call.refusal);
   }
@@ -135,6 +142,8 @@ uint32_t Service::dispatch(Request& request) {
       return bulk_count(request);
     case ACL_PCX_READ_ACES_BULK:
       return bulk_read(request);
+    case ES_ACL_PCX_VERIFY:
+      return verify(request);
     default:
       return request.refuse("unknown sub-command " + std::to_string(command));
   }
@@ -213,10 +222,42 @@ uint32_t Service::bulk_read(Request& request) {
   return 0;
 }
 
+// The question goes out under the lock under which changes are queued, and so behind those that made the present state and
+// before any other.
+uint32_t Service::verify(Request& request) {
+  if (request.bytes.size() != sizeof(es_acl_pcx_verify_req))
+    return request.refuse_length(sizeof(es_acl_pcx_verify_req));
+  auto* query = request.as<es_acl_pcx_verify_req>();
+  es_acl_wire_verify_req_order(query);
+  if (query->ver != ES_ACL_PCX_VERSION) return request.refuse_version(query->ver);
+  std::string_view name;
+  if (!read_name(query->acl_name, &name)) return request.refuse("a name without its NUL");
+  if (name.empty()) return request.refuse("no name");
+  std::optional<Verification> done;
+  {
+    const std::lock_guard lock(mutex_);
+    if (bus_ == nullptr) return EAGAIN;
+    if (!verifications_.has(request.peer.id, name)) {
+      const auto deadline = std::chrono::milliseconds(std::min(query->deadline_ms, kLongestVerificationMs));
+      const uint32_t status =
+          verifications_.begin(request.peer.id, name, database_->find(name), deadline, *bus_);
+      if (status != 0) return request.refuse("the consumers cannot be asked", status);
+    }
+    done = verifications_.take(request.peer.id, name);
+  }
+  if (!done) return EAGAIN;
+  const std::vector<std::byte> result = done->result();
+  if (result.size() > request.answer.size()) return request.refuse_size(result.size());
+  std::ranges::copy(result, request.answer.begin());
+  request.answer_length = result.size();
+  return 0;
+}
+
 // A read that is begun again, with its registration armed and its state still pinned, goes on with that state: the
 // changes behind it have been pushed.
 AclPtr Service::snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq) {
   const std::lock_guard lock(mutex_);
+  verifications_.has_read(peer, name);
   if (start_seq != 0 || audience_.is_armed(peer, name)) {
     if (const auto pins = pins_.find(peer); pins != pins_.end()) {
       if (const auto pin = pins->second.find(name); pin != pins->second.end()) return pin->second;
@@ -231,7 +272,10 @@ AclPtr Service::snapshot_for_read(uint64_t peer, std::string_view name, uint32_t
 
 DatabasePtr Service::arm_for_bulk_read(uint64_t peer, std::span<const std::string_view> names) {
   const std::lock_guard lock(mutex_);
-  for (const std::string_view name : names) audience_.arm(peer, name, Form::kRules);
+  for (const std::string_view name : names) {
+    verifications_.has_read(peer, name);
+    audience_.arm(peer, name, Form::kRules);
+  }
   return database_;
 }
 
@@ -253,8 +297,14 @@ void Service::unpin(uint64_t peer, std::string_view name) {
   if (pins->second.empty()) pins_.erase(pins);
 }
 
+void Service::inquiry_answered(const pcx_peer& peer, uint64_t number, std::span<const std::byte> answer) {
+  const std::lock_guard lock(mutex_);
+  verifications_.answered(peer, number, answer);
+}
+
 void Service::forget(const pcx_peer& peer) {
   const std::lock_guard lock(mutex_);
+  verifications_.forget(peer.id);
   pins_.erase(peer.id);
   audience_.remove_everywhere(peer.id);
 }

@@ -28,6 +28,7 @@
 #include "bus_port.h"
 #include "database.h"
 #include "outbox.h"
+#include "verification.h"
 
 namespace es_acl::producer {
 
@@ -39,6 +40,9 @@ class Service {
   // thread of the call that is the reason.
   Service(DatabasePtr database, Log log);
 
+  // The bus by which consumers are asked; before it is known nobody is.
+  void attach(BusPort* bus);
+
   DatabasePtr database() const;
   // From now on new reads see `next`; those under way go on as they began. `changes`: what differs from the present
   // one; it is pushed to those who hold the state before. std::bad_alloc, and then nothing has happened. To be called
@@ -48,12 +52,14 @@ class Service {
   std::vector<Audience::Member> audience(const std::string& acl_name) const;
 
   // Answers one request of `peer` into `answer`, and sets *answer_length. The request's bytes are converted
-  // in place. 0; 22 for a request that is not as the wire format has it; 90 (EMSGSIZE) when the answer does
+  // in place. 0; 11 when consumers are being asked, and the request is to come again; 22 for a request that is not as the wire format has it; 90 (EMSGSIZE) when the answer does
   // not fit: an answer that was cut would look complete.
   uint32_t answer(const pcx_peer& peer, std::span<std::byte> request, std::span<std::byte> answer,
                   uint32_t* answer_length);
   // The consumer has registered the ACL, anew or once more after a lost connection.
   void registered(const pcx_peer& peer, std::string_view acl_name, bool renewed);
+  // The consumer has answered an inquiry.
+  void inquiry_answered(const pcx_peer& peer, uint64_t number, std::span<const std::byte> answer);
   // The consumer is gone: its pins are let go, and it is told nothing more.
   void forget(const pcx_peer& peer);
 
@@ -68,6 +74,7 @@ class Service {
   uint32_t read(Request& request);
   uint32_t bulk_count(Request& request);
   uint32_t bulk_read(Request& request);
+  uint32_t verify(Request& request);
 
   AclPtr snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq);
   DatabasePtr arm_for_bulk_read(uint64_t peer, std::span<const std::string_view> names);
@@ -80,6 +87,8 @@ class Service {
   DatabasePtr database_;                     // never null
   std::unordered_map<uint64_t, Pins> pins_;  // by peer id; no empty ones
   Audience audience_;
+  BusPort* bus_ = nullptr;
+  Verifications verifications_;
 };
 
 }  // namespace es_acl::producer

@@ -26,7 +26,7 @@ check lib/src '(es_acl|es_platform)/[a-z_]+\.h'
 check platform/include 'es_platform/[a-z_]+\.h'
 check platform/src 'es_platform/[a-z_]+\.h'
 check store 'es_acl/[a-z_]+\.h'
-check producer 'es_acl/es_acl_(wire|types|export)\.h|es_platform/[a-z_]+\.h'
+check producer 'es_acl/es_acl_(wire|digest|types|export)\.h|es_platform/[a-z_]+\.h'
 check tools '(es_acl|es_platform)/[a-z_]+\.h'
 check examples '(es_acl|es_platform)/[a-z_]+\.h'
 

@@ -1,6 +1,7 @@
 // ACLs whose link to the producer is lost and renewed: what is read anew, what is told and changed, and what is said of it.
 #include <thread>
 
+#include "es_acl/es_acl_digest.h"
 #include "es_acl/es_acl_sync.h"
 #include "push_fixture.h"
 
@@ -17,6 +18,7 @@ void on_state(es_acl_head* acl, uint32_t state, void*) {
 }
 
 pcx_link_handler link_handler;
+pcx_inquiry_handler inquiry_handler;
 
 // Without the numbers that tell copies apart.
 std::string unnumbered(std::string line) {
@@ -30,6 +32,8 @@ class Sync : public PushTest {
   void SetUp() override {
     platform().pcx_set_link_handler.always(
         [](uint32_t, pcx_link_handler handler) { return link_handler = handler, 0U; });
+    platform().pcx_set_inquiry_handler.always(
+        [](uint32_t, pcx_inquiry_handler handler) { return inquiry_handler = handler, 0U; });
     PushTest::SetUp();
     platform().pcx_get_optimum_msg_size.always(320);
     ASSERT_EQ(es_acl_register_sync_callback(on_state, nullptr), 0U);
@@ -242,6 +246,36 @@ TEST_F(Sync, SilenceAndStrangers) {
   release({head_});
   link_handler(nullptr, "edge", kRenewed, 2);
   EXPECT_EQ(told(), Lines{});
+}
+
+// The state that the library tells when it is asked with so many bytes; UINT32_MAX when it tells nothing.
+uint32_t inquire(const char* name, size_t length = 8, uint32_t command = ES_ACL_PCX_DIGEST,
+                 uint32_t version = 1) {
+  const uint32_t words[4] = {es_acl_wire_32(command), es_acl_wire_32(version)};
+  const auto* const begin = reinterpret_cast<const unsigned char*>(words);
+  std::vector<unsigned char> question(begin, begin + length);
+  void* response = nullptr;
+  uint32_t response_length = 0;
+  inquiry_handler(name, question.data(), static_cast<uint32_t>(length), &response, &response_length);
+  EXPECT_EQ(response_length, response != nullptr ? sizeof(es_acl_pcx_digest_resp) : 0);
+  const std::unique_ptr<es_acl_pcx_digest_resp, decltype(&std::free)> answer(
+      static_cast<es_acl_pcx_digest_resp*>(response), std::free);
+  return answer != nullptr ? es_acl_wire_32(answer->state) : UINT32_MAX;
+}
+
+TEST_F(Sync, AnInquiryIsToldWhatThereIs) {
+  for (uint32_t length = 0; length <= 16; ++length)
+    EXPECT_EQ(inquire("edge", length), length == 8 ? uint32_t{ES_ACL_IN_STEP} : UINT32_MAX) << length;
+  EXPECT_EQ(inquire("edge", 8, ES_ACL_PCX_DIGEST + 1), UINT32_MAX);
+  EXPECT_EQ(inquire("edge", 8, ES_ACL_PCX_DIGEST, 2), UINT32_MAX);
+  tell(kLost, 1);
+  EXPECT_EQ(inquire("edge"), uint32_t{ES_ACL_OUT_OF_TOUCH});
+  EXPECT_EQ(inquire("nobody"), uint32_t{ES_ACL_READING});
+  platform().pcx_read.next([](void*, const void*, uint32_t, void*, uint32_t* length) {
+    std::thread([] { EXPECT_EQ(inquire("core"), uint32_t{ES_ACL_READING}); }).join();
+    return *length = 0, 0U;
+  });
+  EXPECT_EQ(inquire(get({"core"}).heads[0]->name), uint32_t{ES_ACL_IN_STEP});
 }
 
 }  // namespace

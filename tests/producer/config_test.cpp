@@ -135,6 +135,10 @@ TEST(Configuration, TheDocumentedExampleIsWhatIsSent) {
       EXPECT_EQ(sent[at], byte) << "at offset " << at;
   }
   EXPECT_EQ(at, sizeof(AceRecord));
+  es_acl_digest digest;
+  es_acl_digest_begin(&digest);
+  es_acl_digest_add(&digest, &database->find("edge")->records().front().ace);
+  EXPECT_EQ(es_acl_digest_end(&digest), std::stoull(fenced(page, "digest"), nullptr, 16));
 }
 
 }  // namespace es_acl::producer

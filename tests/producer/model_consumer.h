@@ -77,9 +77,17 @@ class ModelBus final : public BusPort {
   std::vector<Answer> ask(const std::string& name, std::span<const std::byte> question,
                           uint32_t deadline_ms) override;
 
+  uint32_t inquire(const std::string& name, std::span<const std::byte>, uint64_t* number,
+                   std::vector<pcx_peer>* asked) override {
+    for (const auto& [id, consumer] : consumers)
+      if (consumer.registered.contains(name)) asked->push_back(consumer.peer);
+    return *number = ++inquiries, 0;
+  }
+
   std::map<uint64_t, ModelConsumer> consumers;  // by peer id
   std::set<std::string> published;
   std::string unpublishable;
+  uint64_t inquiries = 0;
   std::function<void()> before_push = [] {};
 };
 

@@ -18,6 +18,7 @@ using test::bytes_of;
 using test::count_request;
 using test::make_database;
 using test::read_request;
+using test::verify_request;
 
 using Sequences = std::vector<uint32_t>;
 
@@ -39,7 +40,7 @@ class ServiceTest : public ::testing::Test {
     uint32_t length = ~0u;
     const size_t logged = log_.size();
     EXPECT_EQ(service_.answer(peer, request, answer, &length), expected_status);
-    EXPECT_EQ(log_.size() - logged, expected_status == 0 ? 0u : 1u);
+    EXPECT_EQ(log_.size() - logged, expected_status == 0 || expected_status == EAGAIN ? 0u : 1u);
     EXPECT_LE(length, expected_status == 0 ? capacity : 0);
     answer.resize(std::min<size_t>(length, capacity));
     return answer;
@@ -72,9 +73,11 @@ class ServiceTest : public ::testing::Test {
 
 // Every request, cut or prolonged to every length around its own, and with each header word wrong.
 TEST_F(ServiceTest, RefusesWhatIsNotAsTheWireFormatHasIt) {
+  service_.attach(&bus_);
   constexpr size_t kNameEnd = offsetof(acl_pcx_query_req, acl_name) + ES_ACL_NAME_MAX;
   const std::pair<Bytes, size_t> requests[] = {{bytes_of(count_request(longest_)), kNameEnd},
                                                {bytes_of(read_request(longest_, 0, 1)), kNameEnd},
+                                               {bytes_of(verify_request(longest_)), kNameEnd},
                                                {bulk_count_, bulk_count_.size() - 1},
                                                {bulk_read_, bulk_read_.size() - 1}};
   for (const auto& [good, name_end] : requests) {
@@ -100,12 +103,14 @@ TEST_F(ServiceTest, RefusesWhatIsNotAsTheWireFormatHasIt) {
 }
 
 TEST_F(ServiceTest, NeverCutsAnAnswer) {
+  service_.attach(&bus_);
   const struct {
     Bytes request;
     size_t needed;
   } table[] = {{bytes_of(count_request("a")), sizeof(acl_pcx_query_resp)},
                {bytes_of(read_request("a", 0, 100)), 5 * sizeof(AceRecord)},
                {bytes_of(read_request("a", 0, 2)), 2 * sizeof(AceRecord)},
+               {bytes_of(verify_request("a")), sizeof(es_acl_pcx_verify_resp)},
                {bulk_count_, 5 * sizeof(acl_pcx_query_resp)},
                {bulk_read_, 7 * sizeof(AceRecord)}};
   for (const auto& [request, needed] : table) {
@@ -132,6 +137,37 @@ TEST_F(ServiceTest, AReadSeesOneStateWhateverReplacesTheDatabase) {
   EXPECT_EQ(service_.pinned(), 0u);
   EXPECT_TRUE(held.expired());
   EXPECT_EQ(read("a", 5, 2, kOther), (Sequences{11, 12}));
+}
+
+// The states that are told, consumer by consumer.
+std::vector<uint32_t> states(const Bytes& answer) {
+  std::vector<uint32_t> found;
+  es_acl_pcx_verify_client client;
+  for (size_t at = sizeof(es_acl_pcx_verify_resp); at < answer.size(); at += sizeof client) {
+    std::memcpy(&client, &answer[at], sizeof client);
+    found.push_back(es_acl_wire_32(client.copy.state));
+  }
+  return found;
+}
+
+// Of the consumers 11 reads the ACL before it answers, 12 has no answer, and 13 goes.
+TEST_F(ServiceTest, AVerificationWaitsForWhoeverCanStillAnswer) {
+  service_.attach(&bus_);
+  for (uint64_t id = 10; id <= 13; ++id)
+    bus_.consumers.emplace(id, id).first->second.register_at(service_, "a");
+  ask(bytes_of(verify_request("a")), EAGAIN);
+  bus_.consumers.at(11).read(service_, "a", 100);
+  const uint32_t in_step[6] = {es_acl_wire_32(1)};
+  for (const uint64_t id : {10, 11, 12})
+    service_.inquiry_answered(bus_.consumers.at(id).peer, 1,
+                              std::as_bytes(std::span(in_step)).first(id == 12 ? 0 : sizeof in_step));
+  ask(bytes_of(verify_request("a")), EAGAIN);
+  service_.forget(bus_.consumers.at(13).peer);
+  EXPECT_EQ(states(ask(bytes_of(verify_request("a")))), (std::vector<uint32_t>{0, 3, 3}));
+  EXPECT_EQ(states(ask(bytes_of(verify_request("a", 0)))), std::vector<uint32_t>(4, ES_ACL_NO_ANSWER));
+  for (uint64_t asker = 100; asker < 117; ++asker)
+    ask(bytes_of(verify_request("a")), EAGAIN, 4096, {asker, 1, 0});
+  EXPECT_EQ(bus_.inquiries, 2u + 16);
 }
 
 }  // namespace es_acl::producer

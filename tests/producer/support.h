@@ -10,7 +10,7 @@
 #include <string>
 
 #include "database.h"
-#include "es_acl/es_acl_wire.h"
+#include "es_acl/es_acl_digest.h"
 
 namespace es_acl::producer::test {
 
@@ -65,6 +65,13 @@ inline acl_pcx_read_req read_request(const std::string& name, uint32_t start_seq
   acl_pcx_read_req request{ACL_PCX_READ_ACES, ES_ACL_PCX_VERSION, {}, {}, start_seq, max_entries};
   es_acl_wire_set_name(request.acl_name, name.c_str());
   es_acl_wire_read_req_order(&request);
+  return request;
+}
+
+inline es_acl_pcx_verify_req verify_request(const std::string& name, uint32_t deadline_ms = 60000) {
+  es_acl_pcx_verify_req request{ES_ACL_PCX_VERIFY, ES_ACL_PCX_VERSION, {}, {}, deadline_ms};
+  es_acl_wire_set_name(request.acl_name, name.c_str());
+  es_acl_wire_verify_req_order(&request);
   return request;
 }
 
