@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <new>
 
 #include "bulk.h"
 #include "es_acl/es_acl_store.h"
@@ -284,6 +285,32 @@ Result<Counts> Client::count(const std::string& name) {
     if (auto problem = explain_empty(name)) return *problem;
   }
   return counts;
+}
+
+Result<Client::Lists> Client::verify(const std::string& name, double wait) {
+  if (auto problem = refuse(name)) return *problem;
+  struct Gathered {
+    Lists lists;
+    bool out_of_memory = false;
+  } gathered;
+  const auto gather = [](const es_acl_list_info* list, void* context) {
+    auto& all = *static_cast<Gathered*>(context);
+    try {
+      all.lists.push_back(*list);
+    } catch (const std::bad_alloc&) {
+      all.out_of_memory = true;
+    }
+  };
+  const uint32_t status = es_acl_verify(name.c_str(), static_cast<uint32_t>(wait * 1000), gather, &gathered);
+  if (gathered.out_of_memory) throw std::bad_alloc();
+  if (status == ESRCH) {
+    if (auto problem = explain_silence(name)) return *problem;
+  }
+  if (status != 0) return failure(status);
+  if (gathered.lists.size() == 1 && gathered.lists.front().num_aces == 0) {
+    if (auto problem = explain_empty(name)) return *problem;
+  }
+  return std::move(gathered.lists);
 }
 
 }  // namespace es_acl::tool

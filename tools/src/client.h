@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "es_acl/es_acl.h"
+#include "es_acl/es_acl_verify.h"
 #include "es_platform/evm.h"
 
 namespace es_acl::tool {
@@ -95,6 +96,9 @@ class Client {
   using TakeAcl = std::function<bool(const std::string& name, Result<Acl> acl)>;
   void get_all(const std::vector<std::string>& names, const TakeAcl& take);
   Result<Counts> count(const std::string& name);
+  // The producer's list first, and the clients' as es_acl_verify() tells them.
+  using Lists = std::vector<es_acl_list_info>;
+  Result<Lists> verify(const std::string& name, double wait);
 
  private:
   std::vector<Result<Acl>> get_portion(std::span<const std::string> names);

@@ -1,5 +1,9 @@
 #include "commands.h"
 
+#include <algorithm>
+
+#include "es_acl/es_acl_sync.h"
+
 namespace es_acl::tool {
 
 namespace {
@@ -10,6 +14,10 @@ Verdict evaluate(es_acl_head* acl, const es_acl_match_key& frame) {
   return verdict;
 }
 
+bool is_fault(const es_acl_list_info& list) {
+  return list.state == ES_ACL_NO_ANSWER || (list.state == ES_ACL_IN_STEP && list.equal == 0);
+}
+
 class Runner {
  public:
   Runner(const Options& options, Client& client, Report& report, const Output& out)
@@ -17,17 +25,20 @@ class Runner {
 
   void run() {
     if (options_.command == Command::kCount)
-      count_all();
+      for_each_name([this](const std::string& name) { count(name); });
+    else if (options_.command == Command::kVerify)
+      for_each_name([this](const std::string& name) { verify(name); });
     else
       get_all();
   }
   int exit_code() const { return failures_.exit_code(); }
 
  private:
-  void count_all() {
+  template <typename Answer>
+  void for_each_name(Answer answer) {
     for (const std::string& name : options_.names) {
       if (out_.failed()) break;
-      count(name);
+      answer(name);
     }
   }
 
@@ -44,6 +55,14 @@ class Runner {
       report_.count(name, *counts);
     else
       tell(name, std::get<Problem>(result));
+  }
+
+  void verify(const std::string& name) {
+    const Result<Client::Lists> result = client_.verify(name, options_.wait);
+    const Client::Lists* lists = std::get_if<Client::Lists>(&result);
+    if (lists == nullptr) return tell(name, std::get<Problem>(result));
+    failures_.note(*lists);
+    report_.verify(name, *lists);
   }
 
   void tell(const std::string& name, const Result<Acl>& result) {
@@ -69,6 +88,10 @@ class Runner {
 };
 
 }  // namespace
+
+void Failures::note(const Client::Lists& lists) {
+  differs_ |= std::any_of(lists.begin(), lists.end(), is_fault);
+}
 
 int run_command(const Options& options, Client& client, Report& report, const Output& out) {
   Runner runner(options, client, report, out);

@@ -15,9 +15,14 @@ class Failures {
     missing_ = true;
     no_producer_ |= problem.state == State::kNoProducer || problem.state == State::kUnreachable;
   }
-  int exit_code() const { return no_producer_ ? kExitNoProducer : missing_ ? kExitAclMissing : kExitOk; }
+  void note(const Client::Lists& lists);
+  int exit_code() const {
+    if (differs_) return kExitDiffers;
+    return no_producer_ ? kExitNoProducer : missing_ ? kExitAclMissing : kExitOk;
+  }
 
  private:
+  bool differs_ = false;
   bool missing_ = false;
   bool no_producer_ = false;
 };

@@ -21,6 +21,7 @@ class JsonReport : public Report {
   void show(const std::string& name, const Acl& acl) override;
   void count(const std::string& name, const Counts& counts) override;
   void match(const std::string& name, const Verdict& verdict) override;
+  void verify(const std::string& name, const Client::Lists& lists) override;
   void problem(const std::string& name, const Problem& problem) override;
   void fatal(const Problem& problem) override;
   void finish() override { out_.put(error_.empty() ? "\n]}\n" : "\n],\n\"error\":" + error_ + "}\n"); }
@@ -86,6 +87,43 @@ void JsonReport::match(const std::string& name, const Verdict& verdict) {
     members.boolean("capture", verdict.hit.capture != 0);
     members.boolean("logging", verdict.hit.log_option != 0);
   }
+  end(members);
+}
+
+// The members of a list: of the producer's, or of one client's.
+void put_list(Members& members, const es_acl_list_info& list) {
+  members.number("entries", list.num_aces);
+  members.word("digest", digest_text(list).c_str());
+}
+
+void put_client(std::string& out, const es_acl_list_info& list) {
+  Members client(out);
+  client.number("pid", static_cast<uint32_t>(list.pid));
+  client.name("program") += quoted(list.program);
+  client.word("sync", list_state_name(list));
+  if (is_compared(list)) {
+    put_list(client, list);
+    if (list.rules_only != 0) client.boolean("remarks-left-out", true);
+    client.boolean("equal", list.equal != 0);
+  }
+  client.end();
+}
+
+void JsonReport::verify(const std::string& name, const Client::Lists& lists) {
+  Members members = begin(name, State::kOk, 0);
+  put_list(members, lists.front());
+  const char* separator = "[\n ";
+  std::string clients;
+  for (const es_acl_list_info& list : lists) {
+    if (list.pid == 0) {
+      if (list.rules_only != 0) members.word("rules-digest", digest_text(list).c_str());
+      continue;
+    }
+    clients += separator;
+    separator = ",\n ";
+    put_client(clients, list);
+  }
+  members.name("clients") += clients.empty() ? "[]" : clients + "\n]";
   end(members);
 }
 

@@ -19,7 +19,8 @@ constexpr char kFooter[] =
     "producer may take (5000); NO_COLOR switches colour off.\n\n"
     "Exit codes: 0 all ACLs were had; 1 at least one could not be had; 2 wrong command line; 3 the\n"
     "library could not be initialised; 4 there is no producer, or none can be reached; 5 the output\n"
-    "could not be written; 6 watch: the time was over before the events were there.";
+    "could not be written; 6 watch: the time was over before the events were there; 7 verify: a client\n"
+    "that is in step differs from the producer, or one did not answer.";
 
 void set_words(uint16_t (&field)[3], const MacWords& words) { std::copy(words.begin(), words.end(), field); }
 
@@ -137,6 +138,15 @@ void add_watch(CLI::App& app, Options& options) {
       ->check(CLI::Validator(CLI::IsMember({"delete-and-add", kAddOnly})).description(""));
 }
 
+void add_verify(CLI::App& app, Options& options) {
+  CLI::App& command = *app.add_subcommand(
+      "verify", "ask the producer and all clients what they have of ACLs, and tell who differs");
+  add_names(command, options);
+  command.add_option("--wait", options.wait, "wait S seconds for the clients' answers (3)")
+      ->type_name("S")
+      ->check(CLI::Validator(CLI::Range(0.001, 60.0)).description(""));
+}
+
 void describe(CLI::App& app, Options& options) {
   app.require_subcommand(1);
   app.fallthrough();
@@ -155,12 +165,14 @@ void describe(CLI::App& app, Options& options) {
             options);
   add_names(*app.add_subcommand("count", "print how many entries ACLs have"), options);
   add_match(app, options);
+  add_verify(app, options);
   add_watch(app, options);
 }
 
 Command chosen(const CLI::App& app) {
   if (app.got_subcommand("count")) return Command::kCount;
   if (app.got_subcommand("watch")) return Command::kWatch;
+  if (app.got_subcommand("verify")) return Command::kVerify;
   return app.got_subcommand("match") ? Command::kMatch : Command::kShow;
 }
 
@@ -181,6 +193,8 @@ const char* command_name(Command command) {
       return "count";
     case Command::kWatch:
       return "watch";
+    case Command::kVerify:
+      return "verify";
     case Command::kMatch:
       break;
   }

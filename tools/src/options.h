@@ -18,9 +18,10 @@ enum ExitCode {
   kExitNoProducer = 4,
   kExitOutput = 5,    // standard output could not be written
   kExitTimedOut = 6,  // the time was over before the events that were asked for
+  kExitDiffers = 7,   // a client that says that it is in step differs, or one did not answer
 };
 
-enum class Command { kShow, kCount, kMatch, kWatch };
+enum class Command { kShow, kCount, kMatch, kWatch, kVerify };
 
 struct WatchOptions {
   uint64_t count = 0;             // events to tell; 0: without end
@@ -38,6 +39,7 @@ struct Options {
   std::string store;            // empty: the default plug-in
   es_acl_match_key frame = {};  // of kMatch
   WatchOptions watch;           // of kWatch
+  double wait = 3;              // of kVerify: seconds
 };
 
 const char* command_name(Command command);

@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "entry_text.h"
+#include "es_acl/es_acl_sync.h"
 #include "fields.h"
 #include "report.h"
 
@@ -70,6 +72,7 @@ class TextReport : public Report {
   void show(const std::string& name, const Acl& acl) override;
   void count(const std::string& name, const Counts& counts) override { counts_.push_back({name, counts}); }
   void match(const std::string& name, const Verdict& verdict) override;
+  void verify(const std::string& name, const Client::Lists& lists) override;
   void problem(const std::string& name, const Problem& problem) override;
   void fatal(const Problem& problem) override { complain("", problem); }
   void finish() override;
@@ -139,6 +142,47 @@ void TextReport::match(const std::string& name, const Verdict& verdict) {
     if (verdict.hit.log_option != 0) line_ += ", log";
   }
   out_.put(line_ + " (" + frame_text(frame_) + ")\n");
+}
+
+// A line for the producer's list and for each client's.
+std::array<std::string, 6> list_row(const es_acl_list_info& list) {
+  if (list.pid == 0) {
+    const char* const what = list.rules_only != 0 ? "producer, without remarks" : "producer";
+    return {"-", what, "-", std::to_string(list.num_aces), digest_text(list), ""};
+  }
+  const std::string program = list.program[0] != '\0' ? printable(list.program) : "?";
+  if (!is_compared(list)) return {std::to_string(list.pid), program, list_state_name(list), "-", "-", ""};
+  // Who is not in step knows that it may differ.
+  std::string verdict = list.equal != 0 ? "equal" : list.state == ES_ACL_IN_STEP ? "DIFFERS" : "differs";
+  if (list.rules_only != 0) verdict += ", without remarks";
+  return {std::to_string(list.pid),      program,           list_state_name(list),
+          std::to_string(list.num_aces), digest_text(list), verdict};
+}
+
+void TextReport::verify(const std::string& name, const Client::Lists& lists) {
+  std::vector<std::array<std::string, 6>> rows = {{"Process", "Program", "State", "Entries", "Digest", ""}};
+  std::ranges::transform(lists, std::back_inserter(rows), list_row);
+  std::array<size_t, 6> widths = {};
+  for (const auto& row : rows)
+    for (size_t column = 0; column < row.size(); ++column)
+      widths[column] = std::max(widths[column], row[column].size());
+  line_.assign(first_ ? "" : "\n");
+  first_ = false;
+  put_coloured(line_, name, colour(kBold));
+  out_.put(line_ + ":\n");
+  for (const auto& row : rows) {
+    line_.clear();
+    for (size_t column = 0; column < row.size(); ++column) {
+      const std::string gap(widths[column] - row[column].size(), ' ');
+      const bool is_number = column == 0 || column == 3;
+      line_ += "  ";
+      if (is_number) line_ += gap;
+      put_coloured(line_, row[column], row[column].starts_with("DIFFERS") ? colour(kRed) : nullptr);
+      if (!is_number) line_ += gap;
+    }
+    end_line(line_);
+    out_.put(line_);
+  }
 }
 
 // What is printed so far goes out first: on a terminal the lines then stand in the order of the names.
