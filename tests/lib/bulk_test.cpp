@@ -1,9 +1,7 @@
 // Counting and reading many ACLs in one call.
-#include <numeric>
 #include <thread>
 
 #include "bulk_fixture.h"
-#include "es_acl/es_acl_wire.h"
 #include "push_fixture.h"
 
 using namespace es_test;
@@ -72,7 +70,6 @@ const Lines kCountReady = lines(
         " Invoking pcx_read to get acl types and number of aces in each acl for 3 entries entries read: 0 "
         "remaining entries: 3");
 const std::string kCountRead = "pcx_read(address:c, 211, cap 48)";
-const Lines kCountThreeReads = {kCountRead, kSleep, kCountRead, kSleep, kCountRead, kSleep};
 const std::string kCountedAll =
     "D: " + kCount + " total entries read: 3 out of 3 entries and 0 remaining entries to read";
 Lines counted(const std::string& numbers) {
@@ -117,19 +114,13 @@ const Case kCounts[] = {
        answer_bytes(48);
      },
      0,
-     lines(kCountReady, kCountThreeReads, kCountRead, kCountedAB,
+     lines(kCountReady, kCountRead, kSleep, kCountRead, kSleep, kCountRead, kSleep, kCountRead, kCountedAB,
            counted("c num_aces: 16909060 num_remark_aces: 16909059"))},
-    {"fourth_passing_failure", [] { platform().pcx_read.next(11, 4); }, 11,
-     lines(kCountReady, kCountThreeReads, kCountRead, kSleep, count_failed("0xb"))},
     {"other_failure_in_errno", [] { platform().pcx_read.next(failed_with(5)); }, 5,
      lines(kCountReady, kCountRead, count_failed("0x5"))},
-    {"transient_class_is_not_passing", [] { platform().pcx_read.next(0x80000001); }, 0x80000001,
-     lines(kCountReady, kCountRead, count_failed("0x80000001"))},
-    {"short", [] { answer_bytes(47); }, 22, lines(kCountReady, kCountRead, wrong_count_length(2, 47))},
+    {"one_less", [] { answer_bytes(32); }, 22, lines(kCountReady, kCountRead, wrong_count_length(2, 32))},
     {"one_byte_more", [] { answer_bytes(49); }, 22,
      lines(kCountReady, kCountRead, wrong_count_length(3, 49))},
-    {"longer_than_the_room", [] { answer_bytes(1600); }, 22,
-     lines(kCountReady, kCountRead, wrong_count_length(100, 1600))},
     {"third_of_another_version", [] { platform().pcx_read.next(answer(counts(2))); }, 22,
      lines(kCountReady, kCountRead, kCountedAB,
            "E: es_acl_cpcx_query_acl_count_bulk:acl_pcx_query_resp ver: crnt 1, rcv 2", "trace w")},
@@ -192,19 +183,19 @@ Lines wrong_read_length(uint32_t length) {
               "loop_cnt: 1",
           "trace w"};
 }
+constexpr size_t kPointer = 80 + offsetof(es_acl_ace, private_data);  // in the first record
 void answer_records(size_t size) {
   Bytes bytes = ace_records({5, 9, 7});
+  std::fill_n(bytes.begin() + kPointer, 8, uint8_t{1});
   bytes.resize(size);
   platform().pcx_read.next(answer(bytes));
 }
 
 const Case kReads[] = {
-    {"answered", [] {}, 0, lines(kReadReady, kReadCall, kStoredAll)},
+    {"answered", [] { answer_records(480); }, 0, lines(kReadReady, kReadCall, kStoredAll)},
     {"other_failure_in_errno", [] { platform().pcx_read.next(failed_with(5)); }, 5,
      lines(kReadReady, kReadCall, read_failed("0x5"))},
     {"one_byte_less", [] { answer_records(479); }, 22, lines(kReadReady, kReadCall, wrong_read_length(479))},
-    {"longer_than_the_room", [] { answer_records(640); }, 22,
-     lines(kReadReady, kReadCall, wrong_read_length(640))},
     {"second_of_another_version",
      [] {
        Bytes bytes = ace_records({5, 9, 7});
@@ -240,45 +231,10 @@ TEST_P(BulkRead, Sequence) {
   if (GetParam().status != 0) return;
   EXPECT_EQ(held_sequence(held("a")), (Numbers{5, 9}));
   EXPECT_EQ(held_sequence(held("c")), Numbers{7});
+  EXPECT_EQ(es_acl_search_item(held("a"), 5)->private_data, nullptr);
 }
 
 INSTANTIATE_CASES(BulkRead, kReads);
-
-// --- Requests of as many names as travel well ---
-
-TEST_F(Bulk, ThreeHundredNamesGoInThreeRequests) {
-  Acls acls;
-  Numbers aces, remarks;
-  const Lines names = numbered(300);
-  for (uint32_t i = 0; i < 300; ++i) {
-    acls[names[i]] = {Numbers(i % 3), i % 2};
-    std::iota(acls[names[i]].sequence.begin(), acls[names[i]].sequence.end(), 1000 * i);
-    aces.push_back(i % 3 + i % 2);
-    remarks.push_back(i % 2);
-  }
-  make_acls(names);
-  serve(acls);
-  const Counted counted = count(names);
-  EXPECT_EQ(counted.status, 0U);
-  EXPECT_EQ(counted.aces, aces);
-  EXPECT_EQ(counted.remarks, remarks);
-  EXPECT_EQ(log_of("pcx_read"),
-            (Lines{"pcx_read(producer, 7881, cap 4800)", "pcx_read(producer, 7881, cap 1936)",
-                   "pcx_read(producer, 3786, cap 1936)"}));
-  EXPECT_EQ(read(names, aces, remarks), 0U);
-  const Lines reads = log_of("pcx_read");
-  EXPECT_EQ(Lines(reads.begin() + 3, reads.end()),
-            (Lines{"pcx_read(producer, 7881, cap 48000)", "pcx_read(producer, 7881, cap 28800)",
-                   "pcx_read(producer, 3786, cap 9440)"}));
-  const std::vector<Bytes> sent = requests();
-  ASSERT_EQ(sent.size(), 6U);
-  for (const uint32_t half : {0U, 3U}) {
-    Lines all;
-    for (uint32_t i = 0; i < 3; ++i) append(all, names_in(sent[half + i], half == 0 ? 16 : 17));
-    EXPECT_EQ(all, names);
-  }
-  for (const std::string& name : names) EXPECT_EQ(held_sequence(held(name)), acls[name].sequence);
-}
 
 TEST_F(Bulk, RequestIsZeroBehindItsNamesAndALongNameIsCut) {
   platform().pcx_get_optimum_msg_size.always(kTwoNames);
@@ -363,12 +319,8 @@ TEST_F(Bulk, AbsentNamesAreNotSentAndCountNothing) {
   clear_log();
   EXPECT_EQ(count({"x", "y", "z"}).aces, Numbers(3, 0));
   EXPECT_EQ(log_of("pcx_read"), Lines{});
-}
-
-TEST_F(Bulk, OtherResultsOfTheLookupDoNotMatter) {
-  serve({{"a", {{1}, 0}}, {"b", {{2}, 1}}});
   platform().dsv_lookup_data.next(62);
-  EXPECT_EQ(count({"a", "b"}).aces, (Numbers{1, 2}));
+  EXPECT_EQ(count({"a", "d"}).aces, (Numbers{2, 2})) << "another failure of the lookup does not matter";
 }
 
 // --- Hostile counts and answers ---
@@ -383,31 +335,20 @@ TEST_F(Bulk, CountsThatDoNotAddUpAreRefused) {
   EXPECT_NE(read({"a", "b"}, {0x80000000, 0x80000000}, {0, 0}), 0U);
 }
 
+// The producer has more than it counted for the third ACL, which a request of its own asks for; then it has not.
 TEST_F(Bulk, NothingIsStoredBeforeTheLastAnswer) {
   platform().pcx_get_optimum_msg_size.always(kTwoNames);
   make_acls({"a", "b", "c"});
-  serve({{"a", {{1}, 0}}, {"b", {{2}, 0}}, {"c", {{3, 4}, 0}}});
-  EXPECT_EQ(read({"a", "b", "c"}, {1, 1, 1}, {0, 0, 0}), 22U);
-  EXPECT_EQ(log_of("pcx_read"),
-            (Lines{"pcx_read(producer, 146, cap 480)", "pcx_read(producer, 81, cap 160)"}));
-  EXPECT_EQ(log_of("pool_take"), Lines{});
-  EXPECT_EQ(log_of("E: ").back().substr(0, 58),
-            ("E: " + kBulkRead + " length read: 320 from producer").substr(0, 58));
-}
-
-TEST_F(Bulk, RecordIsTheConvertedBlockWithoutThePointer) {
-  make_acls({"a"});
-  Bytes wire = ace_record(0);
-  for (size_t i = 80; i < 160; ++i) wire[i] = static_cast<uint8_t>(i);
-  platform().pcx_read.next(answer(wire));
-  EXPECT_EQ(read({"a"}, {1}, {0}), 0U);
-  es_acl_pcx_acl_ace expected;
-  memcpy(&expected, wire.data(), sizeof expected);
-  es_acl_wire_acl_ace_order(&expected);
-  expected.ace.private_data = nullptr;
-  const es_acl_ace* const ace = es_acl_search_item(held("a"), 0x64656667);
-  ASSERT_NE(ace, nullptr);
-  EXPECT_EQ(memcmp(ace, &expected.ace, sizeof *ace), 0);
+  for (const Numbers& third : {Numbers{3, 4}, Numbers{3}}) {
+    serve({{"a", {{1}, 0}}, {"b", {{2}, 0}}, {"c", {third, 0}}});
+    clear_log();
+    EXPECT_EQ(read({"a", "b", "c"}, {1, 1, 1}, {0, 0, 0}), third.size() == 1 ? 0U : 22U);
+    EXPECT_EQ(log_of("pcx_read"),
+              (Lines{"pcx_read(producer, 146, cap 480)", "pcx_read(producer, 81, cap 160)"}));
+    EXPECT_EQ(log_of("pool_take").size(), third.size() == 1 ? 3U : 0U);
+  }
+  for (const uint32_t i : {0U, 1U, 2U})
+    EXPECT_EQ(held_sequence(held(std::string(1, "abc"[i]))), Numbers{i + 1});
 }
 
 // --- Pushes that arrive meanwhile ---
