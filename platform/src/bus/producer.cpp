@@ -19,7 +19,6 @@
 #include "guard.h"
 
 using es_platform::guarded;
-using es_platform::bus::Deadline;
 using es_platform::bus::EventSink;
 using es_platform::bus::kMaxMessage;
 using es_platform::bus::kMaxName;
