@@ -20,7 +20,7 @@ std::string quoted(const AclChange& change) { return "acl '" + change.name() + "
 
 // Who that is: by its own word where there is one, else by what the kernel knows.
 std::string consumer_text(const BusPort::Answer& answer) {
-  const std::string process = "process " + std::to_string(answer.peer.pid);
+  std::string process = "process " + std::to_string(answer.peer.pid);
   if (answer.response) {
     return printable(answer.response->proc_name) + " (" + process + " on " +
            printable(answer.response->node_name) + ")";

@@ -252,6 +252,7 @@ std::vector<Result<Acl>> Client::get_portion(std::span<const std::string> names)
   }
   std::vector<Result<Acl>> fetched = get_together(wanted);
   std::vector<Result<Acl>> results;
+  results.reserve(names.size());
   auto next = fetched.begin();
   for (const auto& refusal : refusals)
     results.push_back(refusal ? Result<Acl>(*refusal) : std::move(*next++));
