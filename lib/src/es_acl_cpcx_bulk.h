@@ -40,9 +40,7 @@ class BulkRequest {
   }
   void drop_last() { --names_; }
   uint32_t names() const { return names_; }
-  uint32_t length() const {
-    return uint32_t{sizeof(acl_pcx_bulk_req)} + names_ * uint32_t{sizeof(NameField)};
-  }
+  uint32_t length() const { return sizeof(acl_pcx_bulk_req) + names_ * uint32_t{sizeof(NameField)}; }
 
   // Sends what has been appended. Every attempt offers `room` bytes for the answer.
   uint32_t exchange(void* address, void* answer, uint32_t room, uint32_t* answer_length) {

@@ -67,9 +67,8 @@ bool Read::prepare() {
   request_.max_entries = max_entries_;
   records_ = uninitialised<es_acl_pcx_acl_ace>(max_entries_);
   if (records_ != nullptr) return true;
-  const uint32_t size = max_entries_ * kAceSize;
-  DBG_ERR("%s: malloc size %u failed", kReadStep, size);
-  trace(kReadStep, "no memory for a batch", size);
+  DBG_ERR("%s: malloc size %u failed", kReadStep, max_entries_ * kAceSize);
+  trace(kReadStep, "no memory for a batch", max_entries_ * kAceSize);
   return false;
 }
 

@@ -97,7 +97,7 @@ struct counters_body {
   acl_client_relay_entry main[ACL_CLIENT_RELAY_ENTRIES];
   acl_client_relay_entry error[ACL_CLIENT_RELAY_ENTRIES];
 };
-static_assert(sizeof(counters_body) == size_t{2} * 20 * 128);
+static_assert(sizeof(counters_body) == 2 * 20 * 128);
 
 // --- Kind threads ---
 

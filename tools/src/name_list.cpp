@@ -15,7 +15,7 @@ namespace es_acl::tool {
 
 namespace {
 
-constexpr size_t kMostBytes = size_t{64} * 1024 * 1024;  // of a file that is no list at all, a device perhaps
+constexpr size_t kMostBytes = 64 * 1024 * 1024;  // of a file that is no list at all, a device perhaps
 constexpr std::string_view kBlanks = " \t\r\v\f";
 
 std::string shown(const std::string& file) { return file == "-" ? "standard input" : printable(file); }

@@ -28,7 +28,7 @@ class Output {
   int error() const;
 
  private:
-  static constexpr size_t kFlushSize = size_t{256} * 1024;
+  static constexpr size_t kFlushSize = 256 * 1024;
 
   int fd_;
   int error_ = 0;

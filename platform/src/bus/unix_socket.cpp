@@ -31,7 +31,7 @@ int fill_address(const std::string& path, sockaddr_un* out) {
 // How long connect() may wait for room in the listener's queue. A zero would mean "for ever".
 void limit_connect(int fd, const Deadline& deadline) {
   const int ms = std::max(deadline.left_ms(), 1);
-  const timeval limit = {ms / 1000, ms % 1000 * 1000L};
+  const timeval limit = {ms / 1000, (ms % 1000) * 1000};
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
