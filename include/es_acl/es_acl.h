@@ -35,6 +35,7 @@
  *     thread; changes that come while a get first reads the ACL, by that get. es_acl_callback.h tells how to hear of
  *     them and how to refuse them. What is missed while the connection to the producer is down, and what a callback
  *     refuses, is made up for later: es_acl_sync.h tells how, and how to know whether a copy is the producer's list.
+ *     es_acl_verify.h compares the copies of all clients with that list.
  *  7. No exception leaves the library; where memory runs out the status is 12.
  *  8. Null arguments are refused (22, null or 0) before any lock is taken, unless an operation says otherwise.
  *  9. Nothing is ever torn down: there is no shutdown operation.

@@ -57,7 +57,7 @@ TEST(Verify, NamesWhoDiffersAndWhoDoesNotAnswer) {
       editor(world, E2E_EDITING_CLIENT " a");
   whole.until("held"), rules.until("b: held"), editor.until("edited");
   whole.signal(SIGSTOP);
-  const Ended ended = world.client("--json verify a --wait 1");
+  const Ended ended = world.client("--json verify a --wait 3");
   EXPECT_EQ(ended.code, 7);
   std::multiset<std::string> told;
   const json answer = ended.acls()[0];
