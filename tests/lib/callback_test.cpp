@@ -199,13 +199,6 @@ INSTANTIATE_CASES(Callbacks, kKinds);
 
 using Invocation = Callbacks;
 
-TEST_F(Invocation, ActionIsHandedOnAndNamed) {
-  es_acl_register_update_callback(on_update, nullptr);
-  es_acl_invoke_update_callback(acl_, 1, 3, nullptr);
-  EXPECT_EQ(log_of("on_update"), Lines{"on_update(head:edge, 1, 3, null, null)"});
-  EXPECT_TRUE(log_of("D: ").at(0).ends_with("for the acl edge batch 3 action ACL_REMOVE_ACE"));
-}
-
 TEST_F(Invocation, UsageIsTheLastAnswerUnlessOneIsYes) {
   for (int i = 0; i < 3; ++i) es_acl_register_check_usage_callback(on_usage);
   const std::tuple<Numbers, uint32_t, size_t> rows[] = {
@@ -220,8 +213,12 @@ TEST_F(Invocation, UsageIsTheLastAnswerUnlessOneIsYes) {
   }
 }
 
-// An entry may be without a function; the skip list's first number is read for the trace only when there is one.
+// A removal is named as one. An entry may be without a function; the skip list's first number is read for the trace only when there is one.
 TEST_F(Invocation, NothingIsReadOrCalledThatIsNotThere) {
+  es_acl_register_update_callback(on_update, nullptr);
+  es_acl_invoke_update_callback(acl_, 1, 3, nullptr);
+  EXPECT_EQ(log_of("on_update"), Lines{"on_update(head:edge, 1, 3, null, null)"});
+  EXPECT_TRUE(log_of("D: ").at(0).ends_with("for the acl edge batch 3 action ACL_REMOVE_ACE"));
   es_acl_register_resequence_callback(on_reseq, nullptr);
   platform().list_registry_first.next([](list_registry*, list_registry_function* function, void** context) {
     *function = nullptr;

@@ -120,14 +120,13 @@ void PrintTo(const Rule& rule, std::ostream* out) { *out << rule.name; }
 
 Client refusing = {"", 5};
 void nothing() {}
-void refuse_updates() { es_acl_register_update_callback(on_update, &refusing); }
 
 const std::string kSkipped = debug("Skipping invocation of es_acl_invoke_list");
 // Changes that are made, and those to nobody's ACL, are the model's.
 const Rule kRules[] = {
     {"addition_of_what_is_there", nothing, batch(kAdd, kStored), false, kSkipped},
-    {"addition_refused", refuse_updates, batch(kAdd, {{40}}), false,
-     error("es_acl_cpcx_pcx_update_ace failed for ACL: edge Seq: 40")},
+    {"addition_refused", [] { es_acl_register_update_callback(on_update, &refusing); }, batch(kAdd, {{40}}),
+     false, error("es_acl_cpcx_pcx_update_ace failed for ACL: edge Seq: 40")},
     {"addition_that_the_store_refuses", [] { store().add_acl_item_iter.next(12); }, batch(kAdd, {{40}}), true,
      kNotified},
     {"resequencing_refused", [] { es_acl_register_resequence_callback(on_resequence, &refusing); },
@@ -162,8 +161,8 @@ Lines looked_up(const std::string& counted) {
   return lines(counted.empty() ? Lines() : Lines{"I: Entering es_acl_lookup: name = edge", counted},
                "I: Entering es_acl_lookup_internal: name = edge", "store.acl_lookup(\"edge\")");
 }
-Lines locked(const std::string& entry, const std::string& call) {
-  return {"I: Entering : " + entry, "trylock(lock:edge)", "store." + call, "unlock(lock:edge)"};
+Lines locked(const std::string& entry, const std::string& call, const Lines& inside = {}) {
+  return lines("I: Entering : " + entry, "trylock(lock:edge)", "store." + call, inside, "unlock(lock:edge)");
 }
 std::string step(const std::string& text) { return "D: es_acl_cpcx_handle_pcx_update_ace: " + text; }
 // One record's part of the scan for removals, up to what the search found.
@@ -179,15 +178,19 @@ Lines scanned(uint32_t i, uint32_t seq, const void* found) {
 }
 const Lines kTimerStarted = {kNotified, "I: Entering es_acl_start_cb_timer for acl edge",
                              "D: es_acl_start_cb_timer: Staring the timer", "timer_one_second()"};
+// Pushes a change that starts the timer last; the log up to there.
+Lines pushed(const Bytes& message) {
+  push(message);
+  Lines shown = take_log();
+  EXPECT_TRUE(shown.back().starts_with("mtimer_leaf_start(leaf, "));
+  shown.pop_back();
+  return shown;
+}
 const Lines kNoCallbacks = {"I: Entering : es_acl_invoke_update_callback", "trace w"};
 
 TEST_F(Handler, WholeAddition) {
   const void* const stored = es_get_ace_data(head_, es_get_first_ace(head_));
-  push(batch(kAdd, {{20, 5}, {40, 1}}));
-  Lines shown = take_log();
-  ASSERT_FALSE(shown.empty());
-  EXPECT_TRUE(shown.back().starts_with("mtimer_leaf_start(leaf, "));
-  shown.pop_back();
+  const Lines shown = pushed(batch(kAdd, {{20, 5}, {40, 1}}));
   EXPECT_EQ(
       shown,
       lines(received(320, "seq 335544320 of acl edge cmd 0"), debug("ACL_PCX_ADD/REMOVE_ACE"),
@@ -202,17 +205,12 @@ TEST_F(Handler, WholeAddition) {
 
 TEST_F(Handler, WholeRemoval) {
   const void* const stored = es_get_ace_data(head_, es_get_first_ace(head_));
-  push(batch(kRemove, {{20, 99}, {40}}));
-  Lines shown = take_log();
-  shown.pop_back();
-  Lines deleted[2];
-  for (uint32_t i = 0; i < 2; ++i) {
-    const std::string seq = i == 0 ? "20" : "40";
-    deleted[i] =
-        lines(step("Removing entry " + std::to_string(i) + ": sequence: " + seq),
-              locked("es_acl_delete_item_common", "delete_entry_iter(head:edge, " + seq + ", 1, ptr)"));
-  }
-  deleted[0].insert(deleted[0].end() - 1, "pool_give(pool, stored20)");  // by the store
+  const Lines shown = pushed(batch(kRemove, {{20, 99}, {40}}));
+  const auto deleted = [](uint32_t i, const std::string& seq, const Lines& given) {
+    return lines(
+        step("Removing entry " + show(i) + ": sequence: " + seq),
+        locked("es_acl_delete_item_common", "delete_entry_iter(head:edge, " + seq + ", 1, ptr)", given));
+  };
   EXPECT_EQ(
       shown,
       lines(received(320, "seq 335544320 of acl edge cmd 16777216"), debug("ACL_PCX_ADD/REMOVE_ACE"),
@@ -220,13 +218,12 @@ TEST_F(Handler, WholeRemoval) {
             "D: es_acl_cpcx_handle_pcx_update_ace Received a batch of 2 of ACL edge for ACL_PCX_REMOVE_ACE",
             "trace w", scanned(0, 20, stored), step("adding to batch, i 0 seq 20 curr_batch_size 0"),
             scanned(1, 40, nullptr), step("calling incremental_callback for remove: batch_size 1"), "trace w",
-            kNoCallbacks, deleted[0], deleted[1], kTimerStarted));
+            kNoCallbacks, deleted(0, "20", {"pool_give(pool, stored20)"}), deleted(1, "40", {}),
+            kTimerStarted));
 }
 
 TEST_F(Handler, WholeResequencing) {
-  push(resequencing(100, 10, {120, 130}));
-  Lines shown = take_log();
-  shown.pop_back();
+  const Lines shown = pushed(resequencing(100, 10, {120, 130}));
   EXPECT_EQ(
       Lines(shown.begin(), shown.begin() + 13),
       lines(received(96, "seq 0 of acl edge cmd 167772160"), debug("ACL_PCX_RESEQ"), looked_up("main[22]"),
@@ -245,21 +242,6 @@ TEST_F(Handler, WholeResequencing) {
   push(resequencing(100, 10, {}));
   EXPECT_EQ(log_of("E:"), Lines{error("Error es_acl_resequence fail <0x4d>")});
   EXPECT_EQ(log_of("reseq(").size(), 1U) << "not called after a failure of the store";
-}
-
-TEST_F(Handler, WholeHeldQuestion) {
-  require_resource_checks();
-  push(question(kQuery, {}, {{40}, {50}}));
-  Lines shown = take_log();
-  std::erase_if(shown, [](const std::string& line) { return line.starts_with(debug("Event for seq ")); });
-  EXPECT_EQ(shown, lines("I: Entering es_acl_cpcx_handler: length: 408", "trace w",
-                         debug("mtype is PCX_CMD_WRITE"), debug("Processing ACL_PCX_QUERY_RES_AVAIL write")));
-  const Bytes second = question(kQuery, {7, 2}, {{40}, {50}});
-  fail_allocation(1);
-  push(second);
-  EXPECT_TRUE(end_allocation_failure());
-  EXPECT_EQ(log_of("E:"), Lines{error("memory allocation failed")});
-  EXPECT_EQ(ask(question(kQuery, {7, 1})), 0U) << "the first one is held";
 }
 
 // --- Answers ---
@@ -324,22 +306,31 @@ TEST_P(Answering, All176Bytes) {
 }
 INSTANTIATE_CASES(Answering, kAnswers);
 
-TEST_F(Handler, WholeAnswers) {
+// The question, which is held, and the two that ask about it: one answers and keeps it, the other drops it.
+TEST_F(Handler, WholeQuestions) {
   require_resource_checks();
-  const auto own_lines = [](const std::string& query, const std::string& name, const std::string& check) {
-    return Lines{debug("mtype PCX_CMD_PROD_SYNC_REQ"), debug("Query is " + query), debug(name),
-                 debug(check + ":Resource check required"), debug("cons_resp->rc = <0>")};
-  };
-  const auto deliver_and_show = [](const Bytes& message) {
+  const Bytes held = question(kQuery, {}, {{40}, {50}});
+  fail_allocation(1);
+  push(held);
+  EXPECT_TRUE(end_allocation_failure());
+  EXPECT_EQ(log_of("E:"), Lines{error("memory allocation failed")});
+  clear_log();
+  push(held);
+  Lines shown = take_log();
+  std::erase_if(shown, [](const std::string& line) { return line.starts_with(debug("Event for seq ")); });
+  EXPECT_EQ(shown, lines("I: Entering es_acl_cpcx_handler: length: 408", "trace w",
+                         debug("mtype is PCX_CMD_WRITE"), debug("Processing ACL_PCX_QUERY_RES_AVAIL write")));
+  const std::tuple<uint32_t, const char*, const char*> rows[] = {
+      {kQuery, "ACL_PCX_QUERY_RES_AVAIL sync req", "ACL_PCX_QUERY_RES_AVAIL"},
+      {kCancel, "ACL_PCX_CANCEL_RES_AVIAL_QUERY sync req", "ACL_PCX_CANCEL_QUERY_RES_AVAIL"}};
+  for (const auto& [command, name, check] : rows) {
     clear_log();
-    EXPECT_EQ(deliver(kSync, message), response(0, 0));
-    return log_of("D: es_acl_cpcx_handler: ");
-  };
-  push(question(kQuery, {}));
-  EXPECT_EQ(deliver_and_show(question(kQuery, {})),
-            own_lines("14", "ACL_PCX_QUERY_RES_AVAIL sync req", "ACL_PCX_QUERY_RES_AVAIL"));
-  EXPECT_EQ(deliver_and_show(question(kCancel, {})),
-            own_lines("15", "ACL_PCX_CANCEL_RES_AVIAL_QUERY sync req", "ACL_PCX_CANCEL_QUERY_RES_AVAIL"));
+    EXPECT_EQ(deliver(kSync, question(command, {})), response(0, 0));
+    EXPECT_EQ(log_of("check").size(), 1U);
+    EXPECT_EQ(log_of("D: es_acl_cpcx_handler: "),
+              (Lines{debug("mtype PCX_CMD_PROD_SYNC_REQ"), debug("Query is " + show(command)), debug(name),
+                     debug(check + std::string(":Resource check required")), debug("cons_resp->rc = <0>")}));
+  }
   deliver(kSync, usage_question("other"));
   EXPECT_EQ(log_of("D: es_acl_cpcx_handler: ").back(), debug("acl lookup for other failed"));
 }
@@ -374,16 +365,10 @@ TEST_F(Handler, EveryShorterLength) {
     }
   }
   EXPECT_EQ(ask(question(kQuery, {})), 22U) << "none of them is held";
-  for (const uint32_t type : {17U, 99U})
-    for (size_t length = 0; length < 160; ++length) expect_refused(type, Bytes(length));
-}
-
-TEST_F(Handler, ARestBehindTheLastWholeRecordIsIgnored) {
-  const Bytes message = batch(kAdd, {{40}, {50}});
-  for (size_t length = 160; length < 320; ++length) {
-    push(Bytes(message.begin(), message.begin() + static_cast<long>(length)));
-    EXPECT_EQ(held_sequence(head_), (Numbers{20, 30, 40}));
-  }
+  for (size_t length = 0; length < 320; ++length) expect_refused(length < 160 ? 17 : 99, Bytes(length % 160));
+  const Bytes two = batch(kAdd, {{40}, {50}});
+  for (long length = 160; length < 320; ++length) push(Bytes(two.begin(), two.begin() + length));
+  EXPECT_EQ(held_sequence(head_), (Numbers{20, 30, 40})) << "a rest behind the last whole record";
 }
 
 // Also where the size that they name wraps around in 32 bits.
@@ -403,22 +388,6 @@ TEST_F(Handler, CountsBeyondTheMessage) {
     }
   }
   EXPECT_EQ(ask(question(kQuery, {})), 22U);
-}
-
-TEST_F(Handler, NamesWithoutAnEnd) {
-  require_resource_checks();
-  const std::string name = long_name(64), endless = long_name(65);
-  es_acl_head* const head = hold({}, name);
-  push(batch(kAdd, {{40}}, endless));
-  EXPECT_EQ(held_sequence(head), Numbers{40});
-  push(resequencing(100, 10, {}, endless));
-  EXPECT_EQ(log_of("store.resequence").size(), 1U);
-  EXPECT_EQ(deliver(kSync, usage_question(endless)), response(0, 0));
-  push(question(kQuery, {}, {{50}}, 1, endless));
-  EXPECT_EQ(ask(question(kQuery, {}, {}, 1, endless)), 0U);
-  EXPECT_EQ(log_of("check0").size(), 1U);
-  push(batch(kRemove, {{40}}, endless));
-  EXPECT_EQ(held_sequence(head), Numbers{});
 }
 
 }  // namespace

@@ -68,16 +68,6 @@ TEST_P(OwnerFailure, EndsThere) {
   EXPECT_EQ(es_acl_db_owner_clib_init(ctx()), 0U) << "the next call starts again";
 }
 
-TEST_P(OwnerFailure, FailsTheClientInitialisation) {
-  GetParam().arrange();
-  EXPECT_EQ(es_acl_clib_init(ctx()), GetParam().status);
-  Lines expected = GetParam().expected;
-  if (es_acl_debug_get_event_handle() != nullptr)
-    expected.push_back("E: es_acl_clib_init: Failed to initialize mgr_clib: " +
-                       std::string(errcode_string(GetParam().status)));
-  EXPECT_EQ(log(), expected);
-}
-
 INSTANTIATE_CASES(OwnerFailure, kOwnerFailures);
 
 TEST_F(InitTest, Owner) {
@@ -132,12 +122,20 @@ TEST_F(InitTest, ClientWithoutProcessNameAndReportingChannel) {
             "E: es_acl_clib_init: init RELAY failed with error 12:<0xc>", consumer, kClientDone));
 }
 
-TEST_F(InitTest, FailedConsumerLeavesTheNextCallToStartAgain) {
+TEST_F(InitTest, FailedOwnerOrConsumerLeavesTheNextCallToStartAgain) {
+  platform().pthread_mutexattr_init.next(12);
+  EXPECT_EQ(es_acl_clib_init(ctx()), 12U);
+  EXPECT_EQ(take_log(), Lines{kMutex[0]});
   platform().pcx_lr_init.next(5);
   EXPECT_EQ(es_acl_clib_init(ctx()), 5U);
   EXPECT_EQ(take_log(),
             lines(kOwner, kReporting, kConsumerUpToBus, "E: es_acl_pcx_consumer_init: pcx_lr_init failed",
                   "trace w", "error[10]", "E: es_acl_clib_init: Failed to initialize PCX: <0x5>", "trace w"));
+  store().init.next(28);
+  EXPECT_EQ(es_acl_clib_init(ctx()), 28U);
+  EXPECT_EQ(log_of("E: es_acl_clib_init"),
+            Lines{"E: es_acl_clib_init: Failed to initialize mgr_clib: <0x1c>"});
+  clear_log();
   EXPECT_EQ(es_acl_clib_init(ctx()), 0U);
   EXPECT_EQ(log(), lines(kOwnerAgain, kReporting, kConsumer, kClientDone));
 }

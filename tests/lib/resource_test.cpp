@@ -174,4 +174,22 @@ TEST_F(Resources, NoMemoryForTheBatch) {
   EXPECT_FALSE(take_back(kFirst)) << "kept by the check, dropped by the withdrawal";
 }
 
+// --- Names ---
+
+// In every message: the 64 characters that can be a name count.
+TEST_F(Resources, NamesWithoutAnEnd) {
+  const std::string name = long_name(64), endless = long_name(65);
+  es_acl_head* const head = hold({}, name);
+  push(batch(kAdd, {{40}}, endless));
+  EXPECT_EQ(held_sequence(head), Numbers{40});
+  push(resequencing(100, 10, {}, endless));
+  EXPECT_EQ(log_of("store.resequence").size(), 1U);
+  EXPECT_EQ(deliver(kSync, usage_question(endless)), response(0, 0));
+  push(question(kQuery, {}, {{50}}, 1, endless));
+  EXPECT_EQ(ask(question(kQuery, {}, {}, 1, endless)), 0U);
+  EXPECT_EQ(log_of("check0").size(), 1U);
+  push(batch(kRemove, {{40}}, endless));
+  EXPECT_EQ(held_sequence(head), Numbers{});
+}
+
 }  // namespace

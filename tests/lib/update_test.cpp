@@ -183,56 +183,50 @@ TEST_F(Update, PointerBytesAreCleared) {
   EXPECT_EQ(es_acl_search_item(head_, 20)->private_data, nullptr);
 }
 
-// A store that asks for it is told what is searched for next, sixteen numbers at a time and under the lock.
-TEST_F(Update, TheStoreLooksAhead) {
+// A store that asks for it is told what is searched for next, sixteen numbers at a time and under the lock. Each pass
+// begins without a position and carries it from one store call to the next.
+TEST_F(Update, LooksAheadAndCarriesPositions) {
+  const auto seen = [](es_acl_iter* iter, uint32_t seq) {
+    record(kCall, "at " + std::to_string(reinterpret_cast<uintptr_t>(*iter)));
+    *iter = reinterpret_cast<void*>(uintptr_t{seq});
+  };
+  store().search_entry_iter.always(
+      [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) { return seen(iter, seq), nullptr; });
+  store().add_acl_item_iter.always([&](es_acl_head*, es_acl_ace*, uint32_t seq, uint32_t, es_acl_iter* iter) {
+    return seen(iter, seq), 1U;
+  });
+  store().delete_entry_iter.always(
+      [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) { seen(iter, seq); });
   es_acl_offer_look_ahead([](es_acl_head* acl, const uint32_t* seqs, uint32_t count) {
     EXPECT_EQ(pthread_mutex_trylock(&acl->lock), EBUSY);
     record(kCall, "ahead " + std::to_string(seqs[0]) + " to " + std::to_string(seqs[count - 1]));
   });
   Aces many;
   for (uint32_t seq = 101; seq <= 134; ++seq) many.push_back({seq});
-  const std::tuple<uint32_t, uint32_t, Lines> rows[] = {
-      {0, kAdd, {"ahead 134 to 119", "ahead 118 to 103", "ahead 102 to 101"}},
-      {1, kAdd, {"ahead 101 to 116", "ahead 117 to 132", "ahead 133 to 134"}},
-      {0, kRemove, {"ahead 101 to 116", "ahead 117 to 132", "ahead 133 to 134"}},
+  const std::tuple<uint32_t, uint32_t, Lines, Lines> rows[] = {
+      {0,
+       kAdd,
+       {"ahead 134 to 119", "ahead 118 to 103", "ahead 102 to 101"},
+       {"at 0", "at 70", "at 0", "at 60"}},
+      {1,
+       kAdd,
+       {"ahead 101 to 116", "ahead 117 to 132", "ahead 133 to 134"},
+       {"at 0", "at 60", "at 0", "at 60"}},
+      {0,
+       kRemove,
+       {"ahead 101 to 116", "ahead 117 to 132", "ahead 133 to 134"},
+       {"at 0", "at 60", "at 0", "at 60"}},
   };
-  for (const auto& [mode, command, told] : rows) {
+  for (const auto& [mode, command, told, positions] : rows) {
     es_acl_set_modify_mode(mode);
     clear_log();
     EXPECT_EQ(apply(command, many), 0U);
     EXPECT_EQ(log_of("ahead "), told);
-  }
-  es_acl_offer_look_ahead(nullptr);
-}
-
-// Each pass begins without a position and carries it from one store call to the next.
-TEST_F(Update, Positions) {
-  const auto seen = [](es_acl_iter* iter, uint32_t seq) {
-    record(kCall, "at " + std::to_string(reinterpret_cast<uintptr_t>(*iter)));
-    *iter = reinterpret_cast<void*>(uintptr_t{seq});
-  };
-  store().search_entry_iter.always(
-      [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) -> es_acl_ace* {
-        seen(iter, seq);
-        return nullptr;
-      });
-  store().add_acl_item_iter.always([&](es_acl_head*, es_acl_ace*, uint32_t seq, uint32_t, es_acl_iter* iter) {
-    seen(iter, seq);
-    return 1U;
-  });
-  store().delete_entry_iter.always(
-      [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) { seen(iter, seq); });
-  const std::tuple<uint32_t, uint32_t, Lines> rows[] = {
-      {0, kAdd, {"at 0", "at 70", "at 0", "at 60"}},
-      {1, kAdd, {"at 0", "at 60", "at 0", "at 60"}},
-      {0, kRemove, {"at 0", "at 60", "at 0", "at 60"}},
-  };
-  for (const auto& [mode, command, positions] : rows) {
-    es_acl_set_modify_mode(mode);
     clear_log();
     EXPECT_EQ(apply(command, {{60}, {70}}), 0U);
     EXPECT_EQ(log_of("at "), positions);
   }
+  es_acl_offer_look_ahead(nullptr);
 }
 
 }  // namespace
