@@ -20,7 +20,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr unsigned kAlarmSeconds = 60;  // sanitizers on a busy machine take their time
 constexpr std::chrono::seconds kPatience{20};
 
 std::string content(const std::string& file) {
@@ -67,7 +66,7 @@ World::World() {
 World::~World() {
   if (producer_ > 0 && kill(producer_, SIGKILL) == 0) waitpid(producer_, nullptr, 0);
   std::error_code ignored;
-  std::filesystem::remove_all(directory_, ignored);
+  if (!keep) std::filesystem::remove_all(directory_, ignored);
 }
 
 std::string World::write(const std::string& leaf, const std::string& content) const {
@@ -85,7 +84,7 @@ pid_t World::start(const std::string& command, const std::string& output) const 
   if (pid < 0) throw std::runtime_error("cannot fork");
   if (pid > 0) return pid;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  alarm(kAlarmSeconds);
+  alarm(most_seconds);
   const char* const nothing[] = {nullptr};
   if (getppid() == parent) execle("/bin/sh", "sh", "-c", script.c_str(), nullptr, nothing);
   _exit(127);

@@ -35,6 +35,10 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
+  // Every process is ended after so long.
+  unsigned most_seconds = 60;  // sanitizers on a busy machine take their time
+  // The directory stays when the world ends.
+  bool keep = false;
   // The whole environment of every process started here from now on.
   std::map<std::string, std::string> environment;
 
