@@ -15,6 +15,7 @@
 #include "es_platform/dsv.h"
 #include "es_platform/evm.h"
 #include "es_platform/pcx.h"
+#include "fetch.h"
 #include "map_store.h"
 #include "peer.h"
 
@@ -80,6 +81,8 @@ void time_fetches(benchmark::State& state, Fetch fetch, Forget forget) {
                                                 benchmark::Counter::kIsRate);
 }
 
+}  // namespace
+
 void fetch_es_acl(benchmark::State& state) {
   init_library();
   const std::string name = acl_name(state.range(0));
@@ -91,8 +94,6 @@ void fetch_es_acl(benchmark::State& state) {
   time_fetches(
       state, [&] { return es_acl_get_acl(&names, &acls, &result) == 0; }, [&] { es_acl_release(&acls); });
 }
-
-}  // namespace
 
 bool read_bare(int fd, es_acl_pcx_acl_ace* records, uint32_t first, uint32_t count) {
   const BareRequest request = {BareRequest::kRead, first, count, 0, 0};

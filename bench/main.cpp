@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   es_acl_bench::register_fetch_benchmarks(peer);
   es_acl_bench::register_bulk_benchmarks(peer);
   es_acl_bench::register_push_benchmarks(peer);
+  es_acl_bench::register_catch_up_benchmarks(peer);
   es_acl_bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.print_ratios();

@@ -113,17 +113,48 @@ sockaddr_un bare_address(const std::string& directory) {
   return address;
 }
 
-void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records, Pusher pusher) {
+// What the peer serves on the bus. It comes and goes; the records stay.
+class Bus {
+ public:
+  Bus() { open(); }
+  const std::vector<es_acl_pcx_acl_ace>& records() const { return records_; }
+  pcx_producer* producer() const { return producer_; }
+
+  // A producer that remembers no client, with every `every`-th ACE another one; 0: none.
+  void restart(uint32_t every) {
+    pcx_producer_close(producer_);
+    for (uint32_t i = every / 2; every != 0 && i < kMostAces; i += every) ++records_[i].ace.src_addr[1];
+    open();
+  }
+
+ private:
+  void open() {
+    const pcx_producer_ops ops = {serve, nullptr, nullptr, nullptr};
+    if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &ops, &records_, nullptr, &producer_) != 0) {
+      std::fprintf(stderr, "es_acl_bench: %s\n", pcx_producer_error());
+      _exit(1);
+    }
+    for (const int64_t size : kSizes) pcx_producer_publish(producer_, acl_name(size).c_str());
+    for (const BulkSize& size : kBulkSizes)
+      for (int64_t i = 0; i < size.acls; ++i) pcx_producer_publish(producer_, acl_name(size.aces, i).c_str());
+  }
+
+  std::vector<es_acl_pcx_acl_ace> records_ = make_records();
+  pcx_producer* producer_ = nullptr;
+};
+
+void serve_bare(int listener, Bus& bus) {
+  Pusher pusher;
+  const auto serve_one = [&](int fd, const BareRequest& request) {
+    if (request.kind == BareRequest::kRestart) return bus.restart(request.count), true;
+    if (request.kind != BareRequest::kRead) return pusher.serve(bus.producer(), fd, request);
+    return write_all(fd, &bus.records()[request.first], size_t{request.count} * sizeof(es_acl_pcx_acl_ace));
+  };
   for (;;) {
     const int fd = accept(listener, nullptr, nullptr);
     if (fd < 0) return;
     BareRequest request;
-    while (recv(fd, &request, sizeof request, MSG_WAITALL) == sizeof request) {
-      const bool good =
-          request.kind == BareRequest::kRead
-              ? write_all(fd, &records[request.first], size_t{request.count} * sizeof records[0])
-              : pusher.serve(fd, request);
-      if (!good) break;
+    while (recv(fd, &request, sizeof request, MSG_WAITALL) == sizeof request && serve_one(fd, request)) {
     }
     close(fd);
   }
@@ -131,24 +162,14 @@ void serve_bare(int listener, const std::vector<es_acl_pcx_acl_ace>& records, Pu
 
 [[noreturn]] void run_peer(const std::string& directory, int ready) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  const std::vector<es_acl_pcx_acl_ace> records = make_records();
   const sockaddr_un address = bare_address(directory);
   const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
   if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener, 8) != 0)
     _exit(1);
-  pcx_producer* producer = nullptr;
-  const pcx_producer_ops ops = {serve, nullptr, nullptr, nullptr};
-  void* user = const_cast<std::vector<es_acl_pcx_acl_ace>*>(&records);
-  if (pcx_producer_open(ES_ACL_DSV_CLASS_NAME, &ops, user, nullptr, &producer) != 0) {
-    std::fprintf(stderr, "es_acl_bench: %s\n", pcx_producer_error());
-    _exit(1);
-  }
-  for (const int64_t size : kSizes) pcx_producer_publish(producer, acl_name(size).c_str());
-  for (const BulkSize& size : kBulkSizes)
-    for (int64_t i = 0; i < size.acls; ++i) pcx_producer_publish(producer, acl_name(size.aces, i).c_str());
+  Bus bus;
   if (write(ready, "r", 1) != 1) _exit(1);
-  serve_bare(listener, records, Pusher(producer));
+  serve_bare(listener, bus);
   _exit(0);
 }
 

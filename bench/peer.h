@@ -21,6 +21,7 @@ struct BareRequest {
     kPing,      // one changed ACE of the ACL of `size` ACEs that carries the time of its sending, on the bus
     kPingBare,  // the same here
     kFan,       // `count` messages of `batch` records for kFanName
+    kRestart,   // the bus's producer goes and comes again, every `count`-th ACE (0: none) another one
   };
   Kind kind;
   uint32_t first;
@@ -73,6 +74,7 @@ bool read_bare(int fd, es_acl_pcx_acl_ace* records, uint32_t first, uint32_t cou
 void register_fetch_benchmarks(const Peer& peer);
 void register_bulk_benchmarks(const Peer& peer);
 void register_push_benchmarks(const Peer& peer);
+void register_catch_up_benchmarks(const Peer& peer);
 // The process of one fan-out consumer: counts `messages` and says so on standard output.
 int run_fan_consumer(uint32_t messages);
 

@@ -110,7 +110,8 @@ es_acl_pcx_acl_ace Pusher::timed_change(const BareRequest& order) {
   return record;
 }
 
-bool Pusher::serve(int fd, const BareRequest& order) {
+bool Pusher::serve(pcx_producer* producer, int fd, const BareRequest& order) {
+  producer_ = producer;
   switch (order.kind) {
     case BareRequest::kPush:
       push_stream(order);
@@ -132,6 +133,7 @@ bool Pusher::serve(int fd, const BareRequest& order) {
       fan_out(order);
       return true;
     case BareRequest::kRead:
+    case BareRequest::kRestart:
       break;
   }
   return false;

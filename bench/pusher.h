@@ -16,10 +16,8 @@ bool write_all(int fd, const void* data, size_t size);
 
 class Pusher {
  public:
-  explicit Pusher(pcx_producer* producer) : producer_(producer) {}
-
   // False when the connection is gone.
-  bool serve(int fd, const BareRequest& order);
+  bool serve(pcx_producer* producer, int fd, const BareRequest& order);
 
  private:
   using Stream = std::vector<es_acl_pcx_acl_ace>;
@@ -35,7 +33,7 @@ class Pusher {
   void fan_out(const BareRequest& order);
   es_acl_pcx_acl_ace timed_change(const BareRequest& order);
 
-  pcx_producer* producer_;
+  pcx_producer* producer_ = nullptr;
   std::map<std::tuple<uint32_t, uint32_t, uint32_t>, Streams> streams_;
 };
 
