@@ -66,9 +66,7 @@ class Difference {
     for (;;) {
       es_acl_ace* const stored = node_ != nullptr ? es_get_ace_data(head_, node_) : nullptr;
       if (stored == nullptr || stored->seq >= seq) return stored;
-      es_acl_pcx_acl_ace& record = removed_.emplace_back();
-      es_acl_wire_set_name(record.acl_name, head_->name);
-      record.ace = *stored;
+      removed_.emplace_back().ace = *stored;
       node_ = es_get_next_ace(head_, node_);
     }
   }
@@ -153,10 +151,11 @@ uint32_t register_anew(es_acl_head* head, AclFill* fill) {
   return pcx_register(fresh, 0, 0, es_acl_cpcx_handler);
 }
 
-// One step of the difference, as if it had been pushed. *changed says whether it has changed anything.
-uint32_t apply_step(uint32_t command, Records& records, bool* changed) {
+// One step of the difference, as if it had been pushed for this ACL, whatever ACL the producer's records name. *changed
+// says whether it has changed anything.
+uint32_t apply_step(es_acl_head* head, uint32_t command, Records& records, bool* changed) {
   if (records.empty()) return 0;
-  es_acl_head* head = nullptr;
+  es_acl_wire_set_name(records.front().acl_name, head->name);
   uint32_t added = 0;
   const uint32_t rc = es_acl_cpcx_handle_pcx_update_ace(command, records.data(),
                                                         static_cast<uint32_t>(records.size()), &head, &added);
@@ -166,8 +165,8 @@ uint32_t apply_step(uint32_t command, Records& records, bool* changed) {
 
 uint32_t apply(es_acl_head* head, Difference& difference) {
   bool changed = false;
-  uint32_t rc = apply_step(ACL_PCX_REMOVE_ACE, difference.removed(), &changed);
-  if (rc == 0) rc = apply_step(ACL_PCX_ADD_ACE, difference.added(), &changed);
+  uint32_t rc = apply_step(head, ACL_PCX_REMOVE_ACE, difference.removed(), &changed);
+  if (rc == 0) rc = apply_step(head, ACL_PCX_ADD_ACE, difference.added(), &changed);
   if (changed) es_acl_start_cb_timer(head);
   return rc;
 }
