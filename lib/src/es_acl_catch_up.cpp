@@ -152,21 +152,21 @@ uint32_t register_anew(es_acl_head* head, AclFill* fill) {
 }
 
 // One step of the difference, as if it had been pushed for this ACL, whatever ACL the producer's records name. *changed
-// says whether it has changed anything.
-uint32_t apply_step(es_acl_head* head, uint32_t command, Records& records, bool* changed) {
+// says whether it has changed anything, *complete becomes false when the store has not taken all of it.
+uint32_t apply_step(es_acl_head* head, uint32_t command, Records& records, bool* changed, bool* complete) {
   if (records.empty()) return 0;
   es_acl_wire_set_name(records.front().acl_name, head->name);
   uint32_t added = 0;
-  const uint32_t rc = es_acl_cpcx_handle_pcx_update_ace(command, records.data(),
-                                                        static_cast<uint32_t>(records.size()), &head, &added);
+  const uint32_t rc =
+      update_aces(command, records.data(), static_cast<uint32_t>(records.size()), &head, &added, complete);
   if (rc == 0 && (command == ACL_PCX_REMOVE_ACE || added != 0)) *changed = true;
   return rc;
 }
 
-uint32_t apply(es_acl_head* head, Difference& difference) {
+uint32_t apply(es_acl_head* head, Difference& difference, bool* complete) {
   bool changed = false;
-  uint32_t rc = apply_step(head, ACL_PCX_REMOVE_ACE, difference.removed(), &changed);
-  if (rc == 0) rc = apply_step(head, ACL_PCX_ADD_ACE, difference.added(), &changed);
+  uint32_t rc = apply_step(head, ACL_PCX_REMOVE_ACE, difference.removed(), &changed, complete);
+  if (rc == 0) rc = apply_step(head, ACL_PCX_ADD_ACE, difference.added(), &changed, complete);
   if (changed) es_acl_start_cb_timer(head);
   return rc;
 }
@@ -208,14 +208,15 @@ CatchUp run(es_acl_head* head, Form form, AclFill* fill) {
   DBG_DETAIL("%s: acl %s: %zu ACEs to remove, %zu to add", kCatchUp, head->name, difference.removed().size(),
              difference.added().size());
   trace_name(kCatchUp, "difference", head->name, difference.removed().size(), difference.added().size());
+  bool complete = true;
   if (fill != nullptr) {
     result.status = apply_untold(head, difference);
   } else {
-    result.status = apply(head, difference);
+    result.status = apply(head, difference, &complete);
     result.refused = result.status != 0;
   }
-  // The store may have had no memory for some, which nobody is told.
-  if (result.status == 0 && ace_count(head) != difference.listed()) result.status = ENOMEM;
+  // The store may have had no memory for some, which no callback is told.
+  if (result.status == 0 && (!complete || ace_count(head) != difference.listed())) result.status = ENOMEM;
   return result;
 }
 

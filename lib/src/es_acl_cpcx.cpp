@@ -77,32 +77,35 @@ bool read_resequence(const Message& message) {
   return true;
 }
 
-void renumber(es_acl_head* head, const acl_pcx_reseq& record) {
+// False when the store has not made it.
+bool renumber(es_acl_head* head, const acl_pcx_reseq& record) {
   const auto* const skip_seqs = reinterpret_cast<const uint32_t*>(&record + 1);
   uint32_t rc = es_acl_resequence(head, record.start_seq, record.step, record.num_skip_seqs, skip_seqs);
   if (rc != 0) {
     DBG_ERR("%s: Error es_acl_resequence fail %s", kHandler, errcode_string(rc));
     trace(kHandler, "resequence failed", rc);
-    sync_diverged(head);
-    return;
+    return false;
   }
   rc =
       es_acl_invoke_resequence_callback(head, record.start_seq, record.step, record.num_skip_seqs, skip_seqs);
-  if (rc == 0) return;
+  if (rc == 0) return true;
   DBG_ERR("%s: Error es_acl_invoke_resequence_callback fail %s", kHandler, errcode_string(rc));
   trace(kHandler, "resequence callbacks failed", rc);
+  return true;
 }
 
-void resequence(const Message& message, const AclUse& use) {
-  if (!read_resequence(message)) return;
+// False when the copy lacks the change, and nobody has refused it.
+bool resequence(const Message& message, const AclUse& use) {
+  if (!read_resequence(message)) return false;
   const auto& record = *message.as<acl_pcx_reseq>();
   es_acl_head* const head = es_acl_lookup(record.acl_name);
   if (head == nullptr || use.leaving()) {
     DBG_ERR("%s: acl lookup failed", kHandler);
-    return;
+    return true;
   }
-  renumber(head, record);
+  const bool made = renumber(head, record);
   notify(head);
+  return made;
 }
 
 bool read_batch(const Message& message) {
@@ -118,27 +121,29 @@ bool read_batch(const Message& message) {
   return true;
 }
 
-// `use` keeps the ACL until its timer is armed.
-void update(uint32_t command, const Message& message, const AclUse& use) {
-  if (!read_batch(message)) return;
+// As resequence(). `use` keeps the ACL until its timer is armed. A piece of a record behind the last whole one is ignored, but
+// what it was to change is not there.
+bool update(uint32_t command, const Message& message, const AclUse& use) {
+  if (!read_batch(message)) return false;
   auto* const records = message.as<es_acl_pcx_acl_ace>();
   const uint32_t first_seq = records->ace.seq;  // the record's own may be marked
   es_acl_head* head = nullptr;
   uint32_t changed = 0;
-  const uint32_t rc = es_acl_cpcx_handle_pcx_update_ace(
-      command, records, message.length / static_cast<uint32_t>(sizeof *records), &head, &changed);
+  bool complete = message.length % sizeof *records == 0;
+  const uint32_t rc = update_aces(command, records, message.length / static_cast<uint32_t>(sizeof *records),
+                                  &head, &changed, &complete);
   if (rc != 0) {
     DBG_ERR("%s: es_acl_cpcx_pcx_update_ace failed for ACL: %s Seq: %u", kHandler, records->acl_name,
             first_seq);
     trace_name(kHandler, "update failed", records->acl_name, rc, first_seq);
-    if (head != nullptr && !use.leaving()) sync_diverged(head);
-    return;
+    if (head != nullptr && !use.leaving()) sync_refused(head);
+    return true;
   }
-  if (command == ACL_PCX_ADD_ACE && changed != 1) {
+  if (command == ACL_PCX_ADD_ACE && changed != 1)
     DBG_DETAIL("%s: Skipping invocation of es_acl_invoke_list", kHandler);
-    return;
-  }
-  if (head != nullptr && !use.leaving()) notify(head);
+  else if (head != nullptr && !use.leaving())
+    notify(head);
+  return complete;
 }
 
 bool read_query(const Message& message) {
@@ -193,10 +198,8 @@ void apply_change(const Message& message, const MessageName& name, const AclUse&
     return;
   }
   const uint32_t command = es_acl_wire_32(message.word(0));
-  if (command == ACL_PCX_RESEQ)
-    resequence(message, use);
-  else
-    update(command, message, use);
+  const bool made = command == ACL_PCX_RESEQ ? resequence(message, use) : update(command, message, use);
+  if (!made && !use.leaving()) sync_missed(name.text);
 }
 
 // A change of an ACL that another thread is just reading for the first time is that thread's to apply.

@@ -14,10 +14,12 @@
 #include "es_acl/es_acl_cpcx.h"
 #include "es_acl/es_acl_store.h"
 #include "es_acl_cb_batch.h"
+#include "es_acl_cpcx_private.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
 #include "es_acl_state.h"
 #include "es_db_private.h"
+#include "es_acl_sync_private.h"
 
 namespace es_acl {
 namespace {
@@ -48,6 +50,8 @@ class Update {
 
   // *changed, when non-null, is set to 1 when an addition was reported and made.
   uint32_t run(uint32_t* changed);
+  // Whether the store has taken all that has been made.
+  bool complete() const { return complete_; }
 
  private:
   uint32_t scanned(uint32_t k) const;
@@ -67,6 +71,7 @@ class Update {
   uint32_t command_;
   es_acl_pcx_acl_ace* records_;
   uint32_t n_;
+  bool complete_ = true;
   EditBatch batch_;  // of the removals first, then of the additions
 };
 
@@ -180,6 +185,7 @@ void Update::add_all() {
     ace->private_data = nullptr;
     if (es_acl_add_acl_item_common(acl_, ace, element.seq, flag, &iter) == 0) continue;
     es_acl_free_rules(ace);
+    complete_ = false;
     BATCH_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
                  element.seq);
   }
@@ -210,26 +216,38 @@ uint32_t Update::run(uint32_t* changed) {
 }
 
 }  // namespace
-}  // namespace es_acl
 
-using namespace es_acl;
-
-es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
-                                                es_acl_head** head, uint32_t* changed) {
-  DBG_INFO("Entering %s", __func__);
+es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n, es_acl_head** head,
+                          uint32_t* changed, bool* complete) {
+  DBG_INFO("Entering %s", kUpdate);
   if (records == nullptr || n == 0 || head == nullptr) {
-    DBG_ERR("%s: Invalid arguments", __func__);
-    trace(__func__, "invalid arguments", EINVAL);
+    DBG_ERR("%s: Invalid arguments", kUpdate);
+    trace(kUpdate, "invalid arguments", EINVAL);
     return EINVAL;
   }
   records->acl_name[ES_ACL_NAME_MAX] = '\0';
   const AclUse use(records->acl_name);
   es_acl_head* const acl = es_acl_lookup_internal(records->acl_name);
   if (acl == nullptr || use.leaving()) {
-    DBG_ERR("%s: acl lookup failed", __func__);
-    trace(__func__, "no such ACL", EINVAL);
+    DBG_ERR("%s: acl lookup failed", kUpdate);
+    trace(kUpdate, "no such ACL", EINVAL);
     return EINVAL;
   }
   *head = acl;
-  return Update(acl, command, records, n).run(changed);
+  Update update(acl, command, records, n);
+  const uint32_t rc = update.run(changed);
+  if (!update.complete()) *complete = false;
+  return rc;
+}
+
+}  // namespace es_acl
+
+using namespace es_acl;
+
+es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
+                                                es_acl_head** head, uint32_t* changed) {
+  bool complete = true;
+  const uint32_t rc = update_aces(command, records, n, head, changed, &complete);
+  if (!complete) sync_missed((*head)->name);
+  return rc;
 }

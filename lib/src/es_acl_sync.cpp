@@ -169,6 +169,17 @@ void* registration_of(es_acl_head* head) {
   return std::atomic_ref<void*>(head->reg_handle).load(std::memory_order_relaxed);
 }
 
+void diverged(es_acl_head* head, uint32_t refusals) {
+  uint32_t retry_ms = 0;
+  change_record(head, [&](Table&, Record& record) -> uint32_t {
+    record.info.refusals += refusals;
+    if (record.info.state != ES_ACL_IN_STEP) return record.info.state;  // it is being seen to already
+    retry_ms = next_retry(record);
+    return ES_ACL_CATCHING_UP;
+  });
+  if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
+}
+
 // An ACL that came to be in step has been heard of at that time.
 void regard_silence(es_acl_sync_info* info) {
   const uint64_t now = wall_clock_ns();
@@ -217,15 +228,15 @@ void sync_leave(const char* name) {
   table.records.erase(found);
 }
 
-void sync_diverged(es_acl_head* head) {
-  uint32_t retry_ms = 0;
-  change_record(head, [&](Table&, Record& record) -> uint32_t {
-    ++record.info.refusals;
-    if (record.info.state != ES_ACL_IN_STEP) return record.info.state;  // it is being seen to already
-    retry_ms = next_retry(record);
-    return ES_ACL_CATCHING_UP;
-  });
-  if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
+void sync_refused(es_acl_head* head) { diverged(head, 1); }
+
+void sync_missed(const char* name) {
+  {
+    Table& table = Table::instance();
+    const std::lock_guard lock(table.mutex);
+    if (table.find_locked(name) == nullptr) return;
+  }
+  if (es_acl_head* const head = es_acl_lookup_internal(name)) diverged(head, 0);
 }
 
 bool sync_takes_pushes(const char* name) {

@@ -21,8 +21,11 @@ void sync_filled(es_acl_head* head, uint64_t generation, bool link_changed, bool
 // The ACL is being taken down.
 void sync_leave(const char* name);
 
-// A change could not be applied: the copy differs from the producer's list until it has caught up.
-void sync_diverged(es_acl_head* head);
+// A callback, or want of memory, has refused a change: the copy differs from the producer's list until it has caught up.
+void sync_refused(es_acl_head* head);
+// So it does when a message was not one that can be applied, or the store has not taken what it says. Of no ACL that was
+// got, no effect. The caller is at the ACL.
+void sync_missed(const char* name);
 // False while what is pushed for the ACL belongs to a list that the copy does not have yet.
 bool sync_takes_pushes(const char* name);
 

@@ -185,6 +185,41 @@ TEST_F(Sync, ARefusedPushIsMadeUpFor) {
   EXPECT_EQ(told(), lines("add(head:edge, 20=2 copy new)", "edge in step"));
 }
 
+// A change that has come and is not in the copy, although nobody has refused it.
+TEST_F(Sync, WhatCannotBeAppliedIsMadeUpFor) {
+  Bytes version = batch(kAdd, {{20}}), cut = batch(kAdd, {{10, 1}, {20}}),
+        numbers = resequencing(100, 10, {});
+  const Bytes less(numbers.begin(), numbers.end() - 1), none(version.begin(), version.begin() + 100);
+  put_32(version, 4, 2), put_32(numbers, 4, 2), cut.resize(319);
+  const std::pair<std::function<void()>, Bytes> rows[] = {
+      {[] {}, version},
+      {[] {}, numbers},
+      {[] {}, cut},
+      {[] {}, none},
+      {[] {}, less},
+      {[] { store().add_acl_item_iter.next(12); }, batch(kAdd, {{20}})},
+      {[] { store().resequence.next(22); }, resequencing(100, 0, {})},
+  };
+  for (const auto& [arrange, message] : rows) {
+    arrange();
+    push(message);
+    EXPECT_EQ(told().back(), retry(100)) << &arrange - &rows[0].first;
+    EXPECT_EQ(info().state, uint32_t{ES_ACL_CATCHING_UP});
+    serve({{10, 1}, {20, 2}});
+    store().add_acl_item_iter.next(12);
+    tell(kRenewed, 1);
+    EXPECT_EQ(told().back(), retry(200)) << "the store does not take what catching up adds";
+    serve({{10, 1}});
+    tell(kRenewed, 1);
+    EXPECT_EQ(info().state, uint32_t{ES_ACL_IN_STEP});
+    told();
+  }
+  EXPECT_EQ(info().refusals, 0U);
+  put_32(version, 8, 0x6e6f6e65);
+  push(version);
+  EXPECT_EQ(told(), Lines{}) << "of an ACL that is not held";
+}
+
 TEST_F(Sync, WithoutAProducerItIsFilledWhenThereIsOne) {
   platform().pcx_generation.always(0);
   platform().pcx_query_producer.next(2);
