@@ -6,7 +6,6 @@
 // one: so whatever comes afterwards belongs on top of what was read.
 #include "es_acl_catch_up.h"
 
-#include <atomic>
 #include <cerrno>
 #include <new>
 #include <vector>
@@ -22,7 +21,6 @@
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
 #include "es_db_private.h"
-#include "es_platform/dsv.h"
 #include "es_platform/pcx.h"
 
 namespace es_acl {
@@ -140,17 +138,6 @@ uint32_t read_rules(es_acl_head* head, Difference* difference) {
   return compare_all(head, records.data(), length, difference);
 }
 
-// The old registration goes first: two of one name would share what is pushed.
-uint32_t register_anew(es_acl_head* head, AclFill* fill) {
-  void* fresh = nullptr;
-  const uint32_t rc = dsv_register(es_acl_dsv_class, head->name, &fresh);
-  if (rc != 0) return rc;
-  pcx_unregister(head->reg_handle);
-  if (fill != nullptr) fill->forget();
-  std::atomic_ref<void*>(head->reg_handle).store(fresh, std::memory_order_relaxed);
-  return pcx_register(fresh, 0, 0, es_acl_cpcx_handler);
-}
-
 // One step of the difference, as if it had been pushed for this ACL, whatever ACL the producer's records name. *changed
 // says whether it has changed anything, *complete becomes false when the store has not taken all of it.
 uint32_t apply_step(es_acl_head* head, uint32_t command, Records& records, bool* changed, bool* complete) {
@@ -200,8 +187,9 @@ uint32_t read_anew(es_acl_head* head, Form form, Difference* difference, uint64_
 
 CatchUp run(es_acl_head* head, Form form, AclFill* fill) {
   CatchUp result;
-  result.status = register_anew(head, fill);
+  result.status = pcx_register_anew(head->reg_handle);
   if (result.status != 0) return result;
+  if (fill != nullptr) fill->forget();
   Difference difference(head);
   result.status = read_anew(head, form, &difference, &result.generation);
   if (result.status != 0) return result;

@@ -165,10 +165,6 @@ void lost(es_acl_head* head) {
   change_record(head, [](Table&, Record&) -> uint32_t { return ES_ACL_OUT_OF_TOUCH; });
 }
 
-void* registration_of(es_acl_head* head) {
-  return std::atomic_ref<void*>(head->reg_handle).load(std::memory_order_relaxed);
-}
-
 void diverged(es_acl_head* head, uint32_t refusals) {
   uint32_t retry_ms = 0;
   change_record(head, [&](Table&, Record& record) -> uint32_t {
@@ -208,15 +204,12 @@ es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation) try 
   return ENOMEM;
 }
 
-// The delivery thread may have registered the ACL anew meanwhile: then it sees to it itself, and the asking is in vain.
 void sync_filled(es_acl_head* head, uint64_t generation, bool link_changed, bool link_lost) {
   if (link_lost) lost(head);
-  void* const registration = registration_of(head);
-  if (registration == nullptr) return;
   if (generation == 0)
-    pcx_renew_later(registration, kFirstRetryMs);
+    pcx_renew_later(head->reg_handle, kFirstRetryMs);
   else if (link_changed)
-    pcx_renew_later(registration, 0);
+    pcx_renew_later(head->reg_handle, 0);
 }
 
 void sync_leave(const char* name) {

@@ -101,6 +101,26 @@ TEST_F(BusLink, HandlerRegistersAnew) {
   EXPECT_EQ(step, 2);
 }
 
+TEST_F(BusLink, NothingOfBeforeComesBehindARegistrationMadeAnew) {
+  Producer producer(name);
+  const Registration registration(name, "n", recorder);
+  ASSERT_TRUE(told({"renewed 1 n"}));
+  bool first = true;
+  recorder.during = [&] {
+    add("message");
+    if (!std::exchange(first, false)) return;
+    EXPECT_EQ(producer.push("n", "dropped"), 1U);
+    EXPECT_EQ(pcx_register_anew(registration.handle), 0U);
+    EXPECT_EQ(read(registration.handle, "echo x").status, 0U);
+    EXPECT_EQ(producer.push("n", "kept"), 1U);
+  };
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  EXPECT_EQ(producer.push("n", "first"), 1U);
+  EXPECT_TRUE(told({"message", "message"}));
+  EXPECT_TRUE(recorder.messages().back().ends_with("kept"));
+  EXPECT_EQ(pcx_register_anew(nullptr), 22U);
+}
+
 TEST_F(BusLink, RenewLater) {
   const Registration one(name, "one", recorder), two(name, "two", recorder);
   auto gone = std::make_unique<Registration>(name, "gone", recorder);

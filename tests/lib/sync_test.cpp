@@ -103,19 +103,19 @@ TEST_F(Sync, TheDifferenceAndNothingElseIsToldAndMade) {
 TEST_F(Sync, IsRegisteredAnewBeforeItIsRead) {
   serve({{10, 1}});
   tell(kRenewed, 2);
-  Lines calls = log(kCall);
+  Lines calls = log(kCall | kLink);
   std::erase_if(calls, [](const std::string& line) { return line.starts_with("list_registry_"); });
   const Lines expected = {"edge catching up",
-                          "dsv_register(793173, \"edge\", ptr)",
-                          "pcx_unregister(reg:edge)",
-                          "pcx_register(reg:edge, 0, 0, es_acl_cpcx_handler)",
+                          "pcx_register_anew(reg:edge)",
+                          "pcx_generation(793173)",
                           "pcx_get_optimum_msg_size(793173)",
                           "pcx_read(reg:edge, 84, cap 320)",
+                          "pcx_generation(793173)",
                           "edge in step"};
   EXPECT_EQ(calls, expected);
   clear_log();
   tell(kRenewed, 2);
-  EXPECT_EQ(log(kCall), Lines{}) << "read behind this connection already";
+  EXPECT_EQ(log(kCall | kLink), Lines{}) << "read behind this connection already";
 }
 
 TEST_F(Sync, ARefusedStepLeavesTheCopyAndIsTriedAgainLater) {
@@ -153,7 +153,7 @@ TEST_F(Sync, AnUnusableReadLeavesTheCopyAndIsTriedAgain) {
        },
        ES_ACL_CATCHING_UP},
       {[&] { platform().pcx_read.next(answer(wrong_version)); }, ES_ACL_CATCHING_UP},
-      {[] { platform().dsv_register.next(12); }, ES_ACL_CATCHING_UP},
+      {[] { platform().pcx_register_anew.next(12); }, ES_ACL_CATCHING_UP},
       {[] { platform().pcx_generation.next(2), platform().pcx_generation.next(3); }, ES_ACL_CATCHING_UP},
       {[] { platform().pcx_generation.next(0); }, ES_ACL_OUT_OF_TOUCH},
       {[] { platform().pcx_read.next(failed_with(62)); }, ES_ACL_CATCHING_UP},

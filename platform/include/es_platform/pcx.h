@@ -75,6 +75,11 @@ PLATFORM_API uint32_t pcx_bulk_register(void* const* reg_handles, uint32_t* code
  * it does not wait for that call. 0, or 22. */
 PLATFORM_API uint32_t pcx_unregister(void* reg_handle);
 
+/* Makes the started registration a new one, as if it had been withdrawn and made again: nothing that was pushed before is
+ * delivered afterwards, and the producer takes it for one that has read nothing. So are other registrations of the same
+ * name in this process. Waits for a running handler as pcx_unregister() does. 0, or 22. */
+PLATFORM_API uint32_t pcx_register_anew(void* reg_handle);
+
 /* Sets the class's link handler; null: none. A call that is running is not waited for. 0, or 22. */
 PLATFORM_API uint32_t pcx_set_link_handler(uint32_t class_handle, pcx_link_handler handler);
 /* Sets what answers inquiries about the class's names; null: nothing. A call that is running is not waited for. 0, or
@@ -91,7 +96,7 @@ PLATFORM_API uint64_t pcx_generation(uint32_t class_handle);
 PLATFORM_API uint32_t pcx_silence_ms(uint32_t class_handle);
 /* Has the link handler called once more for the started registration with PCX_LINK_RENEWED, in delay_ms at the earliest.
  * A later call replaces an earlier one. It is forgotten when the registration is withdrawn and when PCX_LINK_RENEWED
- * is told it before; while there is no connection it waits for the next one. 0, 12, 22. */
+ * is told it before; while there is no connection it waits for the next one. Needs no memory. 0, 22. */
 PLATFORM_API uint32_t pcx_renew_later(void* reg_handle, uint32_t delay_ms);
 
 /* 0 when the registration's producer is there, 2 when it is not, 22; 11 or 62 when it is there but does not answer.

@@ -71,6 +71,7 @@ uint32_t Consumer::start(void* handle, uint64_t context, pcx_handler handler) {
   if (found == registrations_.end()) return EINVAL;
   Registration& registration = found->second;
   if (registration.handler != nullptr) return EEXIST;
+  Renewals reserved = {{0, id}};
   const auto started = registration.owner->started.insert(id).first;
   try {
     join_topic_locked(registration, id);
@@ -78,6 +79,7 @@ uint32_t Consumer::start(void* handle, uint64_t context, pcx_handler handler) {
     registration.owner->started.erase(started);
     throw;
   }
+  registration.renewal = reserved.extract(reserved.begin());
   registration.context = context;
   registration.handler = handler;
   return 0;
@@ -115,6 +117,23 @@ void Consumer::leave_topic_locked(const Registration& registration, uint64_t id)
   owner.topic_of_name.erase(number);
 }
 
+// The topic gets another number, under which nobody looks for what is still under way for the old one.
+uint32_t Consumer::start_anew(void* handle) {
+  std::unique_lock lock(mutex_);
+  const uint64_t id = number_of(handle, kRegistrationMark);
+  const auto found = registrations_.find(id);
+  if (found == registrations_.end() || found->second.handler == nullptr) return EINVAL;
+  Class& owner = *found->second.owner;
+  uint64_t& number = owner.topic_of_name.find(found->second.name)->second;
+  const uint64_t fresh = next_topic_++;
+  owner.link->resubscribe(number, fresh);
+  auto topic = owner.topics.extract(number);
+  topic.key() = number = fresh;
+  owner.topics.insert(std::move(topic));
+  wait_for_handler_locked(lock, id);
+  return 0;
+}
+
 uint32_t Consumer::remove(void* handle) {
   std::unique_lock lock(mutex_);
   const uint64_t id = number_of(handle, kRegistrationMark);
@@ -126,12 +145,15 @@ uint32_t Consumer::remove(void* handle) {
     found->second.owner->started.erase(id);
   }
   registrations_.erase(found);
-  if (running_ == id && running_on_ != std::this_thread::get_id()) {
-    ++waiting_for_handler_;
-    handler_done_.wait(lock, [&] { return running_ != id; });
-    --waiting_for_handler_;
-  }
+  wait_for_handler_locked(lock, id);
   return 0;
+}
+
+void Consumer::wait_for_handler_locked(std::unique_lock<std::mutex>& lock, uint64_t id) {
+  if (running_ != id || running_on_ == std::this_thread::get_id()) return;
+  ++waiting_for_handler_;
+  handler_done_.wait(lock, [&] { return running_ != id; });
+  --waiting_for_handler_;
 }
 
 // The topic's registration that follows `id`, 0 when there is none.
@@ -236,8 +258,9 @@ void Consumer::tell_one(std::unique_lock<std::mutex>& lock, uint64_t id, uint32_
   run_handler(lock, id, [&] { handler(handle_of(kRegistrationMark, id), name, event, generation); });
 }
 
-void Consumer::forget_renewal_locked(Registration& registration, uint64_t id) {
-  if (registration.renew_at_ns != 0) registration.owner->renewals.erase({registration.renew_at_ns, id});
+void Consumer::forget_renewal_locked(Registration& registration, uint64_t id) noexcept {
+  if (registration.renew_at_ns == 0) return;
+  registration.renewal = registration.owner->renewals.extract({registration.renew_at_ns, id});
   registration.renew_at_ns = 0;
 }
 
@@ -249,9 +272,10 @@ uint32_t Consumer::renew_later(void* handle, uint32_t delay_ms) {
   Registration& registration = found->second;
   auto& renewals = registration.owner->renewals;
   const uint64_t at_ns = clock_now_ns() + delay_ms * UINT64_C(1000000);
-  const auto entry = renewals.emplace(at_ns, id).first;
-  if (registration.renew_at_ns != at_ns) forget_renewal_locked(registration, id);
+  forget_renewal_locked(registration, id);
+  registration.renewal.value() = {at_ns, id};
   registration.renew_at_ns = at_ns;
+  const auto entry = renewals.insert(std::move(registration.renewal)).position;
   if (entry == renewals.begin()) registration.owner->link->call_at(at_ns);
   return 0;
 }

@@ -35,6 +35,7 @@ class Consumer {
   bool has_class(uint32_t class_handle);
   uint32_t add(uint32_t class_handle, std::string_view name, void** handle);
   uint32_t start(void* handle, uint64_t context, pcx_handler handler);
+  uint32_t start_anew(void* handle);
   uint32_t remove(void* handle);
   uint32_t lookup(uint32_t class_handle, std::string_view name, void** address);
   // The link behind a registration or an address, null when the handle is neither.
@@ -51,12 +52,15 @@ class Consumer {
     std::string name;
     std::vector<uint64_t> registrations;  // ascending, never empty
   };
+  using Renewals = std::set<std::pair<uint64_t, uint64_t>>;  // when, and for which registration
   struct Registration {
     Class* owner;
     std::string name;
     uint64_t context = 0;
     pcx_handler handler = nullptr;  // null until it is started
     uint64_t renew_at_ns = 0;       // 0: not asked for
+    Renewals::node_type renewal =
+        {};  // of a started one: its place among the renewals, while it is not in there
   };
   // A class hears what arrives for it; classes live as long as the process.
   struct Class final : Receiver {
@@ -76,8 +80,8 @@ class Consumer {
     const std::string name;
     std::unordered_map<uint64_t, Topic> topics;
     std::unordered_map<std::string, uint64_t> topic_of_name;
-    std::set<uint64_t> started;                        // registrations
-    std::set<std::pair<uint64_t, uint64_t>> renewals;  // when, and for which registration
+    std::set<uint64_t> started;  // registrations
+    Renewals renewals;
     pcx_link_handler link_handler = nullptr;
     pcx_inquiry_handler inquiry_handler = nullptr;
     KnownNames known_names;
@@ -89,7 +93,8 @@ class Consumer {
   void join_topic_locked(Registration& registration, uint64_t id);
   void leave_topic_locked(const Registration& registration, uint64_t id);
   static uint64_t registration_after_locked(const Class& owner, uint64_t topic, uint64_t id);
-  static void forget_renewal_locked(Registration& registration, uint64_t id);
+  static void forget_renewal_locked(Registration& registration, uint64_t id) noexcept;
+  void wait_for_handler_locked(std::unique_lock<std::mutex>& lock, uint64_t id);
 
   // Delivery thread.
   Response deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length);

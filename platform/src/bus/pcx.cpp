@@ -78,6 +78,10 @@ uint32_t pcx_unregister(void* reg_handle) {
   return guarded([&] { return Consumer::instance().remove(reg_handle); });
 }
 
+uint32_t pcx_register_anew(void* reg_handle) {
+  return guarded([&] { return Consumer::instance().start_anew(reg_handle); });
+}
+
 uint32_t pcx_set_link_handler(uint32_t class_handle, pcx_link_handler handler) {
   return guarded([&] { return Consumer::instance().set_link_handler(class_handle, handler); });
 }

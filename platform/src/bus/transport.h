@@ -61,6 +61,8 @@ class Link {
   // changed.
   virtual void subscribe(uint64_t topic, std::string_view name) = 0;
   virtual void unsubscribe(uint64_t topic) noexcept = 0;
+  // Both at once: the name is subscribed under another number instead. Needs no memory.
+  virtual void resubscribe(uint64_t topic, uint64_t fresh) noexcept = 0;
   // Between the two, changes may wait, to go out together. May be nested, and on several threads.
   virtual void hold_changes() noexcept = 0;
   virtual void send_changes() noexcept = 0;

@@ -60,7 +60,7 @@ void UnixEvents::subscribe(uint64_t topic, std::string_view name) {
   std::lock_guard lock(mutex_);
   topics_.emplace(topic, Topic{std::string(name), order_ + 1});
   ++order_;
-  append_change_locked(make_frame(FrameKind::subscribe, name.size(), topic, 0, order_), name.data());
+  append_subscription_locked(topic, name);
 }
 
 void UnixEvents::unsubscribe(uint64_t topic) noexcept {
@@ -68,6 +68,17 @@ void UnixEvents::unsubscribe(uint64_t topic) noexcept {
   if (topics_.erase(topic) == 0) return;
   ++order_;
   append_change_locked(make_frame(FrameKind::unsubscribe, 0, topic, 0, order_), nullptr);
+}
+
+void UnixEvents::resubscribe(uint64_t topic, uint64_t fresh) noexcept {
+  std::lock_guard lock(mutex_);
+  auto moved = topics_.extract(topic);
+  if (moved.empty()) return;
+  append_change_locked(make_frame(FrameKind::unsubscribe, 0, topic, 0, ++order_), nullptr);
+  moved.key() = fresh;
+  moved.mapped().order = ++order_;
+  const Topic& placed = topics_.insert(std::move(moved)).position->second;
+  append_subscription_locked(fresh, placed.name);
 }
 
 void UnixEvents::hold_changes() noexcept {
@@ -78,6 +89,10 @@ void UnixEvents::hold_changes() noexcept {
 void UnixEvents::send_changes() noexcept {
   std::lock_guard lock(mutex_);
   if (--holders_ == 0 && current_ != nullptr && !out_.empty()) flush_locked();
+}
+
+void UnixEvents::append_subscription_locked(uint64_t topic, std::string_view name) {
+  append_change_locked(make_frame(FrameKind::subscribe, name.size(), topic, 0, order_), name.data());
 }
 
 // A change that cannot be queued, for want of memory or since the producer has stopped reading, costs the

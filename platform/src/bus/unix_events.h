@@ -41,6 +41,7 @@ class UnixEvents {
 
   void subscribe(uint64_t topic, std::string_view name);
   void unsubscribe(uint64_t topic) noexcept;
+  void resubscribe(uint64_t topic, uint64_t fresh) noexcept;
   void hold_changes() noexcept;
   void send_changes() noexcept;
   // What a request goes out behind: the last change's number, 0 when nothing is subscribed, and the connection that
@@ -71,6 +72,7 @@ class UnixEvents {
 
   bool connect_locked();
   void append_all_locked();
+  void append_subscription_locked(uint64_t topic, std::string_view name);
   void append_change_locked(const FrameHeader& header, const void* payload);
   void flush_locked();
   void lose_locked();

@@ -43,6 +43,7 @@ class UnixLink final : public Link {
 
   void subscribe(uint64_t topic, std::string_view name) override { events_.subscribe(topic, name); }
   void unsubscribe(uint64_t topic) noexcept override { events_.unsubscribe(topic); }
+  void resubscribe(uint64_t topic, uint64_t fresh) noexcept override { events_.resubscribe(topic, fresh); }
   void hold_changes() noexcept override { events_.hold_changes(); }
   void send_changes() noexcept override { events_.send_changes(); }
   uint64_t generation(Deadline deadline) override { return events_.generation(deadline); }
