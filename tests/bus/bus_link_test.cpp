@@ -121,6 +121,21 @@ TEST_F(BusLink, NothingOfBeforeComesBehindARegistrationMadeAnew) {
   EXPECT_EQ(pcx_register_anew(nullptr), 22U);
 }
 
+// What a handler that throws was to do counts as missed. Nothing hangs, and the delivery thread goes on.
+TEST_F(BusLink, HandlersThatThrow) {
+  Producer producer(name);
+  std::atomic<int> throws{1};
+  recorder.during = [&] { throw 1; };
+  during = [&](void*, const std::string&, uint32_t) {
+    if (throws-- > 0) throw 2;
+  };
+  const Registration registration(name, "n", recorder);
+  ASSERT_TRUE(told({"renewed 1 n"})) << "told again, later";
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  EXPECT_EQ(producer.push("n", "p"), 1U);
+  EXPECT_TRUE(told({"lost 1 n", "renewed 2 n"}));
+}
+
 TEST_F(BusLink, RenewLater) {
   const Registration one(name, "one", recorder), two(name, "two", recorder);
   auto gone = std::make_unique<Registration>(name, "gone", recorder);

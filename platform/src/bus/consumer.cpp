@@ -166,21 +166,29 @@ uint64_t Consumer::registration_after_locked(const Class& owner, uint64_t topic,
 }
 
 // No lock is held while a handler runs, and everything may be different afterwards: walks go on from the number of the
-// registration just served.
+// registration just served. False when the handler, which may be C++ code of the client's, has thrown an exception: that
+// ends here, whatever it was.
 template <typename Call>
-void Consumer::run_handler(std::unique_lock<std::mutex>& lock, uint64_t id, Call call) {
+bool Consumer::run_handler(std::unique_lock<std::mutex>& lock, uint64_t id, Call call) {
   running_ = id;
   running_on_ = std::this_thread::get_id();
   lock.unlock();
-  call();
+  bool good = true;
+  try {
+    call();
+  } catch (...) {
+    good = false;
+  }
   lock.lock();
   running_ = 0;
   if (waiting_for_handler_ != 0) handler_done_.notify_all();
+  return good;
 }
 
 // Handlers may write to the payload; where several registrations share a topic, each gets it as it came.
 Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* payload, uint32_t length) {
   Response response;
+  bool good = true;
   std::vector<char> original;
   std::unique_lock lock(mutex_);
   uint64_t id = registration_after_locked(owner, topic, 0);
@@ -190,17 +198,17 @@ Response Consumer::deliver(Class& owner, uint64_t topic, uint32_t mtype, void* p
     const Registration& registration = registrations_.find(id)->second;
     const pcx_handler handler = registration.handler;
     const uint64_t context = registration.context;
-    run_handler(lock, id, [&] {
-      Response one;
-      handler(context, mtype, payload, length, &one.data, &one.length);
-      // One answer is all that a synchronous request takes.
-      if (response.data == nullptr) std::swap(response, one);
-      std::free(one.data);
-      if (!original.empty()) std::memcpy(payload, original.data(), original.size());
-    });
+    Response one;
+    good &= run_handler(lock, id, [&] { handler(context, mtype, payload, length, &one.data, &one.length); });
+    // One answer is all that a synchronous request takes.
+    if (response.data == nullptr) std::swap(response, one);
+    std::free(one.data);
+    if (!original.empty()) std::memcpy(payload, original.data(), original.size());
     id = registration_after_locked(owner, topic, id);
   }
-  return response;
+  if (good) return response;
+  std::free(response.data);
+  throw HandlerFailure();
 }
 
 // Asked once for the name, however many registrations share it; whoever withdraws the first of them waits for the answer.
@@ -255,7 +263,12 @@ void Consumer::tell_one(std::unique_lock<std::mutex>& lock, uint64_t id, uint32_
   if (handler == nullptr) return;
   char name[kMaxName + 1];  // stays when the handler withdraws the registration
   name[registration.name.copy(name, kMaxName)] = '\0';
-  run_handler(lock, id, [&] { handler(handle_of(kRegistrationMark, id), name, event, generation); });
+  if (run_handler(lock, id, [&] { handler(handle_of(kRegistrationMark, id), name, event, generation); }))
+    return;
+  // A loss is followed by a renewal in any case; a renewal is told again.
+  constexpr uint32_t kAgainMs = 1000;
+  const auto found = registrations_.find(id);
+  if (event == PCX_LINK_RENEWED && found != registrations_.end()) renew_locked(found->second, id, kAgainMs);
 }
 
 void Consumer::forget_renewal_locked(Registration& registration, uint64_t id) noexcept {
@@ -269,7 +282,11 @@ uint32_t Consumer::renew_later(void* handle, uint32_t delay_ms) {
   const uint64_t id = number_of(handle, kRegistrationMark);
   const auto found = registrations_.find(id);
   if (found == registrations_.end() || found->second.handler == nullptr) return EINVAL;
-  Registration& registration = found->second;
+  renew_locked(found->second, id, delay_ms);
+  return 0;
+}
+
+void Consumer::renew_locked(Registration& registration, uint64_t id, uint32_t delay_ms) noexcept {
   auto& renewals = registration.owner->renewals;
   const uint64_t at_ns = clock_now_ns() + delay_ms * UINT64_C(1000000);
   forget_renewal_locked(registration, id);
@@ -277,7 +294,6 @@ uint32_t Consumer::renew_later(void* handle, uint32_t delay_ms) {
   registration.renew_at_ns = at_ns;
   const auto entry = renewals.insert(std::move(registration.renewal)).position;
   if (entry == renewals.begin()) registration.owner->link->call_at(at_ns);
-  return 0;
 }
 
 uint32_t Consumer::set_link_handler(uint32_t class_handle, pcx_link_handler handler) {

@@ -102,8 +102,9 @@ class Consumer {
   void tell_all(Class& owner, uint32_t event, uint64_t generation);
   void tell_due(Class& owner, uint64_t generation);
   void tell_one(std::unique_lock<std::mutex>& lock, uint64_t id, uint32_t event, uint64_t generation);
+  static void renew_locked(Registration& registration, uint64_t id, uint32_t delay_ms) noexcept;
   template <typename Call>
-  void run_handler(std::unique_lock<std::mutex>& lock, uint64_t id, Call call);
+  bool run_handler(std::unique_lock<std::mutex>& lock, uint64_t id, Call call);
 
   std::mutex mutex_;
   std::condition_variable handler_done_;

@@ -25,13 +25,16 @@ struct Response {
 
 // --- Consumer's side ---
 
+// A handler has thrown an exception: what it was to be told is missing.
+struct HandlerFailure {};
+
 // What is told to a consumer. Called on the transport's one delivery thread, one message at a time, never
 // under a lock of the transport's; may call any operation of any Link.
 class Receiver {
  public:
   virtual ~Receiver() = default;
   // `payload` is aligned to 8, may be written to, and is null when `length` is 0. The response is the
-  // caller's to free.
+  // caller's to free. May throw HandlerFailure and std::bad_alloc.
   virtual Response deliver(uint64_t topic, uint32_t mtype, void* payload, uint32_t length) = 0;
   // A question that is no message, in order with the messages; likewise.
   virtual Response inquire(uint64_t topic, void* payload, uint32_t length) = 0;

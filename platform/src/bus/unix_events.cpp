@@ -237,12 +237,15 @@ void UnixEvents::serve(short revents, uint64_t began_ns, uint64_t now_ns) {
   if (heard_ && now_ns >= due_ns_) receiver_.time_come(reader_number_);
 }
 
-// Without memory a message cannot be delivered, and none may be missed: the connection ends.
+// A message that cannot be delivered, for want of memory or since a handler throws, is missed: the connection ends.
 void UnixEvents::read_some(uint64_t now_ns) {
   try {
     if (!receive_and_deliver(now_ns)) close_reader();
   } catch (const std::bad_alloc&) {
     log_line("%s: out of memory; event connection closed", address_.socket.c_str());
+    close_reader();
+  } catch (const HandlerFailure&) {
+    log_line("%s: a handler has thrown an exception; event connection closed", address_.socket.c_str());
     close_reader();
   }
 }
