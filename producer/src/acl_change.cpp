@@ -45,7 +45,7 @@ AclChange::Part AclChange::make_part(std::span<const AceRecord> before,
 
 std::vector<Message> AclChange::messages(Form form) const {
   const Part& told = part(form);
-  if (form != Form::kByNumber && !told.resequencing.empty()) return {told.resequencing};
+  if (!told.resequencing.empty()) return {told.resequencing};
   std::vector<Message> messages;
   append_batches(told.difference.removals, max_message_, &messages);
   append_batches(told.difference.additions, max_message_, &messages);

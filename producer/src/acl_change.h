@@ -17,11 +17,8 @@ namespace es_acl::producer {
 enum class Form {
   kWhole,  // holds all entries
   kRules,  // was given the rules in bulk, without the remarks
-  // May have missed something, so that the numbers of its entries may not be what they should: everything goes
-  // under the numbers themselves.
-  kByNumber,
 };
-constexpr size_t kFormCount = 3;
+constexpr size_t kFormCount = 2;
 
 using Message = std::span<const std::byte>;
 

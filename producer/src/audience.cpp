@@ -7,12 +7,6 @@ namespace es_acl::producer {
 
 void Audience::add(uint64_t peer, std::string_view name) { member(peer, name).armed.reset(); }
 
-bool Audience::renew(uint64_t peer, std::string_view name) {
-  if (const Member* known = find(peer, name); known != nullptr && !known->armed) return false;
-  member(peer, name).armed = Form::kByNumber;
-  return true;
-}
-
 void Audience::arm(uint64_t peer, std::string_view name, Form form) {
   if (find(peer, name) != nullptr) member(peer, name).armed = form;
 }

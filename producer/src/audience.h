@@ -27,11 +27,9 @@ class Audience {
     std::optional<Form> armed;
   };
 
-  // A new registration; an earlier one of this consumer is forgotten.
+  // A registration that is new, or has come again with a new connection: what was queued for the old one may have gone with
+  // it. An earlier one of this consumer is forgotten.
   void add(uint64_t peer, std::string_view name);
-  // One that was there before, and whose consumer has read. What was queued for it may have gone with its connection, also
-  // when it is here still. False when it has not read yet, and so has nothing to miss.
-  bool renew(uint64_t peer, std::string_view name);
   // The consumer reads the ACL from its beginning, in that form. No registration, no effect.
   void arm(uint64_t peer, std::string_view name, Form form);
   bool is_armed(uint64_t peer, std::string_view name) const;

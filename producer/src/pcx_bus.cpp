@@ -75,9 +75,9 @@ void PcxBus::on_peer_gone(void* user, const pcx_peer* peer) {
   if (bus->verbose_) try_to_log([&] { return "process " + std::to_string(peer->pid) + " is gone"; });
 }
 
-void PcxBus::on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed) {
+void PcxBus::on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t) {
   try {
-    static_cast<PcxBus*>(user)->service_.registered(*peer, name, renewed != 0);
+    static_cast<PcxBus*>(user)->service_.registered(*peer, name);
   } catch (const std::bad_alloc&) {
     try_to_log([&] {
       return "no memory: changes of acl '" + printable(name) + "' will not reach process " +

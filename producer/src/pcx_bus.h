@@ -39,7 +39,7 @@ class PcxBus final : public BusPort {
   static uint32_t on_read(void* user, const pcx_peer* peer, void* request, uint32_t request_length,
                           void* answer, uint32_t capacity, uint32_t* answer_length);
   static void on_peer_gone(void* user, const pcx_peer* peer);
-  static void on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
+  static void on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t);
   static void on_inquiry_answered(void* user, const pcx_peer* peer, uint64_t number, const void* response,
                                   uint32_t response_length);
 

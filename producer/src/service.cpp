@@ -279,14 +279,9 @@ DatabasePtr Service::arm_for_bulk_read(uint64_t peer, std::span<const std::strin
   return database_;
 }
 
-void Service::registered(const pcx_peer& peer, std::string_view acl_name, bool renewed) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (!renewed) return audience_.add(peer.id, acl_name);
-    if (!audience_.renew(peer.id, acl_name)) return;
-  }
-  log_("process " + std::to_string(peer.pid) +
-       " is back with what it read before: it may have missed changes, and has to read anew");
+void Service::registered(const pcx_peer& peer, std::string_view acl_name) {
+  const std::lock_guard lock(mutex_);
+  audience_.add(peer.id, acl_name);
 }
 
 void Service::unpin(uint64_t peer, std::string_view name) {

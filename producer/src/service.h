@@ -57,7 +57,7 @@ class Service {
   uint32_t answer(const pcx_peer& peer, std::span<std::byte> request, std::span<std::byte> answer,
                   uint32_t* answer_length);
   // The consumer has registered the ACL, anew or once more after a lost connection.
-  void registered(const pcx_peer& peer, std::string_view acl_name, bool renewed);
+  void registered(const pcx_peer& peer, std::string_view acl_name);
   // The consumer has answered an inquiry.
   void inquiry_answered(const pcx_peer& peer, uint64_t number, std::span<const std::byte> answer);
   // The consumer is gone: its pins are let go, and it is told nothing more.

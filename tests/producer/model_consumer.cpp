@@ -128,7 +128,7 @@ void ModelConsumer::register_at(Service& service, const std::string& acl_name) {
     registered.insert(acl_name);
     unread_.insert(acl_name);
   }
-  service.registered(peer, acl_name, false);
+  service.registered(peer, acl_name);
   const std::lock_guard lock(*mutex_);
   parked_[acl_name].clear();
   copies[acl_name].clear();

@@ -23,7 +23,6 @@ struct ModelConsumer {
   explicit ModelConsumer(uint64_t id) : peer{id, static_cast<int32_t>(1000 + id), 0} {}
 
   void register_at(Service& service, const std::string& acl_name);
-  void renew_at(Service& service, const std::string& acl_name) { service.registered(peer, acl_name, true); }
   // Reads the ACL from its beginning, in batches; between two of them `between` is called.
   void read(
       Service& service, const std::string& acl_name, uint32_t batch,
