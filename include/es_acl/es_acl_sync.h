@@ -27,7 +27,7 @@ enum {
   ES_ACL_IN_STEP =
       0, /* the producer's list, as of some moment, and every change since then that has arrived */
   ES_ACL_CATCHING_UP = 1, /* being made so: read anew, or a step was refused and will be tried again */
-  ES_ACL_OUT_OF_TOUCH = 2 /* nobody tells of changes: no producer, or nothing heard of it for three seconds */
+  ES_ACL_OUT_OF_TOUCH = 2 /* nobody tells of changes: no producer, or nothing heard of it for three beats */
 };
 
 typedef struct es_acl_sync_info {
@@ -38,7 +38,8 @@ typedef struct es_acl_sync_info {
 
 /* The ACL's state is another one now. On the delivery thread, in the order of the changes, with no lock held; on the
  * thread of a get for what happened while it first read the ACL. The same rules as for the other callbacks
- * (es_acl_callback.h). That nothing has been heard for three seconds while this process
+ * (es_acl_callback.h). That nothing has been heard for three beats (a beat is a second, unless ES_PCX_BEAT_MS in the
+ * environment says otherwise) while this process
  * itself holds the delivery thread up is not told here; es_acl_get_sync_info() says it. */
 typedef void (*es_acl_sync_cb)(es_acl_head* acl, uint32_t state, void* context);
 

@@ -7,6 +7,7 @@
 #include "es_acl_catch_up.h"
 
 #include <cerrno>
+#include <chrono>
 #include <new>
 #include <vector>
 
@@ -93,7 +94,27 @@ uint32_t compare_all(const es_acl_head* head, es_acl_pcx_acl_ace* records, uint3
   return 0;
 }
 
+// How long one catching up may hold up the delivery thread. Asked between two requests.
+class Patience {
+ public:
+  explicit Patience(const es_acl_head* head) : head_(head) {}
+
+  // 0; 125: the ACL is wanted no more; 62: it has taken too long, others are to have their turn.
+  uint32_t left() const {
+    if (teardown_waits(head_->name)) return ECANCELED;
+    return Clock::now() < end_ ? 0 : ETIME;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kLongest{30};
+
+  const es_acl_head* const head_;
+  const Clock::time_point end_ = Clock::now() + kLongest;
+};
+
 uint32_t read_whole(es_acl_head* head, Difference* difference) {
+  const Patience patience(head);
   const uint32_t most = pcx_get_optimum_msg_size(es_acl_dsv_class) / kAceSize;
   if (most == 0) return refuse(head, "no room for one record", most);
   Records records(most);
@@ -107,6 +128,7 @@ uint32_t read_whole(es_acl_head* head, Difference* difference) {
     es_acl_wire_read_req_order(&request);
     uint32_t rc = status_of(pcx_read(head->reg_handle, &request, sizeof request, records.data(), &length));
     if (rc == 0) rc = compare_all(head, records.data(), length, difference);
+    if (rc == 0) rc = patience.left();
     if (rc != 0) return rc;
   }
   return 0;
@@ -114,6 +136,7 @@ uint32_t read_whole(es_acl_head* head, Difference* difference) {
 
 // The count decides how much room the read gets; when the list changes between the two the read fails.
 uint32_t read_rules(es_acl_head* head, Difference* difference) {
+  const Patience patience(head);
   NameField name;
   es_acl_wire_set_name(name.text, head->name);
   acl_pcx_query_resp counts = {};
@@ -132,7 +155,8 @@ uint32_t read_rules(es_acl_head* head, Difference* difference) {
   if (expected > kLongest) return refuse(head, "list too long for one answer", expected);
   Records records(counts.num_aces - counts.num_remark_aces + 1);
   length = static_cast<uint32_t>(expected);
-  rc = read.send(head->reg_handle, records.data(), &length);
+  rc = patience.left();
+  if (rc == 0) rc = read.send(head->reg_handle, records.data(), &length);
   if (rc != 0) return rc;
   if (length != expected) return refuse(head, "answer of a wrong length", length);
   return compare_all(head, records.data(), length, difference);

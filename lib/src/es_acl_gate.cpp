@@ -313,6 +313,12 @@ AclTeardown::AclTeardown(es_acl_head* head, TeardownWork work) : Stay(Kind::tear
   wait_locked([this] { return !others_use_locked(*this); });
 }
 
+bool teardown_waits(const char* name) {
+  const Stay here(Kind::use, name);
+  const std::lock_guard lock(gate_mutex);
+  return others_locked(here, Kind::teardown) != nullptr;
+}
+
 AclTeardown::~AclTeardown() {
   const std::lock_guard lock(gate_mutex);
   end_locked(this);

@@ -152,6 +152,9 @@ class AclFills {
   uint32_t count_ = 0;
 };
 
+// Whether another thread waits to take the ACL down: who is at it with something long may end it.
+bool teardown_waits(const char* name);
+
 class AclTeardown : private Stay {
  public:
   // `work` is done later by somebody else when granted() says no.

@@ -32,7 +32,6 @@ namespace es_acl {
 namespace {
 
 constexpr char kSync[] = "es_acl_sync";
-constexpr uint64_t kSilentNs = 3000000000;
 constexpr uint32_t kFirstRetryMs = 100, kLongestRetryMs = 5000;
 
 struct Record {
@@ -178,10 +177,10 @@ void diverged(es_acl_head* head, uint32_t refusals) {
 
 // An ACL that came to be in step has been heard of at that time.
 void regard_silence(es_acl_sync_info* info) {
+  constexpr uint64_t kMillisecond = 1000000;
   const uint64_t now = wall_clock_ns();
-  const uint64_t silence_ns =
-      std::min(pcx_silence_ms(es_acl_dsv_class) * uint64_t{1000000}, now - info->since_ns);
-  if (silence_ns <= kSilentNs) return;
+  const uint64_t silence_ns = std::min(pcx_silence_ms(es_acl_dsv_class) * kMillisecond, now - info->since_ns);
+  if (silence_ns <= pcx_silence_limit_ms(es_acl_dsv_class) * kMillisecond) return;
   info->state = ES_ACL_OUT_OF_TOUCH;
   info->since_ns = now - silence_ns;
 }
@@ -206,6 +205,7 @@ es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation) try 
 
 void sync_filled(es_acl_head* head, uint64_t generation, bool link_changed, bool link_lost) {
   if (link_lost) lost(head);
+  if (head->reg_handle == nullptr) return;
   if (generation == 0)
     pcx_renew_later(head->reg_handle, kFirstRetryMs);
   else if (link_changed)

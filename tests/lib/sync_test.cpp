@@ -1,4 +1,5 @@
 // ACLs whose link to the producer is lost and renewed: what is read anew, what is told and changed, and what is said of it.
+#include <array>
 #include <thread>
 
 #include "es_acl/es_acl_digest.h"
@@ -268,9 +269,30 @@ TEST_F(Sync, AnEventDuringAFillIsRepeated) {
   }
 }
 
+// A release waits for the request under way and not for the list, which has no end here.
+TEST_F(Sync, AReleaseEndsIt) {
+  std::thread releasing;
+  uint32_t seq = 0;
+  platform().pcx_read.always(
+      [&](void* handle, const void* request, uint32_t size, void* room, uint32_t* length) {
+        if (!releasing.joinable()) releasing = std::thread([&] { release({head_}); });
+        seq += 2;
+        return answer(batch(kAdd, {{seq - 1}, {seq}}))(handle, request, size, room, length);
+      });
+  tell(kRenewed, 2);
+  releasing.join();
+  EXPECT_EQ(es_acl_lookup("edge"), nullptr);
+}
+
+// Three beats are what the bus says they are.
 TEST_F(Sync, SilenceAndStrangers) {
-  platform().pcx_silence_ms.always(0xffffffff);
-  EXPECT_EQ(info().state, uint32_t{ES_ACL_IN_STEP}) << "read a moment ago";
+  for (const auto& [silence_ms, limit_ms, state] : {std::array{0xffffffffU, 3000U, uint32_t{ES_ACL_IN_STEP}},
+                                                    {5U, 5U, uint32_t{ES_ACL_IN_STEP}},
+                                                    {5U, 0U, uint32_t{ES_ACL_OUT_OF_TOUCH}}}) {
+    platform().pcx_silence_ms.always(silence_ms);
+    platform().pcx_silence_limit_ms.always(limit_ms);
+    EXPECT_EQ(info().state, state) << silence_ms << " of " << limit_ms << ", and read a moment ago";
+  }
   es_acl_sync_info now;
   EXPECT_EQ(es_acl_get_sync_info(make_acl("own"), &now), ES_ACL_E_NOT_FOUND);
   EXPECT_EQ(es_acl_get_sync_info(nullptr, &now), 22U);

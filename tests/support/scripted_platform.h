@@ -115,6 +115,7 @@
   X(1, uint64_t, pcx_generation, (uint32_t of), of)                                                \
   X(0, uint32_t, pcx_silence_ms, (uint32_t of), of)                                                \
   X(0, uint32_t, pcx_register_anew, (void* handle), handle)                                        \
+  X(3000, uint32_t, pcx_silence_limit_ms, (uint32_t of), of)                                       \
   X(0, uint32_t, pcx_renew_later, (void* handle, uint32_t delay_ms), handle, delay_ms)
 
 namespace es_test {

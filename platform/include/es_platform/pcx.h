@@ -21,7 +21,8 @@
 /* Handler of what a producer sends. The payload belongs to the bus, is aligned to 8 bytes, may be written to, and is
  * gone when the handler returns; it is null when the message has no bytes. For a synchronous request the handler sets
  * *response to memory from malloc(), which is the bus's from then on, and *response_length to its size; both are null
- * and 0 on entry. Other message types have no response. */
+ * and 0 on entry. Other message types have no response. Handlers, the link handler too, should not throw. What does ends
+ * at the bus: a message then counts as missed, and the connection ends; a PCX_LINK_RENEWED is told again in a second. */
 typedef void (*pcx_handler)(uint64_t context, uint32_t mtype, void* payload, uint32_t length, void** response,
                             uint32_t* response_length);
 
@@ -94,6 +95,8 @@ PLATFORM_API uint64_t pcx_generation(uint32_t class_handle);
  * before it is missing. UINT32_MAX when nothing of the connection has been handled yet, or there is none. Does not
  * block. */
 PLATFORM_API uint32_t pcx_silence_ms(uint32_t class_handle);
+/* After how many milliseconds of silence a connection is given up: three beats. 0 for an unknown class. */
+PLATFORM_API uint32_t pcx_silence_limit_ms(uint32_t class_handle);
 /* Has the link handler called once more for the started registration with PCX_LINK_RENEWED, in delay_ms at the earliest.
  * A later call replaces an earlier one. It is forgotten when the registration is withdrawn and when PCX_LINK_RENEWED
  * is told it before; while there is no connection it waits for the next one. Needs no memory. 0, 22. */

@@ -14,6 +14,7 @@ using es_platform::bus::Deadline;
 using es_platform::bus::kMaxMessage;
 using es_platform::bus::Link;
 using es_platform::bus::settings;
+using es_platform::bus::silence_limit_ms;
 
 namespace {
 
@@ -108,6 +109,10 @@ uint32_t pcx_silence_ms(uint32_t class_handle) {
     return 0;
   });
   return silence_ms;
+}
+
+uint32_t pcx_silence_limit_ms(uint32_t class_handle) {
+  return check_class(class_handle) == 0 ? silence_limit_ms() : 0;
 }
 
 uint32_t pcx_renew_later(void* reg_handle, uint32_t delay_ms) {
