@@ -18,8 +18,8 @@
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
 #include "es_acl_state.h"
-#include "es_db_private.h"
 #include "es_acl_sync_private.h"
+#include "es_db_private.h"
 
 namespace es_acl {
 namespace {
