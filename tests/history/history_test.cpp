@@ -18,7 +18,7 @@
 namespace es_acl::history {
 namespace {
 
-constexpr unsigned kAcls = 6, kClients = 4, kQuietChanges = 15, kFaultsBetweenQuietPoints = 25;
+constexpr unsigned kAcls = 6, kClients = 4, kQuietChanges = 40, kFaultsBetweenQuietPoints = 25;
 constexpr uint64_t kPatienceMs = 20000 * HISTORY_SLACK;
 
 unsigned option(const char* name, unsigned otherwise) {
@@ -225,7 +225,7 @@ void Ordeal::mistreat() try {
   quiet_point();
   note(fall_silent());
   for (size_t quiet_at = 0; !is_over();) {
-    pause(100);
+    pause(60);
     random_() % 3 == 0 ? change_one() : note(inflict());
     if (faults_.size() < quiet_at) continue;
     quiet_point();
