@@ -28,30 +28,49 @@ json acl(const char* name, std::initializer_list<uint32_t> rules, std::initializ
 }
 
 TEST(Bulk, EachNameIsToldForWhatItIs) {
+  const std::string longest(64, 'x');
   const struct {
-    const char* name;
+    std::string name;
     uint32_t status;
+    const char* message;
     std::vector<uint32_t> numbers;
     bool rules_only;
   } cases[] = {
-      {"mixed", 0, {20, 30}, true},    {"unknown", DSV_NO_DATA, {}, false}, {"empty", 0, {}, false},
-      {"rule", 0, {4294967295}, true}, {"a/b", ES_ACL_E_NAME, {}, false},   {"remarks", 0, {10, 20}, false},
-      {"mixed", 0, {20, 30}, true},
+      {"mixed", 0, "", {20, 30}, true},
+      {"unknown", DSV_NO_DATA, "es-acl: unknown: not configured", {}, false},
+      {"empty", 0, "", {}, false},
+      {"rule", 0, "", {4294967295}, true},
+      {"a/b\n\"c", ES_ACL_E_NAME, "es-acl: a/b\\x0a\"c: invalid ACL name", {}, false},
+      {"", ES_ACL_E_NAME, "letter or digit", {}, false},
+      {"usage", ES_ACL_E_NAME, "reserved", {}, false},
+      {longest + "x", ES_ACL_E_NAME, "invalid ACL name", {}, false},
+      {longest, 0, "", {}, false},
+      {"remarks", 0, "", {10, 20}, false},
+      {"mixed", 0, "", {20, 30}, true},
   };
   World world;
   world.produce({acl("mixed", {20, 30}, {10}), acl("remarks", {}, {10, 20}), acl("rule", {4294967295}, {}),
-                 acl("empty", {}, {})});
+                 acl("empty", {}, {}), acl(longest.c_str(), {}, {})});
   world.environment["LIST"] = world.write("list", "# the rest\r\n\n\t rule \r\nremarks#alone\nmixed");
-  const Ended ended = world.client("--json show mixed unknown empty rule a/b remarks mixed");
-  EXPECT_EQ(ended.code, 1);
-  const json acls = ended.acls();
-  ASSERT_EQ(acls.size(), std::size(cases));
-  for (size_t i = 0; i < acls.size(); ++i) {
-    const auto& [name, status, entries, rules_only] = cases[i];
-    EXPECT_EQ(acls[i]["name"], name);
-    EXPECT_EQ(acls[i]["status"], status) << name;
-    EXPECT_EQ(numbers(acls[i]), entries) << name;
-    EXPECT_EQ(acls[i].value("remarks-left-out", false), rules_only) << name;
+  for (const std::string command : {"--json show", "--json count"}) {
+    std::string names;
+    for (const auto& row : cases) names += " '" + row.name + "'";
+    const Ended ended = world.client(command + names);
+    EXPECT_EQ(ended.code, 1);
+    const json acls = ended.acls();
+    ASSERT_EQ(acls.size(), std::size(cases));
+    for (size_t i = 0; i < acls.size(); ++i) {
+      const auto& [name, status, message, entries, rules_only] = cases[i];
+      EXPECT_EQ(acls[i]["name"], name);
+      EXPECT_EQ(acls[i]["status"], status) << name;
+      EXPECT_EQ(acls[i]["state"], status == 0             ? "ok"
+                                  : status == DSV_NO_DATA ? "not-configured"
+                                                          : "invalid-name");
+      EXPECT_PRED2(contains, ended.err, message);
+      if (command == "--json count") continue;
+      EXPECT_EQ(numbers(acls[i]), entries) << name;
+      EXPECT_EQ(acls[i].value("remarks-left-out", false), rules_only) << name;
+    }
   }
   for (const char* names : {"mixed empty --all-from $LIST", "--all-from - mixed empty < $LIST"})
     EXPECT_EQ(world.client(std::string("show ") + names).out,

@@ -78,13 +78,8 @@ void expect_as_configured(const World& world, const json& acl) {
 
 TEST(Json, IsTheConfigurationWhateverTheSizes) {
   // Entries in each ACL, ACLs, and entries to a remark; entries that fit in one message.
-  const std::pair<std::string, int> cases[] = {{E2E_MANY " 1 100", 2000},
-                                               {"40 3 7", 7},
-                                               {"12 1 5", 1},
-                                               {"12 1 5", 3},
-                                               {"12 1 5", 5},
-                                               {"12 1 5", 12},
-                                               {"12 1 5", 13}};
+  std::vector<std::pair<std::string, int>> cases = {{E2E_MANY " 1 100", 2000}, {"40 3 7", 7}};
+  for (const int records : {1, 3, 5, 12, 13}) cases.emplace_back("12 1 5", records);
   for (const auto& [size, records] : cases) {
     SCOPED_TRACE(size + " in messages of " + std::to_string(records));
     World world;
