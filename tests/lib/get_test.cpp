@@ -138,16 +138,7 @@ TEST_F(Get, InvalidNamesAreReportedAndSkipped) {
   };
   EXPECT_EQ(log_of("E: es_acl_getlist_acl"),
             (Lines{invalid(""), invalid("a b"), invalid("(null)"), invalid("trace"), invalid(too_long)}));
-}
-
-TEST_F(Get, TheLastNamesStatusIsReturned) {
-  EXPECT_EQ(get({"edge", "a b"}).status, kBadName);
-  EXPECT_EQ(log().back(), "trace w");
-  platform().pcx_read.next(5);
-  platform().pcx_read.next(answer(count_answer(0, 0)));
-  const Got unconfigured = get({"access", "core"}, 1);
-  EXPECT_EQ(unconfigured.status, 0U);
-  EXPECT_EQ(unconfigured.results, (Numbers{5, kUntouched}));
+  EXPECT_EQ(get({"edge", "a b"}).status, kBadName) << "the last one's";
 }
 
 // --- Asking for the count first ---
@@ -209,6 +200,33 @@ TEST_F(Get, WithoutCount) {
 
   EXPECT_EQ(es_acl_get_acl(&names, &handles, nullptr), 0U);  // nobody asked for the results
   EXPECT_EQ(handle, held("edge"));
+}
+
+TEST_F(Get, MemoryRunsOutAtEveryAllocation) {
+  platform().pcx_read.always(answer(ace_records({5, 9, 11})));
+  void* name = const_cast<char*>("edge");
+  void* handle = nullptr;
+  uint32_t result = 0;
+  const es_acl_handle_list names = {1, &name};
+  es_acl_handle_list handles = {0, &handle};
+  sweep_allocations([&] { return es_acl_get_acl(&names, &handles, &result); },
+                    [&] {
+                      EXPECT_EQ(handle, nullptr);
+                      EXPECT_EQ(held("edge"), nullptr);
+                      EXPECT_EQ(log_of("dsv_register").size(), log_of("pcx_unregister").size());
+                      EXPECT_EQ(records_out(), 0U);
+                    });
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(held_sequence(held("edge")), (Numbers{5, 9, 11}));
+
+  // What answers without a status has nothing to allocate, or copes.
+  fail_allocation(1);
+  EXPECT_EQ(es_acl_lookup("edge"), handle);
+  EXPECT_EQ(es_acl_check_acl_name("edge"), 0U);
+  EXPECT_EQ(es_acl_search_item(held("edge"), 7), nullptr);
+  es_acl_release(&handles);
+  end_allocation_failure();
+  EXPECT_EQ(held("edge"), nullptr);
 }
 
 }  // namespace

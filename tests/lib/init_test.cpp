@@ -153,4 +153,14 @@ TEST_F(InitTest, DebugLinesOfADisabledCategoryOrAnUnsetHandle) {
   EXPECT_EQ(log(), Lines{});
 }
 
+TEST_F(InitTest, MemoryRunsOutAtEveryAllocationAndAtThoseOfTheCountQuery) {
+  sweep_allocations([this] { return es_acl_clib_init(ctx()); }, [] {});
+  EXPECT_EQ(es_acl_check_acl_name("edge"), 0U);
+  platform().pcx_read.always(answer(count_answer(2, 1)));
+  uint32_t aces = 0, remarks = 0;
+  sweep_allocations([&] { return es_acl_get_ace_count("edge", &aces, &remarks); },
+                    [&] { EXPECT_EQ(aces, 0U); });
+  EXPECT_EQ(aces, 2U);
+}
+
 }  // namespace
