@@ -18,7 +18,7 @@
 namespace es_acl::history {
 namespace {
 
-constexpr unsigned kAcls = 6, kClients = 4, kQuietChanges = 40, kFaultsBetweenQuietPoints = 25;
+constexpr unsigned kClients = 4, kQuietChanges = 40, kFaultsBetweenQuietPoints = 25;
 constexpr uint64_t kPatienceMs = 20000 * HISTORY_SLACK;
 
 unsigned option(const char* name, unsigned otherwise) {
@@ -29,9 +29,9 @@ unsigned option(const char* name, unsigned otherwise) {
 const unsigned seed = option("HISTORY_SEED", 1), most_faults = option("HISTORY_FAULTS", 100),
                minutes = option("HISTORY_MINUTES", 0);
 
-Lists some_lists() {
+Lists empty_lists(unsigned acls) {
   Lists lists;
-  for (unsigned i = 0; i < kAcls; ++i) lists["h" + std::to_string(i)];
+  for (unsigned i = 0; i < acls; ++i) lists["h" + std::to_string(i)];
   return lists;
 }
 
@@ -42,9 +42,11 @@ struct Client {
 
 class Ordeal {
  public:
-  Ordeal();
+  explicit Ordeal(unsigned acls);
   ~Ordeal();
   void mistreat();
+  // Without a fault. In each round so many times some of the lists are changed.
+  void keep_busy(unsigned rounds, unsigned changes);
 
  private:
   std::string bus(const std::string& side) const {
@@ -60,7 +62,7 @@ class Ordeal {
   void start_client(unsigned place);
   void add(Lists lists, bool begins);
   void await_taken();
-  void change_one();
+  void reconfigure(unsigned changes = 1);
   std::string restart_producer();
   std::string restart_client(unsigned place);
   std::string stop(const std::function<void(int)>& signal, const char* what);
@@ -69,11 +71,14 @@ class Ordeal {
   void note(const std::string& fault);
   std::string difference();
   void quiet_point();
+  void end_clients();
+  void report(const std::runtime_error& error);
 
   e2e::World world_;
   const uint64_t begin_ = now_ms();
   std::mt19937 random_{seed};
-  Lists lists_ = some_lists(), given_;
+  const unsigned acls_;
+  Lists lists_ = empty_lists(acls_), given_;
   History history_;
   bool pending_ = false;  // what was given last has not been taken yet
   Relay relay_;
@@ -85,7 +90,7 @@ class Ordeal {
   uint64_t longest_ms_ = 0;  // until all were in step again
 };
 
-Ordeal::Ordeal() : relay_(bus("front"), bus("back"), seed) {
+Ordeal::Ordeal(unsigned acls) : acls_(acls), relay_(bus("front"), bus("back"), seed) {
   world_.most_seconds = minutes * 60 + 300;
   world_.environment["ES_PCX_BEAT_MS"] = "100";
   world_.environment["ES_PCX_DEADLINE_MS"] = "500";
@@ -121,14 +126,14 @@ void Ordeal::add(Lists lists, bool begins) {
 
 // One configuration at a time is under way: so what the producer had is known even when it is killed.
 void Ordeal::await_taken() {
-  if (pending_) world_.producer_says("'a-" + std::to_string(history_.last()) + "' (new");
+  if (pending_) world_.producer_says("'a-" + std::to_string(history_.last() - 1) + "' (dropped");
   if (pending_) history_.taken();
   pending_ = false;
 }
 
-void Ordeal::change_one() {
+void Ordeal::reconfigure(unsigned changes) {
   await_taken();
-  change(&lists_, random_);
+  for (unsigned i = 0; i < changes; ++i) change(&lists_, random_);
   add(lists_, false);
   world_.reconfigure(configuration(given_, history_.last()));
   pending_ = true;
@@ -136,7 +141,7 @@ void Ordeal::change_one() {
 
 std::string Ordeal::restart_producer() {
   const auto memory = random_() % 4;
-  if (memory == 0) add(some_lists(), true);
+  if (memory == 0) add(empty_lists(acls_), true);
   if (memory == 1) change(&lists_, random_), add(lists_, true);
   const int signal = random_() % 2 == 0 ? SIGKILL : SIGTERM;
   world_.environment["ES_PCX_DIR"] = world_.path("back");
@@ -172,7 +177,7 @@ std::string Ordeal::stop(const std::function<void(int)>& signal, const char* wha
 std::string Ordeal::fall_silent() {
   await_taken();
   relay_.silence(std::chrono::milliseconds(kOldestMs + 3000));
-  for (int i = 0; i < 5; ++i) change_one();
+  for (int i = 0; i < 5; ++i) reconfigure();
   await_taken();
   std::this_thread::sleep_for(std::chrono::milliseconds(kOldestMs + 1500));
   return "long silence";
@@ -205,14 +210,14 @@ std::string Ordeal::difference() {
   std::string found;
   for (const auto& client : clients_) {
     records_ += client->log.read();
-    if (found.empty()) found = client->log.difference(kAcls);
+    if (found.empty()) found = client->log.difference(acls_);
   }
   return found;
 }
 
 void Ordeal::quiet_point() {
   relay_.heal();
-  change_one();
+  reconfigure();
   await_taken();
   const uint64_t begin = now_ms();
   for (std::string found; !(found = difference()).empty(); pause(20))
@@ -220,31 +225,50 @@ void Ordeal::quiet_point() {
   longest_ms_ = std::max(longest_ms_, now_ms() - begin);
 }
 
-void Ordeal::mistreat() try {
-  for (unsigned i = 0; i < kQuietChanges; ++i) change_one();
-  quiet_point();
-  note(fall_silent());
-  for (size_t quiet_at = 0; !is_over();) {
-    pause(60);
-    random_() % 3 == 0 ? change_one() : note(inflict());
-    if (faults_.size() < quiet_at) continue;
-    quiet_point();
-    if (random_() % 20 == 0) note(fall_silent());
-    quiet_at = faults_.size() + kFaultsBetweenQuietPoints;
-  }
-  quiet_point();
+void Ordeal::end_clients() {
   for (const auto& client : clients_) {
     const e2e::Ended ended = client->process.end_by(SIGTERM);
     EXPECT_EQ(ended.code, 0) << ended.err;
   }
-} catch (const std::runtime_error& error) {
+}
+
+void Ordeal::report(const std::runtime_error& error) {
   world_.keep = true;
   while (faults_.size() > 30) faults_.pop_front();
   ADD_FAILURE() << error.what() << "\nHISTORY_SEED=" << seed << ", directory " << world_.path("")
                 << ", last faults: " << ::testing::PrintToString(faults_);
 }
 
-TEST(History, EveryCopyIsTheProducersListAgainAfterAnyFault) { Ordeal().mistreat(); }
+void Ordeal::mistreat() try {
+  for (unsigned i = 0; i < kQuietChanges; ++i) reconfigure();
+  quiet_point();
+  note(fall_silent());
+  for (size_t quiet_at = 0; !is_over();) {
+    pause(60);
+    random_() % 3 == 0 ? reconfigure() : note(inflict());
+    if (faults_.size() < quiet_at) continue;
+    quiet_point();
+    if (random_() % 20 == 0) note(fall_silent());
+    quiet_at = faults_.size() + kFaultsBetweenQuietPoints;
+  }
+  quiet_point();
+  end_clients();
+} catch (const std::runtime_error& error) {
+  report(error);
+}
+
+void Ordeal::keep_busy(unsigned rounds, unsigned changes) try {
+  for (unsigned i = 0; i < rounds; ++i) reconfigure(changes);
+  quiet_point();
+  end_clients();
+} catch (const std::runtime_error& error) {
+  report(error);
+}
+
+TEST(History, EveryCopyIsTheProducersListAgainAfterAnyFault) { Ordeal(6).mistreat(); }
+
+// More than ten thousand changes.
+TEST(History, EveryCopyFollowsABusyProducer) { Ordeal(20).keep_busy(50, 8); }
 
 }  // namespace
 }  // namespace es_acl::history
