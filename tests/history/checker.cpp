@@ -178,6 +178,7 @@ void ClientLog::read(const std::string& line) try {
   if (kind == 'B') copies_.erase(acl);
   Copy& copy = copies_.try_emplace(acl, history_, acl, add_only_).first->second;
   copy.read(kind, time, words);
+  notices_ += kind == 'D';
   if (kind == 'S' && history_.at(time) == history_.last() && copy.difference().empty())
     equal_to_[acl] = history_.last();
 } catch (const std::runtime_error& error) {

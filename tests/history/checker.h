@@ -104,6 +104,7 @@ class ClientLog {
   size_t read();
   // Empty when each of so many ACLs has been equal to the producer's last list: got anew, it can only be that again.
   std::string difference(size_t acls) const;
+  size_t notices() const { return notices_; }
 
  private:
   void read(const std::string& line);
@@ -115,6 +116,7 @@ class ClientLog {
   std::string rest_;
   std::map<std::string, Copy> copies_;
   std::map<std::string, size_t> equal_to_;  // the last such list
+  size_t notices_ = 0;
 };
 
 }  // namespace es_acl::history

@@ -260,6 +260,7 @@ void Ordeal::mistreat() try {
 void Ordeal::keep_busy(unsigned rounds, unsigned changes) try {
   for (unsigned i = 0; i < rounds; ++i) reconfigure(changes);
   quiet_point();
+  for (const auto& client : clients_) EXPECT_NE(client->log.notices(), 0U);
   end_clients();
 } catch (const std::runtime_error& error) {
   report(error);
