@@ -77,11 +77,6 @@ Lines counted(const std::string& numbers) {
 }
 const Lines kCountedAB = lines(kCountedAll, counted("a num_aces: 3 num_remark_aces: 1"),
                                counted("b num_aces: 0 num_remark_aces: 0"));
-Lines count_failed(const std::string& code) {
-  return {"E: " + kCount + " pcx_read failed for pcx_read # 1batch of 3 out of total: 3rc " + code + ": <" +
-              code + ">",
-          "trace w"};
-}
 Lines wrong_count_length(uint32_t entries, uint32_t length) {
   return {"E: " + kCount + " entries read: " + show(entries) +
               " from producer does not match with expected number: 3 of entries, bytes_req: 48 bytes_ret: " +
@@ -117,7 +112,9 @@ const Case kCounts[] = {
      lines(kCountReady, kCountRead, kSleep, kCountRead, kSleep, kCountRead, kSleep, kCountRead, kCountedAB,
            counted("c num_aces: 16909060 num_remark_aces: 16909059"))},
     {"other_failure_in_errno", [] { platform().pcx_read.next(failed_with(5)); }, 5,
-     lines(kCountReady, kCountRead, count_failed("0x5"))},
+     lines(kCountReady, kCountRead,
+           "E: " + kCount + " pcx_read failed for pcx_read # 1batch of 3 out of total: 3rc 0x5: <0x5>",
+           "trace w")},
     {"one_less", [] { answer_bytes(32); }, 22, lines(kCountReady, kCountRead, wrong_count_length(2, 32))},
     {"one_byte_more", [] { answer_bytes(49); }, 22,
      lines(kCountReady, kCountRead, wrong_count_length(3, 49))},
@@ -170,13 +167,6 @@ Lines offered(const std::string& name, uint32_t seq) {
 const Lines kStoredAll =
     lines(kDecoding, offered("a", 5), offered("a", 9), "D: " + kBulkRead + " Decoding 0 ACEs info for ACL: b",
           "D: " + kBulkRead + " Decoding 1 ACEs info for ACL: c", offered("c", 7));
-Lines read_failed(const std::string& code) {
-  return {
-      "E: " + kBulkRead +
-          " pcx_read failed for pcx_read # 1for a batch of 3 ACLs for 3 aces out of total: 3 ACLs error " +
-          code + ": <" + code + ">",
-      "trace w"};
-}
 Lines wrong_read_length(uint32_t length) {
   return {"E: " + kBulkRead + " length read: " + show(length) +
               " from producer does not match with expected length: 480 of data. req_len: 211 batch_size: 3 "
@@ -194,7 +184,11 @@ void answer_records(size_t size) {
 const Case kReads[] = {
     {"answered", [] { answer_records(480); }, 0, lines(kReadReady, kReadCall, kStoredAll)},
     {"other_failure_in_errno", [] { platform().pcx_read.next(failed_with(5)); }, 5,
-     lines(kReadReady, kReadCall, read_failed("0x5"))},
+     lines(kReadReady, kReadCall,
+           "E: " + kBulkRead +
+               " pcx_read failed for pcx_read # 1for a batch of 3 ACLs for 3 aces out of total: 3 ACLs error "
+               "0x5: <0x5>",
+           "trace w")},
     {"one_byte_less", [] { answer_records(479); }, 22, lines(kReadReady, kReadCall, wrong_read_length(479))},
     {"second_of_another_version",
      [] {

@@ -24,11 +24,14 @@ uint32_t shorten_buffer(void*, const void*, uint32_t, void*, uint32_t* length) {
   return 3;
 }
 
-// A query that succeeds finds 2 ACEs and 1 remark.
+// A query that succeeds finds 2 ACEs and 1 remark, where there is somebody to be asked.
 const Case kCases[] = {
     {"answered", [] { platform().pcx_read.next(answer(count_answer(2, 1))); }, 0, kAsked},
     {"look_up_is_not_retried", [] { platform().dsv_lookup_data.next(11); }, 11,
      lines(kLookedUp, "E: es_acl_cpcx_query_acl_count: dsv_lookup_data acl_name edge failed <0xb>",
+           "trace w")},
+    {"nobody_has_registered_the_name", [] { platform().dsv_lookup_data.next(0xa2ce3000); }, 0,
+     lines(kLookedUp, "E: es_acl_cpcx_query_acl_count: dsv_lookup_data data not found for acl edge",
            "trace w")},
     {"passing_failures",
      [] {
@@ -66,7 +69,7 @@ const Numbers kNothing = {0, kUntouched};
 TEST_P(CountQuery, Exchange) {
   GetParam().arrange();
   EXPECT_EQ(query(), GetParam().status);
-  EXPECT_EQ(found_, (GetParam().status == 0 ? Numbers{2, 1} : kNothing));
+  EXPECT_EQ(found_, (GetParam().status == 0 && !requests().empty() ? Numbers{2, 1} : kNothing));
   EXPECT_EQ(log(), GetParam().expected);
   for (const Bytes& request : requests()) {
     ASSERT_EQ(request.size(), 76U);
@@ -106,15 +109,6 @@ TEST_F(CountQuery, NullArguments) {
                           "E: es_acl_cpcx_query_acl_count: Invalid parameters aclname (null)"}));
   EXPECT_EQ(es_acl_cpcx_query_acl_count("edge", nullptr, &found_[1]), 22U);
   EXPECT_EQ(es_acl_cpcx_query_acl_count("edge", &found_[0], nullptr), 22U);
-}
-
-TEST_F(CountQuery, NameThatNobodyRegistered) {
-  platform().dsv_lookup_data.next(0xa2ce3000);
-  EXPECT_EQ(query(), 0U);
-  EXPECT_EQ(found_, kNothing);
-  EXPECT_EQ(log(),
-            lines(kLookedUp, "E: es_acl_cpcx_query_acl_count: dsv_lookup_data data not found for acl edge",
-                  "trace w"));
 }
 
 TEST_F(CountQuery, AnswerOfTheWrongSizeIsNotUsed) {
