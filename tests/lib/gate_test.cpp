@@ -83,10 +83,7 @@ class Gate : public LibraryTest {
       thread = std::thread(event);
       entered.wait();
     }
-    void let_go() {
-      go.count_down();
-      thread.join();
-    }
+    void let_go() { go.count_down(), thread.join(); }
     std::latch entered{1}, go{1};
     std::thread thread;
   };

@@ -136,15 +136,6 @@ TEST_F(Resources, AnAclThatIsNotHeldLeavesTheQueueAlone) {
   EXPECT_TRUE(take_back(kFirst));
 }
 
-// Once required, always required: without callbacks everything is agreed to, but has to be held.
-TEST_F(Resources, NobodyIsLeftToBeAsked) {
-  es_acl_unregister_res_check_callback(on_res_check, &client_);
-  EXPECT_EQ(check(kFirst), 22U);
-  hold_question(kFirst);
-  EXPECT_EQ(check(kFirst), 0U);
-  EXPECT_TRUE(take_back(kFirst));
-}
-
 // --- Failures of memory ---
 
 TEST_F(Resources, ThePoolIsEmptyAtEachCandidate) {
