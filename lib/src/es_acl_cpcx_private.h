@@ -44,8 +44,8 @@ inline void publish_address(void* address) {
 }
 inline void* published_address() { return __atomic_load_n(&es_acl_global_handle, __ATOMIC_RELAXED); }
 
-// es_acl_cpcx_handle_pcx_update_ace(). *complete becomes false when the store has not taken everything: a status of 0 does
-// not tell.
+// es_acl_cpcx_handle_pcx_update_ace(). *complete becomes false when the store has not taken everything, which a status of
+// 0 does not tell; where nobody wants to know that, the ACL is caught up with.
 es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n, es_acl_head** head,
                           uint32_t* changed, bool* complete);
 

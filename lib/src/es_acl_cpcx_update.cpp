@@ -236,7 +236,11 @@ es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_
   *head = acl;
   Update update(acl, command, records, n);
   const uint32_t rc = update.run(changed);
-  if (!update.complete()) *complete = false;
+  if (update.complete()) return rc;
+  if (complete != nullptr)
+    *complete = false;
+  else if (!use.leaving())
+    sync_missed(acl->name);
   return rc;
 }
 
@@ -246,8 +250,5 @@ using namespace es_acl;
 
 es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
                                                 es_acl_head** head, uint32_t* changed) {
-  bool complete = true;
-  const uint32_t rc = update_aces(command, records, n, head, changed, &complete);
-  if (!complete) sync_missed((*head)->name);
-  return rc;
+  return update_aces(command, records, n, head, changed, nullptr);
 }
