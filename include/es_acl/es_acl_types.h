@@ -70,7 +70,8 @@ typedef struct es_acl_ace {
   uint8_t grant;         /* 66: ES_ACL_DENY or ES_ACL_PERMIT */
   uint8_t log_option;    /* 67: 0 no logging, 1 log matches */
   uint8_t reserved68[4]; /* 68: zero */
-  void* private_data;    /* 72: means nothing outside the process; null when the library hands it on */
+  void* private_data; /* 72: means nothing outside the process; null in a stored ACE, of any value in one that
+                            is about to be stored */
 } es_acl_ace;
 
 ES_ACL_STATIC_ASSERT(sizeof(es_acl_ace) == 80, "an ACE record is 80 bytes");
