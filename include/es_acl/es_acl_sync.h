@@ -32,7 +32,7 @@ enum {
 
 typedef struct es_acl_sync_info {
   uint32_t state;    /* ES_ACL_IN_STEP, ... */
-  uint32_t refusals; /* changes that callbacks have refused since the ACL was got */
+  uint32_t refusals; /* changes that callbacks, or want of memory, have refused since the ACL was got */
   uint64_t since_ns; /* when the state began: nanoseconds of CLOCK_REALTIME */
 } es_acl_sync_info;
 

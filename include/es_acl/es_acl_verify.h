@@ -49,7 +49,8 @@ ES_ACL_BEGIN_DECLS
  * has not answered by then is told as such.
  *
  * 0; 22: null arguments, or the library is not initialised; ES_ACL_E_NAME; 3: no producer, or it went away; 11: too many
- * ask at the same time; 12; 62: the producer is silent; ES_ACL_E_ANSWER_VERSION. `visit` is called only with 0. An ACL
+ * ask at the same time; 12; 22 also: the producer knows no such question; 62: the producer is silent; 90: more clients
+ * than an answer holds, some thousands; ES_ACL_E_ANSWER_VERSION. `visit` is called only with 0. An ACL
  * that the producer does not have is an empty list there. */
 ES_ACL_API es_acl_status es_acl_verify(const char* name, uint32_t deadline_ms, es_acl_list_cb visit,
                                        void* context);

@@ -6,6 +6,7 @@
 // one: so whatever comes afterwards belongs on top of what was read.
 #include "es_acl_catch_up.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <new>
@@ -32,19 +33,21 @@ constexpr uint32_t kAceSize = sizeof(es_acl_pcx_acl_ace);
 
 using Records = std::vector<es_acl_pcx_acl_ace>;
 
-// What a list that comes record by record has other than the copy.
+// What a list that comes record by record has other than the copy. Between two records a request may take its time, and
+// the client may edit its copy: an ACE that the walk stands on may have come back elsewhere in the list, and what has been
+// passed comes by once more.
 class Difference {
  public:
   explicit Difference(es_acl_head* head) : head_(head), node_(es_get_first_ace(head)) {}
 
   // The next record of the list, in host byte order. False when it does not stand behind the one before.
   bool compare(const es_acl_pcx_acl_ace& record) {
-    if (record.ace.seq <= last_seq_) return false;
+    if (listed_ != 0 && record.ace.seq <= last_seq_) return false;
     last_seq_ = record.ace.seq;
     ++listed_;
     es_acl_ace* const stored = skip_to(record.ace.seq);
     if (stored != nullptr && stored->seq == record.ace.seq) {
-      node_ = es_get_next_ace(head_, node_);
+      pass(*stored);
       es_acl_ace listed = record.ace;
       listed.private_data = stored->private_data;  // the client's
       if (es_acl_compare_ace(stored, &listed) != 0) return true;
@@ -65,13 +68,18 @@ class Difference {
     for (;;) {
       es_acl_ace* const stored = node_ != nullptr ? es_get_ace_data(head_, node_) : nullptr;
       if (stored == nullptr || stored->seq >= seq) return stored;
-      removed_.emplace_back().ace = *stored;
-      node_ = es_get_next_ace(head_, node_);
+      if (stored->seq >= next_seq_) removed_.emplace_back().ace = *stored;
+      pass(*stored);
     }
+  }
+  void pass(const es_acl_ace& stored) {
+    next_seq_ = std::max(next_seq_, uint64_t{stored.seq} + 1);
+    node_ = es_get_next_ace(head_, node_);
   }
 
   es_acl_head* const head_;
   es_acl_ace_node* node_;
+  uint64_t next_seq_ = 0;  // behind all that has been passed
   uint32_t last_seq_ = 0;
   uint32_t listed_ = 0;  // records so far
   Records removed_, added_;
@@ -99,10 +107,10 @@ class Patience {
  public:
   explicit Patience(const es_acl_head* head) : head_(head) {}
 
-  // 0; 125: the ACL is wanted no more; 62: it has taken too long, others are to have their turn.
+  // 0; 125: the ACL is wanted no more; 11: it has taken too long, others are to have their turn.
   uint32_t left() const {
     if (teardown_waits(head_->name)) return ECANCELED;
-    return Clock::now() < end_ ? 0 : ETIME;
+    return Clock::now() < end_ ? 0 : EAGAIN;
   }
 
  private:
@@ -119,6 +127,7 @@ uint32_t read_whole(es_acl_head* head, Difference* difference) {
   if (most == 0) return refuse(head, "no room for one record", most);
   Records records(most);
   for (uint32_t length = most * kAceSize; length == most * kAceSize;) {
+    if (const uint32_t rc = patience.left(); rc != 0) return rc;
     acl_pcx_read_req request = {};
     request.cmd = ACL_PCX_READ_ACES;
     request.ver = ES_ACL_PCX_VERSION;
@@ -128,7 +137,6 @@ uint32_t read_whole(es_acl_head* head, Difference* difference) {
     es_acl_wire_read_req_order(&request);
     uint32_t rc = status_of(pcx_read(head->reg_handle, &request, sizeof request, records.data(), &length));
     if (rc == 0) rc = compare_all(head, records.data(), length, difference);
-    if (rc == 0) rc = patience.left();
     if (rc != 0) return rc;
   }
   return 0;

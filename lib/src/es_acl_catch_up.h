@@ -18,7 +18,8 @@ struct CatchUp {
   es_acl_status status = 0;
   bool refused = false;  // it was an update callback, or memory, that did not let a step be made
   uint64_t generation =
-      0;  // connection behind which the list was read, when status is 0 or a step was refused
+      0;                  // connection behind which the list was read, when status is 0 or a step was refused
+  uint64_t as_of_ns = 0;  // the list is not older: nanoseconds of CLOCK_REALTIME
 };
 
 // Registers the ACL anew, so that nothing pushed before the read can come behind it, reads its list and applies the

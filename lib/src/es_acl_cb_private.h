@@ -3,6 +3,7 @@
 #define ES_ACL_SRC_CB_PRIVATE_H_
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 #include "es_acl/es_acl_callback.h"
@@ -24,23 +25,25 @@ class CallbackRegistry {
   std::mutex creation_;
 };
 
-// Calls `call` for each entry until a result is decisive. Returns the last result, 0 when nothing was called. No lock is
-// held.
+struct EndOfCursor {
+  void operator()(list_registry_cursor* cursor) const { list_registry_end(cursor); }
+};
+
+// Calls `call` for each entry until a result is decisive, or it throws. Returns the last result, 0 when nothing was called.
+// No lock is held.
 template <typename Function, typename Call>
 uint32_t walk(list_registry* registry, bool (*decisive)(uint32_t), Call call) {
   uint32_t result = 0;
   list_registry_function function = nullptr;
   void* context = nullptr;
-  list_registry_cursor* cursor = list_registry_first(registry, &function, &context);
+  std::unique_ptr<list_registry_cursor, EndOfCursor> cursor(
+      list_registry_first(registry, &function, &context));
   while (cursor != nullptr) {
     if (function != nullptr) {
       result = call(reinterpret_cast<Function>(function), context);
-      if (decisive(result)) {
-        list_registry_end(cursor);
-        break;
-      }
+      if (decisive(result)) break;
     }
-    cursor = list_registry_next(cursor, &function, &context);
+    cursor.reset(list_registry_next(cursor.release(), &function, &context));
   }
   return result;
 }

@@ -228,7 +228,13 @@ void receive_write(const Message& message) {
 void apply_kept_message(void* payload, uint32_t length) {
   const Message message = {payload, length};
   const MessageName name(message);
-  apply_change(message, name, AclUse(name.text));
+  const AclUse use(name.text);
+  try {
+    apply_change(message, name, use);
+  } catch (...) {
+    DBG_ERR("%s: acl %s: a callback has thrown an exception", kHandler, name.text);
+    if (!use.leaving()) sync_missed(name.text);
+  }
 }
 
 }  // namespace es_acl

@@ -32,13 +32,14 @@ namespace es_acl {
 namespace {
 
 constexpr char kSync[] = "es_acl_sync";
-constexpr uint32_t kFirstRetryMs = 100, kLongestRetryMs = 5000;
+constexpr uint32_t kFirstRetryMs = 100, kLongestRetryMs = 5000, kPauseMs = 1000;
 
 struct Record {
   es_acl_sync_info info = {};
   Form form = Form::whole;
   bool behind = false;      // it has missed something: what is pushed is not for this list
   uint64_t generation = 0;  // connection behind which the copy was read
+  uint64_t as_of_ns = 0;    // the copy is not older than that, as info.since_ns
   uint32_t retry_ms = 0;
 };
 
@@ -118,6 +119,9 @@ uint32_t next_retry(Record& record) {
   return record.retry_ms;
 }
 
+// No answer came, or not in time.
+bool is_silent(const CatchUp& result) { return result.status == ETIME && !result.refused; }
+
 void settle(es_acl_head* head, const CatchUp& result) {
   uint32_t retry_ms = 0;
   change_record(head, [&](Table& table, Record& record) -> uint32_t {
@@ -127,23 +131,40 @@ void settle(es_acl_head* head, const CatchUp& result) {
       table.set_behind_locked(record, false);
     }
     if (result.status != 0) {
-      retry_ms = next_retry(record);
+      retry_ms = next_retry(record) + (is_silent(result) ? kPauseMs : 0);
       return result.status == ESRCH && !result.refused ? ES_ACL_OUT_OF_TOUCH : ES_ACL_CATCHING_UP;
     }
     record.retry_ms = 0;
+    record.as_of_ns = result.as_of_ns;
     return ES_ACL_IN_STEP;
   });
   if (retry_ms != 0) pcx_renew_later(head->reg_handle, retry_ms);
 }
 
 // A producer that has just let a request run into its deadline is not asked for every other ACL at once: that would hold
-// the delivery thread up for as many deadlines.
-CatchUp catch_up_unless_hopeless(es_acl_head* head, Form form) {
+// the delivery thread up for as many deadlines. The others come right after the pause, and the one that was asked for
+// behind them: who is always slow does not keep others from their turn.
+class Pause {
+ public:
+  // 0 when there is none.
+  uint32_t left_ms() const {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
+    return left.count() > 0 ? static_cast<uint32_t>(left.count()) : 0;
+  }
+  void begin() { end_ = Clock::now() + std::chrono::milliseconds(kPauseMs); }
+
+ private:
   using Clock = std::chrono::steady_clock;
-  static Clock::time_point hopeless_until;  // the delivery thread's
-  if (Clock::now() < hopeless_until) return {.status = ETIME};
-  const CatchUp result = catch_up(head, form, nullptr);
-  if (result.status == ETIME && !result.refused) hopeless_until = Clock::now() + std::chrono::seconds(1);
+
+  Clock::time_point end_;
+};
+constinit Pause pause_of_producer;  // the delivery thread's
+
+CatchUp catch_up_or_pause(es_acl_head* head, Form form) {
+  const uint64_t begin_ns = wall_clock_ns();
+  CatchUp result = catch_up(head, form, nullptr);
+  result.as_of_ns = begin_ns;
+  if (is_silent(result)) pause_of_producer.begin();
   return result;
 }
 
@@ -157,7 +178,11 @@ void renewed(es_acl_head* head, uint64_t generation) {
     table.set_behind_locked(record, true);
     return ES_ACL_CATCHING_UP;
   });
-  if (needed) settle(head, catch_up_unless_hopeless(head, form));
+  if (!needed) return;
+  if (const uint32_t pause_ms = pause_of_producer.left_ms(); pause_ms != 0)
+    pcx_renew_later(head->reg_handle, pause_ms);
+  else
+    settle(head, catch_up_or_pause(head, form));
 }
 
 void lost(es_acl_head* head) {
@@ -176,10 +201,10 @@ void diverged(es_acl_head* head, uint32_t refusals) {
 }
 
 // An ACL that came to be in step has been heard of at that time.
-void regard_silence(es_acl_sync_info* info) {
+void regard_silence(uint64_t as_of_ns, es_acl_sync_info* info) {
   constexpr uint64_t kMillisecond = 1000000;
   const uint64_t now = wall_clock_ns();
-  const uint64_t silence_ns = std::min(pcx_silence_ms(es_acl_dsv_class) * kMillisecond, now - info->since_ns);
+  const uint64_t silence_ns = std::min(pcx_silence_ms(es_acl_dsv_class) * kMillisecond, now - as_of_ns);
   if (silence_ns <= pcx_silence_limit_ms(es_acl_dsv_class) * kMillisecond) return;
   info->state = ES_ACL_OUT_OF_TOUCH;
   info->since_ns = now - silence_ns;
@@ -196,7 +221,7 @@ es_acl_status sync_enter(es_acl_head* head, Form form, uint64_t generation) try 
   record.form = form;
   record.generation = generation;
   record.info.state = generation != 0 ? ES_ACL_IN_STEP : ES_ACL_OUT_OF_TOUCH;
-  record.info.since_ns = wall_clock_ns();
+  record.info.since_ns = record.as_of_ns = wall_clock_ns();
   return 0;
 } catch (const std::bad_alloc&) {
   DBG_ERR("%s: no memory for acl %s", kSync, head->name);
@@ -266,13 +291,15 @@ using namespace es_acl;
 es_acl_status es_acl_get_sync_info(es_acl_head* acl, es_acl_sync_info* info) {
   if (acl == nullptr || info == nullptr) return EINVAL;
   Table& table = Table::instance();
+  uint64_t as_of_ns = 0;
   {
     const std::lock_guard lock(table.mutex);
     const Record* const record = table.find_locked(acl->name);
     if (record == nullptr) return ES_ACL_E_NOT_FOUND;
     *info = record->info;
+    as_of_ns = record->as_of_ns;
   }
-  if (info->state == ES_ACL_IN_STEP) regard_silence(info);
+  if (info->state == ES_ACL_IN_STEP) regard_silence(as_of_ns, info);
   return 0;
 }
 

@@ -145,7 +145,7 @@ using namespace es_acl;
 
 es_acl_status es_acl_verify(const char* name, uint32_t deadline_ms, es_acl_list_cb visit, void* context) {
   DBG_INFO("Entering %s: acl name: %s", __func__, shown(name));
-  if (name == nullptr || visit == nullptr) return EINVAL;
+  if (name == nullptr || visit == nullptr || es_acl_dsv_class == 0) return EINVAL;
   uint32_t rc = es_acl_check_acl_name(name);
   if (rc != 0) return rc;
   const NameHandle handle(name);

@@ -1,5 +1,6 @@
 // ACLs whose link to the producer is lost and renewed: what is read anew, what is told and changed, and what is said of it.
 #include <array>
+#include <stdexcept>
 #include <thread>
 
 #include "es_acl/es_acl_digest.h"
@@ -171,6 +172,28 @@ TEST_F(Sync, AnUnusableReadLeavesTheCopyAndIsTriedAgain) {
   clear_log();
   tell(kRenewed, 2);
   EXPECT_EQ(log_of("pcx_read"), Lines{}) << "nobody waits for one deadline behind the other";
+}
+
+// The others come when the pause ends, and it comes behind them.
+TEST_F(Sync, ASlowAclKeepsNoOtherFromItsTurn) {
+  es_acl_head* const core = get({"core"}).heads[0];
+  platform().pcx_read.next(failed_with(62));
+  tell(kRenewed, 2);
+  EXPECT_EQ(told().back(), retry(1100));
+  link_handler(core->reg_handle, "core", kRenewed, 2);
+  const std::string later = told().back(), put_off = "pcx_renew_later(reg:core, ";
+  ASSERT_TRUE(later.starts_with(put_off)) << later;
+  EXPECT_LE(std::stoi(later.substr(put_off.size())), 1000);
+}
+
+TEST_F(Sync, AFillSurvivesACallbackThatThrows) {
+  platform().pcx_read.next([](void*, const void*, uint32_t, void*, uint32_t* length) {
+    std::thread([] { push(batch(kAdd, {{20, 2}}, "core")); }).join();
+    return *length = 0, 0U;
+  });
+  client_.action = [] { throw std::runtime_error("no"); };
+  es_acl_head* const core = get({"core"}).heads[0];
+  EXPECT_EQ(info(core).state, uint32_t{ES_ACL_CATCHING_UP});
 }
 
 TEST_F(Sync, ARefusedPushIsMadeUpFor) {
