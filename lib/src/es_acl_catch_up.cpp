@@ -18,8 +18,8 @@
 #include "es_acl/es_acl_store.h"
 #include "es_acl/es_acl_wire.h"
 #include "es_acl_cpcx_bulk.h"
-#include "es_acl_diag.h"
 #include "es_acl_gate.h"
+#include "es_acl_refusal.h"
 #include "es_acl_retry.h"
 #include "es_acl_state.h"
 #include "es_db_private.h"
@@ -86,9 +86,7 @@ class Difference {
 };
 
 uint32_t refuse(const es_acl_head* head, const char* why, uint64_t value) {
-  DBG_ERR("%s: acl %s: %s: %llu", kCatchUp, head->name, why, static_cast<unsigned long long>(value));
-  trace_name(kCatchUp, why, head->name, value);
-  return EINVAL;
+  return refuse_acl(kCatchUp, head->name, why, value, EINVAL);
 }
 
 uint32_t compare_all(const es_acl_head* head, es_acl_pcx_acl_ace* records, uint32_t length,

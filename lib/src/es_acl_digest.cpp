@@ -10,9 +10,9 @@
 #include "es_acl/es_acl_digest.h"
 #include "es_acl/es_acl_store.h"
 #include "es_acl/es_acl_sync.h"
-#include "es_acl_diag.h"
 #include "es_acl_digest_private.h"
 #include "es_acl_gate.h"
+#include "es_acl_refusal.h"
 #include "es_acl_sync_private.h"
 
 namespace es_acl {
@@ -21,9 +21,7 @@ namespace {
 constexpr char kInquiry[] = "es_acl_inquiry";
 
 bool refuse(const char* name, const char* why, uint64_t value) {
-  DBG_ERR("%s: acl %s: %s: %llu", kInquiry, name, why, static_cast<unsigned long long>(value));
-  trace_name(kInquiry, why, name, value);
-  return false;
+  return refuse_acl(kInquiry, name, why, value, EINVAL) == 0;
 }
 
 bool asks_for_digest(const char* name, const void* question, uint32_t length) {

@@ -16,7 +16,7 @@
 #include "es_acl/es_acl.h"
 #include "es_acl/es_acl_sync.h"
 #include "es_acl_buffer.h"
-#include "es_acl_diag.h"
+#include "es_acl_refusal.h"
 #include "es_acl_state.h"
 #include "es_platform/dsv.h"
 #include "es_platform/pcx.h"
@@ -83,9 +83,7 @@ struct Answer {
 };
 
 uint32_t refuse(const char* name, const char* why, uint64_t value, uint32_t status) {
-  DBG_ERR("es_acl_verify: acl %s: %s: %llu", name, why, static_cast<unsigned long long>(value));
-  trace_name("es_acl_verify", why, name, value);
-  return status;
+  return refuse_acl("es_acl_verify", name, why, value, status);
 }
 
 uint32_t convert(const char* name, char* bytes, uint32_t length, Answer* answer) {
