@@ -126,7 +126,8 @@ int serve(const Options& options) {
   const DatabasePtr database = load_configuration(options);
   LineLimiter limiter(log_line, milliseconds_now);
   Service service(database, [&](std::string_view line) { limiter.write(line); });
-  const auto bus = PcxBus::open(service, uint64_t{options.queue_limit_mib} << 20, options.verbose);
+  const uint64_t queue_limit = uint64_t{options.queue_limit_mib} << 20;
+  const auto bus = PcxBus::open(service, queue_limit, options.verbose);
   if (!bus) return kExitBus;
   // Being the only producer now, we may take away what one that was killed has left.
   retract_ready(options);
@@ -134,7 +135,7 @@ int serve(const Options& options) {
   if (!report_ready(options)) return kExitSystem;
 
   const Asking asking = {service, *bus, options.question_deadline_ms, log_line, Signals::end_is_near};
-  Updater updater(service, *bus, asking, {PcxBus::optimum_message_size(), options.check_resources});
+  Updater updater(service, *bus, asking, {PcxBus::message_size(queue_limit), options.check_resources});
   const int signal = follow(signals, watch, updater, options);
   if (options.verbose) log_line(std::string("ended by ") + strsignal(signal));
   retract_ready(options);

@@ -1,5 +1,6 @@
 #include "pcx_bus.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -75,14 +76,12 @@ void PcxBus::on_peer_gone(void* user, const pcx_peer* peer) {
   if (bus->verbose_) try_to_log([&] { return "process " + std::to_string(peer->pid) + " is gone"; });
 }
 
-void PcxBus::on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t) {
+uint32_t PcxBus::on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t) {
   try {
     static_cast<PcxBus*>(user)->service_.registered(*peer, name);
+    return 0;
   } catch (const std::bad_alloc&) {
-    try_to_log([&] {
-      return "no memory: changes of acl '" + printable(name) + "' will not reach process " +
-             std::to_string(peer->pid);
-    });
+    return ENOMEM;
   }
 }
 
@@ -138,10 +137,11 @@ uint32_t PcxBus::inquire(const std::string& name, std::span<const std::byte> que
   return all.out_of_memory ? ENOMEM : status;
 }
 
-uint32_t PcxBus::optimum_message_size() {
+uint32_t PcxBus::message_size(uint64_t queue_limit) {
   uint32_t class_handle = 0;
   dsv_create_class(ES_ACL_DSV_CLASS_NAME, 0, 1, &class_handle);
-  return pcx_get_optimum_msg_size(class_handle);
+  const uint64_t optimum = pcx_get_optimum_msg_size(class_handle);
+  return static_cast<uint32_t>(std::min(optimum, queue_limit - PCX_FRAME_ROOM));
 }
 
 }  // namespace es_acl::producer

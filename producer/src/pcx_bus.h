@@ -26,8 +26,8 @@ class PcxBus final : public BusPort {
   uint32_t inquire(const std::string& name, std::span<const std::byte> question, uint64_t* number,
                    std::vector<pcx_peer>* asked) override;
 
-  // The size at which messages travel best.
-  static uint32_t optimum_message_size();
+  // The size at which messages travel best, and no more than a queue of that limit can hold.
+  static uint32_t message_size(uint64_t queue_limit);
 
  private:
   struct Closer {
@@ -39,7 +39,7 @@ class PcxBus final : public BusPort {
   static uint32_t on_read(void* user, const pcx_peer* peer, void* request, uint32_t request_length,
                           void* answer, uint32_t capacity, uint32_t* answer_length);
   static void on_peer_gone(void* user, const pcx_peer* peer);
-  static void on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t);
+  static uint32_t on_registered(void* user, const pcx_peer* peer, const char* name, uint32_t);
   static void on_inquiry_answered(void* user, const pcx_peer* peer, uint64_t number, const void* response,
                                   uint32_t response_length);
 

@@ -107,7 +107,7 @@ Producer::Producer(const std::string& class_name, uint64_t queue_limit, OnRegist
       read, [](void* user, const pcx_peer*) { ++static_cast<Producer*>(user)->gone; },
       [](void* user, const pcx_peer* peer, const char* name, uint32_t renewed) {
         const auto& tell = static_cast<Producer*>(user)->on_registered;
-        if (tell) tell(*peer, name, renewed);
+        return tell ? tell(*peer, name, renewed) : 0;
       },
       [](void* user, const pcx_peer* peer, uint64_t number, const void* response, uint32_t length) {
         const auto& tell = static_cast<Producer*>(user)->on_answer;

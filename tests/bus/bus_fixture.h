@@ -52,7 +52,7 @@ class Recorder {
 // refused with N. The log begins anew with each producer.
 class Producer {
  public:
-  using OnRegistered = std::function<void(const pcx_peer&, const std::string&, uint32_t)>;
+  using OnRegistered = std::function<uint32_t(const pcx_peer&, const std::string&, uint32_t)>;
   explicit Producer(const std::string& class_name, uint64_t queue_limit = 0, OnRegistered told = {});
   ~Producer() { pcx_producer_close(handle_); }
   pcx_producer* get() { return handle_; }

@@ -76,6 +76,28 @@ TEST_F(BusLink, OverflowIsALoss) {
   EXPECT_TRUE(told({"message", "lost 1 n", "renewed 2 n"}));
 }
 
+// A message for one consumer that no queue can hold, and a registration that the producer could not take note of.
+TEST_F(BusLink, WhatCannotReachAConsumerIsALoss) {
+  std::atomic<uint32_t> refusals{1};
+  std::atomic<uint64_t> peer{0};
+  Producer producer(name, 1 << 20, [&](const pcx_peer& who, const std::string&, uint32_t) {
+    peer = who.id;
+    return refusals > 0 ? refusals--, 12U : 0U;
+  });
+  const Registration registration(name, "n", recorder);
+  EXPECT_EQ(read(registration.handle, "echo x").answer, "x");
+  EXPECT_TRUE(told({"renewed 1 n", "lost 1 n", "renewed 2 n"}));
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  const auto push = [&](size_t size) {
+    const std::string message(size, 'b');
+    return pcx_producer_push_to(producer.get(), peer, 6, "n", message.data(), static_cast<uint32_t>(size));
+  };
+  EXPECT_EQ(push((1 << 20) - PCX_FRAME_ROOM), 0U);
+  EXPECT_TRUE(recorder.has(1));
+  EXPECT_EQ(push(1 << 20), 2U);
+  EXPECT_TRUE(told({"lost 2 n", "renewed 3 n"}));
+}
+
 // The walk stands what the handler does to the registrations, and ends although each call makes a new one.
 TEST_F(BusLink, HandlerRegistersAnew) {
   std::map<std::string, std::unique_ptr<Registration>> held;

@@ -72,6 +72,7 @@ TEST_F(BusPush, ProducerIsToldWhetherARegistrationIsNew) {
     const uint32_t status = pcx_producer_push_to(producer->get(), who.id, kWrite, acl.c_str(), "p", 1);
     const std::lock_guard lock(mutex);
     told.push_back(acl + " " + std::to_string(renewed) + (status == 0 ? " reached" : ""));
+    return 0U;
   };
   const auto expect_told = [&](std::vector<std::string> expected) {
     const auto all = [&] {

@@ -34,8 +34,9 @@ typedef struct pcx_producer_ops {
   /* A consumer has registered a name. `renewed` 0: a new registration, for which nothing has been read yet; told before
    * anything can be pushed to it. 1: one that was there before a lost connection (to this producer or its predecessor)
    * and behind which the consumer has read; told as soon as it can be pushed to. No lock is held: pushing from inside is
-   * allowed. May be null. */
-  void (*registered)(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
+   * allowed. 0, or 12: the registration could not be taken note of; the event connection ends, and the consumer makes a
+   * new one and registers again. May be null. */
+  uint32_t (*registered)(void* user, const pcx_peer* peer, const char* name, uint32_t renewed);
   /* A consumer has answered the inquiry of that number; without bytes when it has nobody to ask there. Answers may come
    * at any time, also long after the inquiry, or not at all. May be null. */
   void (*inquiry_answered)(void* user, const pcx_peer* peer, uint64_t number, const void* response,
@@ -46,6 +47,9 @@ typedef struct pcx_producer_options {
   uint64_t queue_limit;          /* bytes queued per consumer; 0: 64 MiB */
   void (*log)(const char* line); /* where log lines go; null: standard error */
 } pcx_producer_options;
+
+/* What a message takes up in a queue beside its bytes, at most. */
+enum { PCX_FRAME_ROOM = 64 };
 
 /* One consumer's answer to a synchronous request. */
 typedef struct pcx_sync_answer {
@@ -77,7 +81,9 @@ PLATFORM_API uint32_t pcx_producer_unpublish(pcx_producer* producer, const char*
  * 64 MiB, or one that no queue could hold). Does not block; allowed from inside an operation. */
 PLATFORM_API uint32_t pcx_producer_push(pcx_producer* producer, uint32_t mtype, const char* name,
                                         const void* payload, uint32_t length, uint32_t* reached);
-/* The same for one of them. 0, 2 when that consumer has not registered the name, 12, 22. */
+/* The same for one of them, who must not miss it: a message that cannot be queued ends that consumer's event connection,
+ * also when no queue could hold it. 0; 2 when the consumer has not registered the name, or its connection has ended;
+ * 22. */
 PLATFORM_API uint32_t pcx_producer_push_to(pcx_producer* producer, uint64_t peer_id, uint32_t mtype,
                                            const char* name, const void* payload, uint32_t length);
 

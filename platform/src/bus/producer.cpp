@@ -5,8 +5,11 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
+#include <new>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -31,12 +34,20 @@ using es_platform::bus::Service;
 namespace {
 
 constexpr uint64_t kQueueLimit = 64 << 20;
-constexpr size_t kFrameRoom = 64;  // what a message takes up in a queue beside its bytes, at most
 
 bool is_name(const char* name) {
   const size_t length = name != nullptr ? strnlen(name, kMaxName + 1) : 0;
   return length >= 1 && length <= kMaxName;
 }
+
+bool is_message(const void* payload, uint32_t length) {
+  return (payload != nullptr || length == 0) && length <= kMaxMessage;
+}
+
+// Names are looked up without a copy, and so without memory.
+struct NameHash : std::hash<std::string_view> {
+  using is_transparent = void;
+};
 
 struct Consumer {
   pcx_peer peer;
@@ -91,10 +102,11 @@ struct pcx_producer final : Service {
   void peer_gone(const pcx_peer& peer) override;
 
   bool can_carry(const void* payload, uint32_t length) const {
-    return (payload != nullptr || length == 0) && length <= kMaxMessage && length + kFrameRoom <= queue_limit;
+    return is_message(payload, length) && uint64_t{length} + PCX_FRAME_ROOM <= queue_limit;
   }
+  void tell_registered(const pcx_peer& peer, const std::string& name, uint32_t renewed);
   void add_subscription(const pcx_peer& peer, uint64_t topic, const std::string& name);
-  const std::vector<Subscription>& subscriptions_locked(const std::string& name) const;
+  const std::vector<Subscription>& subscriptions_locked(std::string_view name) const noexcept;
   void forget_topic_locked(Consumer& consumer, uint64_t topic, const std::string& name);
   uint64_t ask_locked(const std::string& name, const void* payload, uint32_t length, Question* question);
 
@@ -106,7 +118,7 @@ struct pcx_producer final : Service {
   std::unordered_set<std::string> published;
   size_t published_size = 0;                         // their characters, and a NUL each
   std::unordered_map<uint64_t, Consumer> consumers;  // by peer id; elements stay where they are
-  std::unordered_map<std::string, std::vector<Subscription>> subscriptions;
+  std::unordered_map<std::string, std::vector<Subscription>, NameHash, std::equal_to<>> subscriptions;
   std::unordered_map<uint64_t, Question*> questions;
   uint64_t next_question = 1;
 
@@ -145,9 +157,14 @@ void pcx_producer::events_opened(const pcx_peer& peer, EventSink* sink) {
 // holds. Of a renewed one afterwards: from then on nothing more is missed.
 void pcx_producer::subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name, bool renewed) {
   const std::string key(name);
-  if (!renewed && ops.registered != nullptr) ops.registered(user, &peer, key.c_str(), 0);
+  if (!renewed) tell_registered(peer, key, 0);
   add_subscription(peer, topic, key);
-  if (renewed && ops.registered != nullptr) ops.registered(user, &peer, key.c_str(), 1);
+  if (renewed) tell_registered(peer, key, 1);
+}
+
+void pcx_producer::tell_registered(const pcx_peer& peer, const std::string& name, uint32_t renewed) {
+  if (ops.registered != nullptr && ops.registered(user, &peer, name.c_str(), renewed) != 0)
+    throw std::bad_alloc();
 }
 
 void pcx_producer::add_subscription(const pcx_peer& peer, uint64_t topic, const std::string& name) {
@@ -207,7 +224,7 @@ void pcx_producer::peer_gone(const pcx_peer& peer) {
 
 // --- Pushing and asking, on any thread ---
 
-const std::vector<Subscription>& pcx_producer::subscriptions_locked(const std::string& name) const {
+const std::vector<Subscription>& pcx_producer::subscriptions_locked(std::string_view name) const noexcept {
   static const std::vector<Subscription> none;
   const auto found = subscriptions.find(name);
   return found != subscriptions.end() ? found->second : none;
@@ -330,16 +347,14 @@ uint32_t pcx_producer_push(pcx_producer* producer, uint32_t mtype, const char* n
 
 uint32_t pcx_producer_push_to(pcx_producer* producer, uint64_t peer_id, uint32_t mtype, const char* name,
                               const void* payload, uint32_t length) {
-  if (producer == nullptr || !is_name(name) || !producer->can_carry(payload, length)) return EINVAL;
+  if (producer == nullptr || !is_name(name) || !is_message(payload, length)) return EINVAL;
   if (mtype != kWriteType && mtype != kProducerRequestType) return EINVAL;
-  return guarded([&]() -> uint32_t {
-    std::lock_guard lock(producer->mutex);
-    for (const Subscription& one : producer->subscriptions_locked(name)) {
-      if (one.consumer->peer.id != peer_id) continue;
-      return one.consumer->sink->push(one.topic, mtype, payload, length) == 0 ? 0 : ENOENT;
-    }
-    return ENOENT;
-  });
+  std::lock_guard lock(producer->mutex);
+  for (const Subscription& one : producer->subscriptions_locked(name)) {
+    if (one.consumer->peer.id != peer_id) continue;
+    return one.consumer->sink->push(one.topic, mtype, payload, length) == 0 ? 0 : ENOENT;
+  }
+  return ENOENT;
 }
 
 uint32_t pcx_producer_sync(pcx_producer* producer, const char* name, const void* payload, uint32_t length,

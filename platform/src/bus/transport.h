@@ -101,7 +101,8 @@ class Service {
   virtual uint32_t lookup(std::string_view name, char* names, uint32_t capacity, uint32_t* length) = 0;
   virtual void peer_came(const pcx_peer& peer) = 0;
   virtual void events_opened(const pcx_peer& peer, EventSink* sink) = 0;
-  // `renewed`: made again after a lost connection, by a consumer that has read since it was first made.
+  // `renewed`: made again after a lost connection, by a consumer that has read since it was first made. May throw
+  // std::bad_alloc, which ends the event connection.
   virtual void subscribe(const pcx_peer& peer, uint64_t topic, std::string_view name, bool renewed) = 0;
   virtual void unsubscribe(const pcx_peer& peer, uint64_t topic) = 0;
   virtual void response(const pcx_peer& peer, uint64_t number, const void* data, uint32_t length) = 0;
