@@ -101,7 +101,8 @@ Delivery Service::commit(DatabasePtr next, std::span<const AclChange> changes, B
   Outbox outbox(changes);
   const std::lock_guard lock(mutex_);
   outbox.address_to(audience_);
-  database_.swap(next);  // the old one goes after the lock, with the argument
+  verifications_.forget_abandoned();  // which hold the states that they began with
+  database_.swap(next);               // the old one goes after the lock, with the argument
   return outbox.send(bus, &audience_);
 }
 
@@ -237,6 +238,7 @@ uint32_t Service::verify(Request& request) {
   {
     const std::lock_guard lock(mutex_);
     if (bus_ == nullptr) return EAGAIN;
+    verifications_.forget_abandoned();
     if (!verifications_.has(request.peer.id, name)) {
       const auto deadline = std::chrono::milliseconds(std::min(query->deadline_ms, kLongestVerificationMs));
       const uint32_t status =
@@ -281,6 +283,7 @@ DatabasePtr Service::arm_for_bulk_read(uint64_t peer, std::span<const std::strin
 
 void Service::registered(const pcx_peer& peer, std::string_view acl_name) {
   const std::lock_guard lock(mutex_);
+  verifications_.registered(peer.id, acl_name);
   audience_.add(peer.id, acl_name);
 }
 

@@ -12,7 +12,7 @@ namespace es_acl::producer {
 namespace {
 
 constexpr size_t kMostUnderWay = 16;
-constexpr std::chrono::seconds kKept{10};  // behind its end, for whoever does not come for it
+constexpr std::chrono::seconds kKept{2};  // behind its end; an asker comes far more often
 
 uint64_t digest_of(std::span<const AceRecord> records, bool rules_only) {
   es_acl_digest digest;
@@ -56,20 +56,19 @@ void append(std::vector<std::byte>* out, const Record& record) {
   out->insert(out->end(), bytes.begin(), bytes.end());
 }
 
+constexpr es_acl_pcx_digest_resp kNothingToCompare = {
+    .ver = ES_ACL_PCX_VERSION, .state = ES_ACL_READING, .rules_only = 0, .num_aces = 0, .digest = {}};
+
 // Without bytes, or with ones that are no answer, there is nothing to compare.
 es_acl_pcx_digest_resp parse(std::span<const std::byte> bytes, bool has_read) {
   es_acl_pcx_digest_resp copy{};
   if (bytes.size() == sizeof copy) std::memcpy(&copy, bytes.data(), sizeof copy);
   es_acl_wire_digest_resp_order(&copy);
   if (copy.ver == ES_ACL_PCX_VERSION && copy.state < ES_ACL_READING && !has_read) return copy;
-  return {.ver = ES_ACL_PCX_VERSION, .state = ES_ACL_READING, .rules_only = 0, .num_aces = 0, .digest = {}};
+  return kNothingToCompare;
 }
 
 }  // namespace
-
-bool Verification::is_over(Clock::time_point now) const {
-  return now >= end || std::ranges::all_of(clients, &Client::settled);
-}
 
 std::vector<std::byte> Verification::result() const {
   std::vector<std::byte> out;
@@ -78,31 +77,30 @@ std::vector<std::byte> Verification::result() const {
   return out;
 }
 
-bool Verifications::has(uint64_t asker, std::string_view name) {
+bool Verifications::has(uint64_t asker, std::string_view name) const {
   return std::ranges::any_of(under_way_,
                              [&](const auto& one) { return one.asker == asker && one.name == name; });
 }
 
 uint32_t Verifications::begin(uint64_t asker, std::string_view name, AclPtr acl, Clock::duration deadline,
                               BusPort& bus) {
-  forget_abandoned();
   if (under_way_.size() == kMostUnderWay) return EAGAIN;
   std::list<Verification> fresh;
-  fresh.push_back({asker, std::string(name), std::move(acl), Clock::now() + deadline});
+  fresh.push_back({asker, std::string(name), std::move(acl), now_() + deadline});
   Verification& one = fresh.back();
   std::vector<pcx_peer> asked;
   const uint32_t status = bus.inquire(one.name, digest_question(), &one.number, &asked);
   if (status != 0) return status;
   for (const pcx_peer& peer : asked) one.clients.push_back({.peer = peer});
+  end_if_settled(&one);
   under_way_.splice(under_way_.end(), fresh);
   return 0;
 }
 
 std::optional<Verification> Verifications::take(uint64_t asker, std::string_view name) {
-  const auto now = Clock::now();
-  const auto found = std::ranges::find_if(under_way_, [&](const auto& one) {
-    return one.asker == asker && one.name == name && one.is_over(now);
-  });
+  const auto now = now_();
+  const auto found = std::ranges::find_if(
+      under_way_, [&](const auto& one) { return one.asker == asker && one.name == name && now >= one.end; });
   if (found == under_way_.end()) return std::nullopt;
   Verification one = std::move(*found);
   under_way_.erase(found);
@@ -117,6 +115,7 @@ void Verifications::answered(const pcx_peer& peer, uint64_t number, std::span<co
     client.copy = parse(answer, client.has_read);
     client.settled = true;
   }
+  end_if_settled(&*found);
 }
 
 void Verifications::has_read(uint64_t peer, std::string_view name) noexcept {
@@ -126,15 +125,34 @@ void Verifications::has_read(uint64_t peer, std::string_view name) noexcept {
   }
 }
 
+void Verifications::registered(uint64_t peer, std::string_view name) noexcept {
+  for (Verification& one : under_way_) {
+    if (one.name != name) continue;
+    for (Verification::Client& client : one.clients) {
+      if (client.peer.id != peer || client.settled) continue;
+      client.copy = kNothingToCompare;
+      client.settled = true;
+    }
+    end_if_settled(&one);
+  }
+}
+
 // A consumer that has gone has nothing, and waits for nothing.
 void Verifications::forget(uint64_t peer) noexcept {
   std::erase_if(under_way_, [&](const Verification& one) { return one.asker == peer; });
-  for (Verification& one : under_way_)
+  for (Verification& one : under_way_) {
     std::erase_if(one.clients, [&](const auto& client) { return client.peer.id == peer && !client.settled; });
+    end_if_settled(&one);
+  }
 }
 
-void Verifications::forget_abandoned() {
-  std::erase_if(under_way_, [now = Clock::now()](const auto& one) { return now >= one.end + kKept; });
+void Verifications::forget_abandoned() noexcept {
+  std::erase_if(under_way_, [now = now_()](const auto& one) { return now >= one.end + kKept; });
+}
+
+void Verifications::end_if_settled(Verification* one) const noexcept {
+  if (std::ranges::all_of(one->clients, &Verification::Client::settled))
+    one->end = std::min(one->end, now_());
 }
 
 }  // namespace es_acl::producer

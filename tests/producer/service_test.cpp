@@ -170,4 +170,39 @@ TEST_F(ServiceTest, AVerificationWaitsForWhoeverCanStillAnswer) {
   EXPECT_EQ(bus_.inquiries, 2u + 16);
 }
 
+// The question went with the connection, or is answered with the state before a reading.
+TEST_F(ServiceTest, WhoRegistersAnewIsReadingForAVerificationUnderWay) {
+  service_.attach(&bus_);
+  auto& consumer = bus_.consumers.emplace(10, 10).first->second;
+  consumer.register_at(service_, "a");
+  ask(bytes_of(verify_request("a")), EAGAIN);
+  consumer.register_at(service_, "remarks");
+  ask(bytes_of(verify_request("a")), EAGAIN);
+  consumer.register_at(service_, "a");
+  EXPECT_EQ(states(ask(bytes_of(verify_request("a")))), std::vector<uint32_t>{ES_ACL_READING});
+}
+
+TEST(VerificationsTest, ResultsAreKeptForTwoSecondsBehindTheLastAnswer) {
+  static Verifications::Clock::time_point now;
+  Verifications verifications([] { return now; });
+  test::ModelBus bus;
+  const pcx_peer peer = bus.consumers.emplace(10, 10).first->second.peer;
+  bus.consumers.at(10).registered = {"a"};
+  const struct {
+    uint32_t answered_after, kept_until;  // seconds
+  } table[] = {{1, 3}, {7, 7}};           // the second one answers when nobody waits any more
+  for (const auto& [answered_after, kept_until] : table) {
+    now = {};
+    ASSERT_EQ(verifications.begin(1, "a", nullptr, std::chrono::seconds(5), bus), 0u);
+    now += std::chrono::seconds(answered_after);
+    verifications.answered(peer, bus.inquiries, {});
+    now = Verifications::Clock::time_point(std::chrono::seconds(kept_until) - std::chrono::nanoseconds(1));
+    verifications.forget_abandoned();
+    EXPECT_TRUE(verifications.has(1, "a"));
+    now += std::chrono::nanoseconds(1);
+    verifications.forget_abandoned();
+    EXPECT_FALSE(verifications.has(1, "a"));
+  }
+}
+
 }  // namespace es_acl::producer
