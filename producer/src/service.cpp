@@ -184,7 +184,9 @@ uint32_t Service::read(Request& request) {
   if (batch.size_bytes() > request.answer.size()) return request.refuse_size(batch.size_bytes());
   if (!batch.empty()) std::memcpy(request.answer.data(), batch.data(), batch.size_bytes());
   request.answer_length = batch.size_bytes();
-  if (batch.size() < query->max_entries) unpin(request.peer.id, name);
+  if (batch.size() == query->max_entries) return 0;
+  const std::lock_guard lock(mutex_);
+  unpin_locked(request.peer.id, name);
   return 0;
 }
 
@@ -267,7 +269,10 @@ AclPtr Service::snapshot_for_read(uint64_t peer, std::string_view name, uint32_t
   }
   AclPtr acl = database_->find(name);
   if (start_seq != 0) return acl;
-  if (acl) pins_[peer].insert_or_assign(std::string(name), acl);
+  if (acl)
+    pins_[peer].insert_or_assign(std::string(name), acl);
+  else
+    unpin_locked(peer, name);
   audience_.arm(peer, name, Form::kWhole);
   return acl;
 }
@@ -284,11 +289,11 @@ DatabasePtr Service::arm_for_bulk_read(uint64_t peer, std::span<const std::strin
 void Service::registered(const pcx_peer& peer, std::string_view acl_name) {
   const std::lock_guard lock(mutex_);
   verifications_.registered(peer.id, acl_name);
+  unpin_locked(peer.id, acl_name);
   audience_.add(peer.id, acl_name);
 }
 
-void Service::unpin(uint64_t peer, std::string_view name) {
-  const std::lock_guard lock(mutex_);
+void Service::unpin_locked(uint64_t peer, std::string_view name) noexcept {
   const auto pins = pins_.find(peer);
   if (pins == pins_.end()) return;
   if (const auto pin = pins->second.find(name); pin != pins->second.end()) pins->second.erase(pin);

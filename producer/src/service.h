@@ -3,8 +3,8 @@
 //
 // A read of an ACL takes as many requests as it has batches, and all of them are answered from one state of
 // the ACL: the first (start sequence 0) pins the snapshot for that consumer, the following are answered from
-// it whatever has become of the database since, and it is let go when the last batch has been served or the
-// consumer is gone.
+// it whatever has become of the database since, and it is let go when the last batch has been served, the
+// consumer registers the ACL anew (a read that was under way then is worth nothing to it), or is gone.
 //
 // A consumer that has registered an ACL and reads it is pushed every change behind the state that the read showed, and
 // none before it: choosing that state and arming the registration are one step, putting a new database in place and
@@ -56,7 +56,8 @@ class Service {
   // not fit: an answer that was cut would look complete.
   uint32_t answer(const pcx_peer& peer, std::span<std::byte> request, std::span<std::byte> answer,
                   uint32_t* answer_length);
-  // The consumer has registered the ACL, anew or once more after a lost connection.
+  // The consumer has registered the ACL, anew or once more after a lost connection. std::bad_alloc, and then it is to come
+  // once more.
   void registered(const pcx_peer& peer, std::string_view acl_name);
   // The consumer has answered an inquiry.
   void inquiry_answered(const pcx_peer& peer, uint64_t number, std::span<const std::byte> answer);
@@ -78,7 +79,7 @@ class Service {
 
   AclPtr snapshot_for_read(uint64_t peer, std::string_view name, uint32_t start_seq);
   DatabasePtr arm_for_bulk_read(uint64_t peer, std::span<const std::string_view> names);
-  void unpin(uint64_t peer, std::string_view name);
+  void unpin_locked(uint64_t peer, std::string_view name) noexcept;
 
   using Pins = std::map<std::string, AclPtr, std::less<>>;
 

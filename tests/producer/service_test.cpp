@@ -139,6 +139,16 @@ TEST_F(ServiceTest, AReadSeesOneStateWhateverReplacesTheDatabase) {
   EXPECT_EQ(read("a", 5, 2, kOther), (Sequences{11, 12}));
 }
 
+TEST_F(ServiceTest, AReadThatIsGivenUpIsNotKept) {
+  for (const pcx_peer& peer : {kPeer, kOther}) EXPECT_EQ(read("a", 0, 1, peer), (Sequences{5}));
+  EXPECT_EQ(service_.pinned(), 2u);
+  service_.registered(kPeer, "a");
+  EXPECT_EQ(service_.pinned(), 1u);
+  service_.commit(make_database({}), {}, bus_);
+  EXPECT_EQ(read("a", 0, 1, kOther), (Sequences{}));
+  EXPECT_EQ(service_.pinned(), 0u);
+}
+
 // The states that are told, consumer by consumer.
 std::vector<uint32_t> states(const Bytes& answer) {
   std::vector<uint32_t> found;
