@@ -204,6 +204,8 @@ TEST_F(BusLink, SilenceIsALoss) {
 
 // An inquiry comes between the messages around it, once for a name, and to no message handler.
 TEST_F(BusLink, AnInquiryHasItsPlaceAmongTheMessages) {
+  // Both are there before the connection, whose beginning each is told then.
+  const Registration first(name, "n", recorder), second(name, "n", recorder);
   Producer producer(name);
   std::map<uint64_t, std::string> answers;
   producer.on_answer = [&](int32_t pid, uint64_t number, std::string_view response) {
@@ -220,7 +222,6 @@ TEST_F(BusLink, AnInquiryHasItsPlaceAmongTheMessages) {
     EXPECT_EQ(pcx_producer_inquire(producer.get(), to, "what", 4, &number, note, &asked), 0U);
     EXPECT_EQ(asked, expected_asked);
   };
-  const Registration first(name, "n", recorder), second(name, "n", recorder);
   ASSERT_TRUE(told({"renewed 1 n", "renewed 1 n"}));
   ASSERT_TRUE(producer.has_consumers("n", 1));
   inquire("n", 1);
