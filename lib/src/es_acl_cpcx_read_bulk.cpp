@@ -4,6 +4,7 @@
 // behind the other in one buffer; when the last has arrived the records are converted there, and stored. ACEs stored
 // before a failure stay in their heads.
 #include <cerrno>
+#include <cstring>
 
 #include "es_acl/es_acl_cpcx.h"
 #include "es_acl/es_acl_store.h"
@@ -37,6 +38,7 @@ class BulkRead {
   uint32_t ask(uint64_t batch_aces);
   uint32_t accept_length(uint64_t expected, uint32_t length);
   uint32_t decode();
+  uint32_t check_record(uint32_t i, const es_acl_pcx_acl_ace& record) const;
   uint32_t store_record(uint32_t i, es_acl_pcx_acl_ace* record);
 
   uint64_t rules_of(uint32_t i) const { return acls_.num_aces[i] - acls_.num_rem_aces[i]; }
@@ -153,13 +155,24 @@ uint32_t BulkRead::run_batch() {
   return 0;
 }
 
-uint32_t BulkRead::store_record(uint32_t i, es_acl_pcx_acl_ace* record) {
-  es_acl_wire_acl_ace_order(record);
-  if (record->ver != ES_ACL_PCX_VERSION) {
+// Nothing but the counts tells where one ACL's records end. When ACLs have changed since they were counted, and the sum
+// happens to be the same, the records themselves say it; those without a name say nothing.
+uint32_t BulkRead::check_record(uint32_t i, const es_acl_pcx_acl_ace& record) const {
+  if (record.ver != ES_ACL_PCX_VERSION) {
     DBG_ERR("%s:es_acl_pcx_acl_ace ver: crnt %d, rcv %d", kRead, ES_ACL_PCX_VERSION,
-            static_cast<int>(record->ver));
+            static_cast<int>(record.ver));
     return EINVAL;
   }
+  if (record.acl_name[0] == 0 || strncmp(record.acl_name, name_of(i), sizeof record.acl_name) == 0) return 0;
+  DBG_ERR("%s: changed since it was counted: ACE %u of ACL %s is of %.64s", kRead, record.ace.seq, name_of(i),
+          record.acl_name);
+  trace_name(kRead, "an ACE of another ACL", name_of(i), record.ace.seq);
+  return EINVAL;
+}
+
+uint32_t BulkRead::store_record(uint32_t i, es_acl_pcx_acl_ace* record) {
+  es_acl_wire_acl_ace_order(record);
+  if (const uint32_t rc = check_record(i, *record); rc != 0) return rc;
   es_acl_ace* const ace = es_acl_alloc_rules();
   if (ace == nullptr) return ENOMEM;
   *ace = record->ace;

@@ -67,8 +67,8 @@ void Copy::told_of_state(uint32_t state, uint64_t time, bool catching_up) {
     require(!catching_up || !known_ || history_.rules(floor_, acl_) == to_, "in step with no such list", to_);
     refused_ = false;
   }
+  if (state != ES_ACL_IN_STEP) since_ = time;
   state_ = state;
-  since_ = time;
   base_ = to_;
   if (known_) explain(to_, floor_);
 }
@@ -126,6 +126,8 @@ void Copy::seen(uint64_t time, uint32_t state, const List& whole) {
   known_ = true;
   require(on_the_way(from_, to_, list) || same_but_for_numbers(to_, list),
           "on no way from " + to_text(from_) + "\n  to " + to_text(to_), list);
+  if (state == ES_ACL_IN_STEP)
+    state_ = state;  // the end of a silence that was none of the connection goes untold
   const bool in_step = state == ES_ACL_IN_STEP && time > kOldestMs;
   explain(list, in_step ? std::max(floor_, history_.at(time - kOldestMs)) : floor_);
   changes_ += whole != last_seen_;  // remarks go untold
@@ -133,19 +135,21 @@ void Copy::seen(uint64_t time, uint32_t state, const List& whole) {
   last_state_ = state;
 }
 
+bool Copy::is_explained(const List& list, size_t n) const {
+  const bool between_two =
+      state_ != ES_ACL_CATCHING_UP && on_the_way(history_.rules(n, acl_), history_.next_rules(n, acl_), list);
+  return between_two || (state_ != ES_ACL_IN_STEP && on_the_way(base_, history_.rules(n, acl_), list));
+}
+
 void Copy::explain(const List& list, size_t oldest) {
   if (!held_ || refused_) return;
-  for (size_t n = oldest; n <= history_.last(); ++n) {
-    const bool in_step = state_ == ES_ACL_IN_STEP;
-    const List& from = in_step ? history_.rules(n, acl_) : base_;
-    if (!on_the_way(from, in_step ? history_.next_rules(n, acl_) : history_.rules(n, acl_), list)) continue;
-    if (in_step) floor_ = n;
-    return;
-  }
-  require(false,
+  size_t n = oldest;
+  while (n <= history_.last() && !is_explained(list, n)) ++n;
+  require(n <= history_.last(),
           "unexplained in state " + std::to_string(state_) + ", by configuration " + std::to_string(oldest) +
               " and later; that one is " + to_text(history_.rules(oldest, acl_)),
           list);
+  if (state_ == ES_ACL_IN_STEP) floor_ = n;
 }
 
 std::string Copy::difference() const {

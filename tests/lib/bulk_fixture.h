@@ -41,7 +41,10 @@ inline Bytes answer_to(const Bytes& request, const Acls& acls) {
     const Kept& acl = acls.at(name);
     const auto aces = static_cast<uint32_t>(acl.sequence.size());
     if (command == 16) bytes += count_answer(aces + acl.remarks, acl.remarks);
-    for (const uint32_t seq : command == 17 ? acl.sequence : Numbers()) bytes += ace_record(seq);
+    for (const uint32_t seq : command == 17 ? acl.sequence : Numbers()) {
+      bytes += ace_record(seq);
+      std::copy(name.begin(), name.end(), bytes.end() - 160 + 8);
+    }
   }
   return bytes;
 }

@@ -345,6 +345,19 @@ TEST_F(Bulk, NothingIsStoredBeforeTheLastAnswer) {
     EXPECT_EQ(held_sequence(held(std::string(1, "abc"[i]))), Numbers{i + 1});
 }
 
+// Two ACLs have changed since they were counted, and their sum has not.
+TEST_F(Bulk, AnAceOfAnotherAclIsNotTaken) {
+  const std::string longest = long_name(64);
+  make_acls({"a", longest});
+  serve({{"a", {{1, 2}, 0}}, {longest, {{3}, 0}}});
+  EXPECT_EQ(read({"a", longest}, {1, 2}, {0, 0}), 22U);
+  EXPECT_EQ(log_of("E: "),
+            Lines{"E: " + kBulkRead + " changed since it was counted: ACE 2 of ACL " + longest + " is of a"});
+  EXPECT_EQ(held_sequence(held(longest)), Numbers{});
+  EXPECT_EQ(read({"a", longest}, {2, 1}, {0, 0}), 0U);
+  EXPECT_EQ(held_sequence(held(longest)), Numbers{3});
+}
+
 // --- Pushes that arrive meanwhile ---
 
 // One on the delivery thread is kept to the end, one that the reading thread hands in itself is applied at once.
