@@ -26,9 +26,9 @@
 
 namespace es_acl::history {
 
-// How old a list may be that a client takes for the producer's: silence is noticed after three seconds, and a busy machine
-// takes its time over the rest.
-constexpr uint64_t kOldestMs = 3000 + 1000 * HISTORY_SLACK;
+// How old a list may be that a client takes for the producer's: silence is noticed after three seconds. What was sent before
+// it waits some more where a busy machine does not let the client read it.
+constexpr uint64_t kOldestMs = 5000 + 1000 * HISTORY_SLACK;
 
 // Milliseconds of the monotonic clock.
 uint64_t now_ms();
