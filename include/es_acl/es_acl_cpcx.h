@@ -34,7 +34,8 @@ ES_ACL_API es_acl_status es_acl_cpcx_read_acl(es_acl_head* head);
  * caller has created and registered. ACEs stored before a failure stay. What was pushed meanwhile is applied at its end.
  *
  * 0; 22: null arrays, an optimum size with no room for a name, an answer of a wrong size or version, an ACE of another
- * ACL where the counts are those of an earlier list, more remarks than ACEs; 12; else what the bus or the store said. es_acl_get_definition() does all of it. */
+ * ACL than is due by the counts, more remarks than ACEs; 12; else what the bus or the store said. es_acl_get_definition()
+ * does all of it. */
 ES_ACL_API es_acl_status es_acl_cpcx_query_acl_count_bulk(const char* acl_names, uint32_t* num_aces,
                                                           uint32_t* num_rem_aces, uint32_t count);
 ES_ACL_API es_acl_status es_acl_cpcx_read_acl_bulk(es_acl_head* const* aclhead_type, const char* acl_names,

@@ -127,7 +127,7 @@ void Copy::seen(uint64_t time, uint32_t state, const List& whole) {
   require(on_the_way(from_, to_, list) || same_but_for_numbers(to_, list),
           "on no way from " + to_text(from_) + "\n  to " + to_text(to_), list);
   if (state == ES_ACL_IN_STEP)
-    state_ = state;  // the end of a silence that was none of the connection goes untold
+    state_ = ES_ACL_IN_STEP;  // the end of a silence that was none of the connection goes untold
   const bool in_step = state == ES_ACL_IN_STEP && time > kOldestMs;
   explain(list, in_step ? std::max(floor_, history_.at(time - kOldestMs)) : floor_);
   changes_ += whole != last_seen_;  // remarks go untold

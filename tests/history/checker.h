@@ -14,7 +14,8 @@
 // What must hold: each callback tells a change, of a list that is what the callbacks before have made of it; each list that
 // is seen is on the way between the two. And of the producer's lists: while an ACL is in step the client sees one of them,
 // not older than is promised, or the way from it to the next; while it catches up, the way from the list that it had to one
-// of them; while it is out of touch, either, for a connection that is silent may go on. (Behind a refusal, until it is in step again, pushes meet another list than the producer's.)
+// of them; while it is out of touch, either, for a connection that is silent may go on. (Behind a refusal, until it is in
+// step again, pushes meet another list than the producer's.)
 //
 // One thread. What does not hold is thrown.
 #ifndef ES_ACL_TESTS_HISTORY_CHECKER_H_

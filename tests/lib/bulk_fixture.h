@@ -43,7 +43,8 @@ inline Bytes answer_to(const Bytes& request, const Acls& acls) {
     if (command == 16) bytes += count_answer(aces + acl.remarks, acl.remarks);
     for (const uint32_t seq : command == 17 ? acl.sequence : Numbers()) {
       bytes += ace_record(seq);
-      std::copy(name.begin(), name.end(), bytes.end() - 160 + 8);
+      std::copy(name.begin(), name.end(),
+                bytes.end() - sizeof(es_acl_pcx_acl_ace) + offsetof(es_acl_pcx_acl_ace, acl_name));
     }
   }
   return bytes;
