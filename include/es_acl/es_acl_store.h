@@ -150,15 +150,34 @@ ES_ACL_API extern pthread_mutex_t es_acl_hmutex;
  * tries again. Not thread-safe. */
 ES_ACL_API es_acl_status es_acl_use_db_dll(const char* name);
 
-/* --- Looking ahead: what a store may offer beside its table --- */
+/* --- Several ACEs with one call: what a store may offer beside its table --- */
 
-/* [locked] Tells the store which numbers are about to be searched for one by one, and probably changed after that, so that
- * it may find them side by side where each search would wait for memory. A hint: the numbers need not be there, and
- * the store may do nothing. The library tells at most 16 numbers at a time. */
-typedef void (*es_acl_look_ahead_fn)(es_acl_head* acl, const uint32_t* seqs, uint32_t num_seqs);
+/* How many ACEs one such call is for at most. */
+#define ES_ACL_BATCH_MAX 32
 
-/* Called by a store from its es_acl_api_init_funcs(). Null takes the offer back. */
-ES_ACL_API void es_acl_offer_look_ahead(es_acl_look_ahead_fn look_ahead);
+/* One of them: its number, and what else the call takes or fills in. */
+typedef struct es_acl_batch_item {
+  uint32_t seq;
+  uint32_t flag;        /* of an addition: see slot 5 */
+  es_acl_ace* ace;      /* of a search, out: the stored ACE or null; of an addition: the record offered */
+  es_acl_status status; /* of an addition, out */
+} es_acl_batch_item;
+
+/* [locked] Does for n items, 1 to ES_ACL_BATCH_MAX, what a slot does for one, in their order, so that the store may go
+ * about them side by side where each one would wait for memory. The library uses it for pushed changes, unless
+ * lines about single ACEs are printed; a store that offers nothing loses nothing but time. */
+typedef void (*es_acl_batch_fn)(es_acl_head* acl, es_acl_batch_item* items, uint32_t n);
+
+typedef struct es_acl_batch_table {
+  es_acl_batch_fn search; /* as slot 8 */
+  /* As slot 5, but for the records: one that the store keeps it takes by setting `ace` to null; the others, those that were
+   * added among them, stay the caller's. */
+  es_acl_batch_fn add;
+  es_acl_batch_fn remove; /* as slot 7 */
+} es_acl_batch_table;
+
+/* Called by a store from its es_acl_api_init_funcs(), with a table that is complete and stays. Null takes the offer back. */
+ES_ACL_API void es_acl_offer_batches(const es_acl_batch_table* batches);
 
 /* --- ACE records: the rules pool. Any thread. --- */
 

@@ -1,8 +1,8 @@
 // Applying a pushed batch: find out what really changes, tell the update callbacks, then change the list.
 //
 // Runs on the delivery thread. Every search, deletion and addition takes the ACL's lock for itself, so that other
-// threads can see the list part-way changed. Nothing is stored before all callbacks have agreed; a batch that is
-// refused leaves the list as it was.
+// threads can see the list part-way changed; where the store offers one call for several of them, that call does. Nothing
+// is stored before all callbacks have agreed; a batch that is refused leaves the list as it was.
 //
 // With "delete and add" an ACE that replaces another is reported as a removal and then as an addition; ACEs that are
 // stored already are marked by sequence number 0 in the records. With "add only" the addition carries the old ACE.
@@ -15,6 +15,7 @@
 #include "es_acl/es_acl_store.h"
 #include "es_acl_cb_batch.h"
 #include "es_acl_cpcx_private.h"
+#include "es_acl_db_pass.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
 #include "es_acl_state.h"
@@ -32,9 +33,6 @@ constexpr char kUpdate[] = "es_acl_cpcx_handle_pcx_update_ace";
     if (prints_) [[unlikely]]  \
       DBG_DETAIL(__VA_ARGS__); \
   } while (0)
-
-// Records that are looked for side by side.
-constexpr uint32_t kSideBySide = 16;
 
 bool add_only() { return es_acl_modify_mode.load(std::memory_order_relaxed) == ES_ACL_MODIFY_ADD_ONLY; }
 
@@ -55,15 +53,18 @@ class Update {
 
  private:
   uint32_t scanned(uint32_t k) const;
-  void announce(uint32_t first, bool removals);
-  es_acl_ace* look_for(uint32_t i, es_acl_iter* iter);
+  uint32_t piece(const Pass& pass, uint32_t first) const { return std::min(pass.width(), n_ - first); }
+  void look_for(Pass* pass, uint32_t first, uint32_t count);
   void judge(uint32_t i, es_acl_ace* found);
   void scan_for_removals();
   uint32_t report_removals();
   void remove_all();
-  uint32_t collect(uint32_t i, es_acl_iter* iter);
+  uint32_t collect(uint32_t i, es_acl_ace* old);
+  uint32_t collect_piece(Pass* pass, uint32_t first, uint32_t count);
   uint32_t collect_additions();
   uint32_t report_additions();
+  static void fill(es_acl_batch_item* item, const ace_edit_info& element);
+  void settle(uint32_t j, const es_acl_batch_item& item);
   void add_all();
 
   const bool prints_;  // lines about single ACEs
@@ -78,12 +79,14 @@ class Update {
 // The record that the removal scan comes to as the k-th: a removal's first to last, an addition's last to first.
 uint32_t Update::scanned(uint32_t k) const { return command_ == ACL_PCX_REMOVE_ACE ? k : n_ - 1 - k; }
 
-es_acl_ace* Update::look_for(uint32_t i, es_acl_iter* iter) {
-  const uint32_t seq = records_[i].ace.seq;
-  BATCH_DETAIL("%s: i %u acl %s Looking for ace %u iter%p", kUpdate, i, acl_->name, seq, *iter);
-  es_acl_ace* const found = es_acl_search_item_biter(acl_, seq, iter);
-  BATCH_DETAIL("%s: es_acl_search_item_biter returned%p iter %p", kUpdate, static_cast<void*>(found), *iter);
-  return found;
+// Where lines are printed, one at a time.
+void Update::look_for(Pass* pass, uint32_t first, uint32_t count) {
+  for (uint32_t k = 0; k < count; ++k) (*pass)[k].seq = records_[scanned(first + k)].ace.seq;
+  BATCH_DETAIL("%s: i %u acl %s Looking for ace %u iter%p", kUpdate, scanned(first), acl_->name,
+               (*pass)[0].seq, pass->position());
+  pass->search_back(count);
+  BATCH_DETAIL("%s: es_acl_search_item_biter returned%p iter %p", kUpdate, static_cast<void*>((*pass)[0].ace),
+               pass->position());
 }
 
 void Update::judge(uint32_t i, es_acl_ace* found) {
@@ -100,27 +103,14 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
   batch_.show_stored(ace.seq, found);
 }
 
-// Tells the store, at every kSideBySide-th record of a pass, which numbers are looked for from there on.
-void Update::announce(uint32_t first, bool removals) {
-  if (es_acl_look_ahead == nullptr || first % kSideBySide != 0) return;
-  uint32_t seqs[kSideBySide];
-  const uint32_t count = std::min(kSideBySide, n_ - first);
-  for (uint32_t k = 0; k < count; ++k) seqs[k] = records_[removals ? scanned(first + k) : first + k].ace.seq;
-  const AclLock lock(acl_);
-  es_acl_look_ahead(acl_, seqs, count);
-}
-
-// Some records are looked for before the first of them is looked at: what the store has found is mostly not in the
-// caches yet, and is fetched side by side. Where lines are printed the lines of each record stand together.
+// Several records are looked for before the first of them is looked at: what the store has found is mostly not in the
+// caches yet, and is fetched side by side.
 void Update::scan_for_removals() {
-  const uint32_t step = prints_ ? 1 : kSideBySide;
-  es_acl_ace* found[kSideBySide];
-  es_acl_iter iter = nullptr;
-  for (uint32_t first = 0; first < n_; first += step) {
-    const uint32_t count = std::min(step, n_ - first);
-    announce(first, true);
-    for (uint32_t k = 0; k < count; ++k) found[k] = look_for(scanned(first + k), &iter);
-    for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), found[k]);
+  Pass pass(acl_, prints_);
+  for (uint32_t first = 0; first < n_; first += pass.width()) {
+    const uint32_t count = piece(pass, first);
+    look_for(&pass, first, count);
+    for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), pass[k].ace);
   }
 }
 
@@ -135,22 +125,18 @@ uint32_t Update::report_removals() {
 }
 
 void Update::remove_all() {
-  es_acl_iter iter = nullptr;
-  for (uint32_t i = 0; i < n_; ++i) {
-    const uint32_t seq = records_[i].ace.seq;
-    BATCH_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(i), seq);
-    es_acl_delete_item_common(acl_, seq, ES_ACL_FORWARD, &iter);
+  Pass pass(acl_, prints_);
+  for (uint32_t first = 0; first < n_; first += pass.width()) {
+    const uint32_t count = piece(pass, first);
+    for (uint32_t k = 0; k < count; ++k) pass[k].seq = records_[first + k].ace.seq;
+    BATCH_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(first), pass[0].seq);
+    pass.remove(count);
   }
 }
 
 // Puts one record's ACE into the batch of additions, unless it is stored already.
-uint32_t Update::collect(uint32_t i, es_acl_iter* iter) {
+uint32_t Update::collect(uint32_t i, es_acl_ace* old) {
   const es_acl_ace& ace = records_[i].ace;
-  if (ace.seq == 0) {
-    BATCH_DETAIL("%s: skipping item %d duplicate", kUpdate, static_cast<int>(i));
-    return 0;
-  }
-  es_acl_ace* const old = add_only() ? es_acl_search_item_fiter(acl_, ace.seq, iter) : nullptr;
   if (old != nullptr && es_acl_compare_ace(old, &ace) != 0) return 0;
   BATCH_DETAIL("%s: %s entry %u", kUpdate, old != nullptr ? "Updating" : "Adding", ace.seq);
   if (batch_.add_copy(ace, old)) return 0;
@@ -158,13 +144,28 @@ uint32_t Update::collect(uint32_t i, es_acl_iter* iter) {
   return ENOMEM;
 }
 
+uint32_t Update::collect_piece(Pass* pass, uint32_t first, uint32_t count) {
+  const bool searches = add_only();
+  uint32_t asked = 0;
+  for (uint32_t i = first; searches && i < first + count; ++i)
+    if (records_[i].ace.seq != 0) (*pass)[asked++].seq = records_[i].ace.seq;
+  pass->search_forward(asked);
+  asked = 0;
+  for (uint32_t i = first; i < first + count; ++i) {
+    if (records_[i].ace.seq == 0) {
+      BATCH_DETAIL("%s: skipping item %d duplicate", kUpdate, static_cast<int>(i));
+      continue;
+    }
+    if (const uint32_t rc = collect(i, searches ? (*pass)[asked++].ace : nullptr); rc != 0) return rc;
+  }
+  return 0;
+}
+
 uint32_t Update::collect_additions() {
   batch_.clear();
-  es_acl_iter iter = nullptr;
-  for (uint32_t i = 0; i < n_; ++i) {
-    if (add_only()) announce(i, false);
-    if (const uint32_t rc = collect(i, &iter); rc != 0) return rc;
-  }
+  Pass pass(acl_, prints_);
+  for (uint32_t first = 0; first < n_; first += pass.width())
+    if (const uint32_t rc = collect_piece(&pass, first, piece(pass, first)); rc != 0) return rc;
   return 0;
 }
 
@@ -174,21 +175,33 @@ uint32_t Update::report_additions() {
   return rc;
 }
 
-// A record is the store's once added; what the store refuses goes back to the pool, and the others are added all the
-// same.
+// A record is the store's once added, unless it says otherwise; what the store refuses goes back to the pool, and the
+// others are added all the same.
 void Update::add_all() {
-  es_acl_iter iter = nullptr;
-  for (uint32_t i = 0; i < batch_.size(); ++i) {
-    const ace_edit_info& element = batch_[i];
-    const uint32_t flag = add_only() && element.is_new != 0 ? ES_ACL_ADD_KEEP : ES_ACL_ADD_REPLACE;
-    es_acl_ace* const ace = batch_.release(i);
-    ace->private_data = nullptr;
-    if (es_acl_add_acl_item_common(acl_, ace, element.seq, flag, &iter) == 0) continue;
-    es_acl_free_rules(ace);
-    complete_ = false;
-    BATCH_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name,
-                 element.seq);
+  Pass pass(acl_, prints_);
+  for (uint32_t first = 0; first < batch_.size(); first += pass.width()) {
+    const uint32_t count = std::min(pass.width(), batch_.size() - first);
+    for (uint32_t k = 0; k < count; ++k) fill(&pass[k], batch_[first + k]);
+    pass.add(count);
+    for (uint32_t k = 0; k < count; ++k) settle(first + k, pass[k]);
   }
+}
+
+void Update::fill(es_acl_batch_item* item, const ace_edit_info& element) {
+  item->seq = element.seq;
+  item->flag = add_only() && element.is_new != 0 ? ES_ACL_ADD_KEEP : ES_ACL_ADD_REPLACE;
+  item->ace = element.ace;
+  item->ace->private_data = nullptr;
+}
+
+void Update::settle(uint32_t j, const es_acl_batch_item& item) {
+  if (item.status == 0) {
+    if (item.ace == nullptr) batch_.release(j);
+    return;
+  }
+  es_acl_free_rules(batch_.release(j));
+  complete_ = false;
+  BATCH_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name, item.seq);
 }
 
 uint32_t Update::run(uint32_t* changed) {

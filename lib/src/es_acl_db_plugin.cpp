@@ -11,7 +11,7 @@ namespace es_acl {
 
 char es_acl_db_dll_name[kStoreNameSize] = "libes_acl_tree.dll";
 void* es_acl_db_dll_handle;
-es_acl_look_ahead_fn es_acl_look_ahead;
+const es_acl_batch_table* es_acl_batches;
 
 namespace {
 
@@ -59,7 +59,7 @@ using namespace es_acl;
 
 es_acl_api_table* es_acl_apis = &api_table;
 
-void es_acl_offer_look_ahead(es_acl_look_ahead_fn look_ahead) { es_acl_look_ahead = look_ahead; }
+void es_acl_offer_batches(const es_acl_batch_table* batches) { es_acl_batches = batches; }
 
 es_acl_status es_acl_use_db_dll(const char* name) {
   DBG_INFO("Entering : %s: name: %s", __func__, shown(name));

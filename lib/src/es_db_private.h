@@ -60,7 +60,7 @@ class AclLock {
 };
 
 // What the loaded store offers, or null.
-extern es_acl_look_ahead_fn es_acl_look_ahead;
+extern const es_acl_batch_table* es_acl_batches;
 
 // refcount and ace_count are plain words of the record that several threads may look at.
 inline int32_t add_reference(es_acl_head* acl) {

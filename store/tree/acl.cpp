@@ -29,18 +29,28 @@ Acl::Acl(std::string_view title) noexcept : es_acl_head{} {
 Acl::~Acl() { pthread_mutex_destroy(&lock); }
 
 es_acl_status Acl::add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
+  const es_acl_status status = put(*offered, seq, flag, iter);
+  if (status == 0) es_acl_free_rules(offered);
+  return status;
+}
+
+void Acl::add(es_acl_batch_item* items, uint32_t n) noexcept {
+  for (es_acl_batch_item* item = items; item != items + n; ++item)
+    item->status = put(*item->ace, item->seq, item->flag, nullptr);
+}
+
+es_acl_status Acl::put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
   try {
     const SeqIndex::Place place = index_.prepare(seq, iter != nullptr ? *iter : nullptr);
     if (!place.found) {
-      insert(place, *offered, seq, iter);
+      insert(place, offered, seq, iter);
     } else {
-      if (flag != ES_ACL_ADD_KEEP) replace(place, *offered, seq);
+      if (flag != ES_ACL_ADD_KEEP) replace(place, offered, seq);
       if (iter != nullptr) *iter = SeqIndex::word(place);
     }
   } catch (const std::bad_alloc&) {
     return ENOMEM;
   }
-  es_acl_free_rules(offered);
   return 0;
 }
 
@@ -78,21 +88,28 @@ void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
   if (iter != nullptr) *iter = SeqIndex::word(place);
 }
 
-// Asks for what a change of the place will touch.
+// Asks for what a change of the place will touch: the nodes around it, and the ACE there.
 inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
   const uint32_t last = place.leaf->count - 1;
-  const uint32_t before = place.pos - (place.pos != 0);
-  for (const uint32_t pos : {before, std::min(place.pos, last), std::min(place.pos + 1, last)})
-    slots_.prefetch_node(place.leaf->values[pos]);
-  if (place.found) slots_.prefetch_ace(place.leaf->values[place.pos]);
+  slots_.prefetch_node(place.leaf->values[place.pos - (place.pos != 0)]);
+  slots_.prefetch_node(place.leaf->values[std::min(place.pos, last)]);
+  if (!place.found) return;
+  slots_.prefetch_node(place.leaf->values[std::min(place.pos + 1, last)]);
+  slots_.prefetch_ace(place.leaf->values[place.pos]);
 }
 
-void Acl::look_ahead(const uint32_t* seqs, uint32_t n) noexcept {
-  if (index_.one_leaf()) return;
-  SeqIndex::Place places[SeqIndex::kAhead];
-  n = std::min(n, SeqIndex::kAhead);
-  index_.look_ahead(seqs, n, places);
-  for (uint32_t i = 0; i != n; ++i) prefetch_around(places[i]);
+void Acl::remove(const es_acl_batch_item* items, uint32_t n) noexcept {
+  for (const es_acl_batch_item* item = items; item != items + n; ++item)
+    remove(item->seq, ES_ACL_FORWARD, nullptr);
+}
+
+void Acl::search(es_acl_batch_item* items, uint32_t n) noexcept {
+  SeqIndex::Place places[ES_ACL_BATCH_MAX];
+  index_.find(items, n, places);
+  for (uint32_t i = 0; i != n; ++i)
+    items[i].ace = places[i].found ? slots_.ace(places[i].leaf->values[places[i].pos]) : nullptr;
+  if (index_.is_high())
+    for (uint32_t i = 0; i != n; ++i) prefetch_around(places[i]);
 }
 
 es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {

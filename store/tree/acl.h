@@ -41,8 +41,10 @@ class Acl : public es_acl_head {
   es_acl_status add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept;
   void remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
   es_acl_ace* search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
-  // See es_acl_look_ahead_fn. What is beyond SeqIndex::kAhead numbers is left.
-  void look_ahead(const uint32_t* seqs, uint32_t n) noexcept;
+  // The same for several; see es_acl_batch_table.
+  void add(es_acl_batch_item* items, uint32_t n) noexcept;
+  void remove(const es_acl_batch_item* items, uint32_t n) noexcept;
+  void search(es_acl_batch_item* items, uint32_t n) noexcept;
   es_acl_status resequence(uint32_t start, uint32_t step, uint32_t num_skip, const uint32_t* skip) noexcept;
 
   es_acl_ace_node* sentinel() noexcept { return reinterpret_cast<es_acl_ace_node*>(&ace_first); }
@@ -61,6 +63,7 @@ class Acl : public es_acl_head {
   static es_acl_ace* ace_of(es_acl_ace_node* node) noexcept {
     return static_cast<es_acl_ace**>(node->element)[ES_ACL_ELEMENT_ACE_WORD];
   }
+  es_acl_status put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept;
   void insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq, es_acl_iter* iter);
   void replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq);
   void store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept;

@@ -113,10 +113,6 @@ es_acl_ace* search_entry_iter(es_acl_head* acl, uint32_t seq, uint32_t direction
   return Acl::of(acl)->search(seq, direction, iter);
 }
 
-void look_ahead(es_acl_head* acl, const uint32_t* seqs, uint32_t num_seqs) {
-  Acl::of(acl)->look_ahead(seqs, num_seqs);
-}
-
 es_acl_status resequence(es_acl_head* acl, uint32_t start_seq, uint32_t step, uint32_t num_skip_seqs,
                          const uint32_t* skip_seqs) {
   return Acl::of(acl)->resequence(start_seq, step, num_skip_seqs, skip_seqs);
@@ -131,6 +127,14 @@ void traverse_list(es_acl_head* acl, es_acl_visitor visitor, va_list* args) {
     return result == 0;
   });
 }
+
+// --- Several ACEs with one call ---
+
+constexpr es_acl_batch_table kBatches = {
+    [](es_acl_head* acl, es_acl_batch_item* items, uint32_t n) { Acl::of(acl)->search(items, n); },
+    [](es_acl_head* acl, es_acl_batch_item* items, uint32_t n) { Acl::of(acl)->add(items, n); },
+    [](es_acl_head* acl, es_acl_batch_item* items, uint32_t n) { Acl::of(acl)->remove(items, n); },
+};
 
 // --- Matching ---
 
@@ -195,5 +199,5 @@ extern "C" ES_ACL_API void es_acl_api_init_funcs(es_acl_api_table* apis) {
   apis->resequence = resequence;
   apis->get_db_pointer = get_db_pointer;
   apis->traverse_list = traverse_list;
-  es_acl_offer_look_ahead(look_ahead);
+  es_acl_offer_batches(&kBatches);
 }

@@ -31,6 +31,11 @@ struct alignas(64) Block {
   bool spans(uint32_t key) const noexcept { return count != 0 && keys[0] <= key && key <= last_key(); }
   bool holds(uint32_t key, uint32_t pos) const noexcept { return pos < count && keys[pos] == key; }
 
+  // Whether the key is not there, and belongs between the two at the place.
+  bool parts(uint32_t key, uint32_t pos) const noexcept {
+    return pos != 0 && pos < count && keys[pos - 1] < key && key < keys[pos];
+  }
+
   // The number of keys less than `key`.
   uint32_t lower_bound(uint32_t key) const noexcept {
     static_assert(kFanout == 64);

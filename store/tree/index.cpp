@@ -55,22 +55,28 @@ SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hin
   return {leaf, pos, leaf->holds(seq, pos)};
 }
 
-void SeqIndex::look_ahead(const uint32_t* seqs, uint32_t n, Place* places) noexcept {
-  void* nodes[kAhead];
+// In a low index there is nothing to wait for.
+void SeqIndex::find(const es_acl_batch_item* items, uint32_t n, Place* places) noexcept {
+  if (kept_.empty()) {
+    for (uint32_t i = 0; i != n; ++i) places[i] = find(items[i].seq, ES_ACL_FORWARD, nullptr);
+    return;
+  }
+  void* nodes[ES_ACL_BATCH_MAX];
   std::fill_n(nodes, n, root_);
   for (unsigned depth = 0; depth != height_; ++depth) {
     for (uint32_t i = 0; i != n; ++i) {
       const auto* inner = static_cast<Inner*>(nodes[i]);
-      nodes[i] = inner->values[inner->child_of(seqs[i])];
-      static_cast<Block<SlotId>*>(nodes[i])->prefetch();
+      nodes[i] = inner->values[inner->child_of(items[i].seq)];
+      if (is_high()) static_cast<Block<SlotId>*>(nodes[i])->prefetch();
     }
   }
   for (uint32_t i = 0; i != n; ++i) {
+    const uint32_t seq = items[i].seq;
     auto* leaf = static_cast<Leaf*>(nodes[i]);
-    const uint32_t pos = leaf->lower_bound(seqs[i]);
-    leaf->prefetch_values(pos);
-    places[i] = {leaf, pos, leaf->holds(seqs[i], pos)};
-    kept_[row_of(seqs[i])] = {leaf, pos, seqs[i]};
+    const uint32_t pos = leaf->lower_bound(seq);
+    if (is_high()) leaf->prefetch_values(pos);
+    places[i] = {leaf, pos, leaf->holds(seq, pos)};
+    kept_[row_of(seq)] = {leaf, pos, seq};
   }
 }
 
@@ -81,6 +87,7 @@ inline SeqIndex::Place SeqIndex::kept(uint32_t seq) const noexcept {
   const Kept& row = kept_[row_of(seq)];
   if (row.seq != seq || row.leaf == nullptr) return {};
   if (row.leaf->holds(seq, row.pos)) return {row.leaf, row.pos, true};
+  if (row.leaf->parts(seq, row.pos)) return {row.leaf, row.pos, false};
   if (!row.leaf->spans(seq)) return {};
   const uint32_t pos = row.leaf->lower_bound(seq);
   return {row.leaf, pos, row.leaf->holds(seq, pos)};

@@ -13,10 +13,9 @@
 // index is, so any word whatever either names a leaf of this index or none; the leaf is then used only if it
 // has the sought number between its first and last key. So a stale word costs a descent from the root, never more.
 //
-// Looking ahead. A pushed batch is searched for, number by number, and then changed. In a large ACL each search waits for
-// memory; but the numbers are told before, and the places of several are found side by side, level by level, so that
-// the waits are one. The places are kept in a small table by number, where the searches and changes find them. A place
-// is looked at before it is believed, as a position word is.
+// Batches. A pushed batch is searched for and then changed. In a large ACL each search waits for memory; but the places of
+// several numbers are found side by side, level by level, so that the waits are one. The places are kept in a small table
+// by number, where the changes find them. A place is looked at before it is believed, as a position word is.
 //
 // Not thread-safe: the ACL's lock guards it.
 #ifndef ES_ACL_STORE_TREE_INDEX_H_
@@ -51,9 +50,9 @@ class SeqIndex {
  public:
   // Where a number stands, or would be inserted. `leaf` is null in an index that never held anything.
   struct Place {
-    Leaf* leaf = nullptr;
-    uint32_t pos = 0;
-    bool found = false;
+    Leaf* leaf;
+    uint32_t pos;
+    bool found;
   };
 
   SeqIndex() = default;
@@ -66,10 +65,8 @@ class SeqIndex {
   Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
   // The same for a number that has probably been looked ahead for.
   Place find_kept(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
-  // How many numbers look_ahead() takes.
-  static constexpr uint32_t kAhead = 16;
-  // Finds the places of n numbers, and keeps them. Only in an index of more than one leaf.
-  void look_ahead(const uint32_t* seqs, uint32_t n, Place* places) noexcept;
+  // Finds the places of the items' numbers side by side, and keeps them. A place's leaf is null only where all are.
+  void find(const es_acl_batch_item* items, uint32_t n, Place* places) noexcept;
   // The place where `seq` is or belongs, with memory set aside for insert(). Throws std::bad_alloc; nothing
   // has changed then.
   Place prepare(uint32_t seq, es_acl_iter hint);
@@ -80,7 +77,8 @@ class SeqIndex {
   Place erase(Place place, SlotPool& pool) noexcept;
 
   Leaf* first_leaf() const noexcept { return leftmost_; }
-  bool one_leaf() const noexcept { return height_ == 0; }
+  // Too large to be in the caches of whoever changes it.
+  bool is_high() const noexcept { return height_ > 1; }
   // After the leaves' keys were changed (in ascending order), makes the inner nodes' keys agree.
   void rebuild_bounds() noexcept;
 

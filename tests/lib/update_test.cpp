@@ -183,9 +183,8 @@ TEST_F(Update, PointerBytesAreCleared) {
   EXPECT_EQ(es_acl_search_item(head_, 20)->private_data, nullptr);
 }
 
-// A store that asks for it is told what is searched for next, sixteen numbers at a time and under the lock. Each pass
-// begins without a position and carries it from one store call to the next.
-TEST_F(Update, LooksAheadAndCarriesPositions) {
+// Each pass begins without a position and carries it from one store call to the next.
+TEST_F(Update, CarriesPositions) {
   const auto seen = [](es_acl_iter* iter, uint32_t seq) {
     record(kCall, "at " + std::to_string(reinterpret_cast<uintptr_t>(*iter)));
     *iter = reinterpret_cast<void*>(uintptr_t{seq});
@@ -197,36 +196,99 @@ TEST_F(Update, LooksAheadAndCarriesPositions) {
   });
   store().delete_entry_iter.always(
       [&](es_acl_head*, uint32_t seq, uint32_t, es_acl_iter* iter) { seen(iter, seq); });
-  es_acl_offer_look_ahead([](es_acl_head* acl, const uint32_t* seqs, uint32_t count) {
-    EXPECT_EQ(pthread_mutex_trylock(&acl->lock), EBUSY);
-    record(kCall, "ahead " + std::to_string(seqs[0]) + " to " + std::to_string(seqs[count - 1]));
-  });
-  Aces many;
-  for (uint32_t seq = 101; seq <= 134; ++seq) many.push_back({seq});
-  const std::tuple<uint32_t, uint32_t, Lines, Lines> rows[] = {
-      {0,
-       kAdd,
-       {"ahead 134 to 119", "ahead 118 to 103", "ahead 102 to 101"},
-       {"at 0", "at 70", "at 0", "at 60"}},
-      {1,
-       kAdd,
-       {"ahead 101 to 116", "ahead 117 to 132", "ahead 133 to 134"},
-       {"at 0", "at 60", "at 0", "at 60"}},
-      {0,
-       kRemove,
-       {"ahead 101 to 116", "ahead 117 to 132", "ahead 133 to 134"},
-       {"at 0", "at 60", "at 0", "at 60"}},
-  };
-  for (const auto& [mode, command, told, positions] : rows) {
+  const std::tuple<uint32_t, uint32_t, Lines> rows[] = {{0, kAdd, {"at 0", "at 70", "at 0", "at 60"}},
+                                                        {1, kAdd, {"at 0", "at 60", "at 0", "at 60"}},
+                                                        {0, kRemove, {"at 0", "at 60", "at 0", "at 60"}}};
+  for (const auto& [mode, command, positions] : rows) {
     es_acl_set_modify_mode(mode);
-    clear_log();
-    EXPECT_EQ(apply(command, many), 0U);
-    EXPECT_EQ(log_of("ahead "), told);
     clear_log();
     EXPECT_EQ(apply(command, {{60}, {70}}), 0U);
     EXPECT_EQ(log_of("at "), positions);
   }
-  es_acl_offer_look_ahead(nullptr);
+}
+
+// A store that offers it gets several ACEs with one call, under the lock, unless lines about each are printed.
+class StoreWithBatches : public Update {
+ protected:
+  void SetUp() override {
+    Update::SetUp();
+    static const es_acl_batch_table table = {search, add, remove};
+    es_acl_offer_batches(&table);
+  }
+  ~StoreWithBatches() override { es_acl_offer_batches(nullptr); }
+
+  static void print_lines(uint32_t enabled) {
+    for (debug_category& category : platform().categories) category.enabled = enabled;
+  }
+
+ private:
+  static void show_call(const std::string& what, es_acl_head* acl, const es_acl_batch_item* items,
+                        uint32_t n) {
+    EXPECT_EQ(pthread_mutex_trylock(&acl->lock), EBUSY);
+    record(kCall, "batch " + what + " " + show(items[0].seq) + " to " + show(items[n - 1].seq));
+  }
+  static void search(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
+    const Backstage backstage;
+    show_call("search", acl, items, n);
+    for (uint32_t i = 0; i < n; ++i) items[i].ace = es_acl_apis->search_entry(acl, items[i].seq);
+  }
+  // Refuses 77; of the others it keeps the even ones, and copies the odd ones.
+  static void add(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
+    const Backstage backstage;
+    show_call("add", acl, items, n);
+    for (es_acl_batch_item* item = items; item != items + n; ++item) {
+      item->status = item->seq == 77 ? 28 : 0;
+      if (item->status != 0) continue;
+      es_acl_ace* const kept =
+          item->seq % 2 == 0 ? std::exchange(item->ace, nullptr) : new (malloc(80)) es_acl_ace(*item->ace);
+      EXPECT_EQ(kept->private_data, nullptr);
+      EXPECT_EQ(es_acl_apis->add_acl_item_iter(acl, kept, item->seq, item->flag, nullptr), 0U);
+    }
+  }
+  static void remove(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
+    const Backstage backstage;
+    show_call("remove", acl, items, n);
+    for (uint32_t i = 0; i < n; ++i)
+      es_acl_apis->delete_entry_iter(acl, items[i].seq, ES_ACL_FORWARD, nullptr);
+  }
+};
+
+TEST_F(StoreWithBatches, GetsPiecesOfABatch) {
+  Aces many;
+  for (uint32_t seq = 101; seq <= 101 + ES_ACL_BATCH_MAX; ++seq) many.push_back({seq, 1});
+  const std::tuple<uint32_t, uint32_t, Lines> rows[] = {
+      {0,
+       kAdd,
+       {"batch search 133 to 102", "batch search 101 to 101", "batch add 101 to 132",
+        "batch add 133 to 133"}},
+      {0, kAdd, {"batch search 133 to 102", "batch search 101 to 101"}},
+      {1, kAdd, {"batch search 101 to 132", "batch search 133 to 133"}},
+      {1,
+       kRemove,
+       {"batch search 101 to 132", "batch search 133 to 133", "batch remove 101 to 132",
+        "batch remove 133 to 133"}},
+  };
+  print_lines(0);
+  for (const auto& [mode, command, calls] : rows) {
+    es_acl_set_modify_mode(mode);
+    clear_log();
+    EXPECT_EQ(apply(command, many), 0U);
+    EXPECT_EQ(log_of("batch "), calls);
+  }
+  EXPECT_EQ(list(head_), kStored);
+  print_lines(1);
+  clear_log();
+  EXPECT_EQ(apply(kAdd, {{50}}) + apply(kRemove, {{50}}), 0U);
+  EXPECT_EQ(log_of("batch "), Lines{});
+}
+
+TEST_F(StoreWithBatches, RecordsThatItDoesNotKeepGoBack) {
+  print_lines(0);
+  EXPECT_EQ(apply(kAdd, {{0, 1}, {20, 9}, {60, 6}, {61, 7}, {77, 8}, {10, 1}, {62, 9}}), 0U);
+  EXPECT_EQ(log_of("remove("), Lines{"remove(head:edge, 20=2 stored20)"});
+  EXPECT_EQ(log_of("pool_give"), (Lines{given("stored20"), given("copy4"), given("copy3")}));
+  EXPECT_EQ(changed_, 1U);
+  EXPECT_EQ(list(head_), (Aces{{10, 1}, {20, 9}, kRemark, {40, 4}, {60, 6}, {61, 7}, {62, 9}}));
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ void es_acl_free_rules(es_acl_ace* rules) {
   --store_test::records_out;
 }
 
-void es_acl_offer_look_ahead(es_acl_look_ahead_fn look_ahead) { store_test::look_ahead = look_ahead; }
+void es_acl_offer_batches(const es_acl_batch_table* batches) { store_test::batches = batches; }
 
 es_acl_ace* store_test::offer(uint32_t seq, uint32_t tag) {
   auto* ace = static_cast<es_acl_ace*>(std::calloc(1, sizeof(es_acl_ace)));

@@ -23,7 +23,7 @@ es_acl_ace* offer(uint32_t seq, uint32_t tag = 0);
 
 inline std::atomic<uint64_t> clock_ms{1000};
 inline std::atomic<int64_t> records_out{0};
-inline es_acl_look_ahead_fn look_ahead;
+inline const es_acl_batch_table* batches;
 inline std::atomic<int64_t> allocations{0};  // the store's, so far
 inline std::atomic<int64_t> failing{-1};     // which of them fails
 

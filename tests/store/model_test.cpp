@@ -9,6 +9,8 @@
 
 namespace store_test {
 
+using Items = std::vector<es_acl_batch_item>;
+
 // kRun: a stretch of neighbouring numbers, with one position carried.
 enum Operation { kAdd, kRemove, kSearch, kRun, kRenumber };
 
@@ -40,19 +42,55 @@ class Model : public AclTest, public testing::WithParamInterface<int> {
   }
 
   void apply(int operation, uint32_t seq, uint32_t direction, es_acl_iter* iter) {
-    if (random() % 4 == 0) tell_ahead(seq);
-    if (operation == kAdd) add_one(seq, iter);
-    if (operation == kRemove) remove_one(seq, direction, iter);
+    if (random() % 4 == 0) search_some(seq);
+    if (operation == kAdd) random() % 8 == 0 ? add_some(seq) : add_one(seq, iter);
+    if (operation == kRemove) random() % 8 == 0 ? remove_some(seq) : remove_one(seq, direction, iter);
     if (operation == kRun) run(seq, direction);
     if (operation == kRenumber) renumber();
     search_one(seq, direction, iter);
   }
 
-  // The number with others, which may have come, gone or moved when they are asked for.
-  void tell_ahead(uint32_t seq) {
-    Seqs told(random() % 20, seq);
-    for (size_t i = 1; i < told.size(); ++i) told[i] = number();
-    look_ahead(acl, told.data(), static_cast<uint32_t>(told.size()));
+  // The number with others, some of them twice.
+  Items some(uint32_t seq) {
+    Items items(1 + random() % (random() % 4 == 0 ? ES_ACL_BATCH_MAX : 5));
+    for (es_acl_batch_item& item : items)
+      item = {&item == items.data() ? seq : number(), static_cast<uint32_t>(random() % 2), nullptr, 99};
+    return items;
+  }
+  static uint32_t size(const Items& items) { return static_cast<uint32_t>(items.size()); }
+
+  // What is found is kept for what changes it, which may happen soon, later or never.
+  void search_some(uint32_t seq) {
+    Items items = some(seq);
+    batches->search(acl, items.data(), size(items));
+    for (const es_acl_batch_item& item : items) {
+      const auto entry = model.find(item.seq);
+      ASSERT_EQ(item.ace != nullptr, entry != model.end()) << item.seq;
+      ASSERT_TRUE(item.ace == nullptr || item.ace->capture == entry->second) << item.seq;
+    }
+  }
+
+  // The records stay the caller's. Where an allocation fails, it is for one of the items, and the others are added.
+  void add_some(uint32_t seq) {
+    Items items = some(seq);
+    for (es_acl_batch_item& item : items) item.ace = offer(random(), random());
+    if (random() % 4 == 0) failing = allocations + random() % 2;
+    batches->add(acl, items.data(), size(items));
+    failing = -1;
+    for (const es_acl_batch_item& item : items) {
+      ASSERT_TRUE(item.status == 0 || item.status == ENOMEM);
+      if (item.status == 0) {
+        const auto entry = model.try_emplace(item.seq, item.ace->capture).first;
+        if (item.flag == ES_ACL_ADD_REPLACE) entry->second = item.ace->capture;
+      }
+      es_acl_free_rules(item.ace);
+    }
+  }
+
+  void remove_some(uint32_t seq) {
+    Items items = some(seq);
+    batches->remove(acl, items.data(), size(items));
+    for (const es_acl_batch_item& item : items) model.erase(item.seq);
   }
 
   void add_one(uint32_t seq, es_acl_iter* iter) {
