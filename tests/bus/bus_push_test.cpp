@@ -262,6 +262,39 @@ TEST_F(BusPush, LoneMessagesFillTheSocket) {
   EXPECT_TRUE(recorder.has(sent.size()) && recorder.messages() == sent);
 }
 
+// Who pushes and the service thread write in turn, to a consumer that keeps up now and then; each pusher's messages come
+// in its order, to the last of a burst.
+TEST_F(BusPush, SeveralPushInBursts) {
+  constexpr size_t kMessages = 3000, kPushers = 2;
+  Producer producer(name);
+  std::atomic<size_t> handled{0};
+  recorder.during = [&] {
+    if (++handled / 512 % 2 == 1) usleep(20);
+  };
+  const Registration registration(name, "n", recorder);
+  ASSERT_TRUE(producer.has_consumers("n", 1));
+  const auto message = [](size_t pusher, size_t i) {
+    return std::to_string(pusher) + " " + std::to_string(i) + std::string(i * i * 37 % 10000, 'b');
+  };
+  std::vector<std::thread> pushers;
+  for (size_t pusher = 0; pusher < kPushers; ++pusher) {
+    pushers.emplace_back([&, pusher] {
+      for (size_t i = 0; i < kMessages; ++i) {
+        EXPECT_EQ(producer.push("n", message(pusher, i)), 1U);
+        if (i % 512 == 0) EXPECT_TRUE(eventually([&] { return handled > i; }));
+      }
+    });
+  }
+  for (std::thread& thread : pushers) thread.join();
+  ASSERT_TRUE(recorder.has(kPushers * kMessages));
+  std::vector<size_t> next(kPushers);
+  for (const std::string& got : recorder.messages()) {
+    const size_t pusher = static_cast<size_t>(got[0] - '0');
+    ASSERT_LT(pusher, kPushers);
+    ASSERT_EQ(got, message(pusher, next[pusher]++));
+  }
+}
+
 // Synchronous requests: every consumer's answer, or why there is none.
 using Answers = std::map<int32_t, std::pair<uint32_t, std::string>>;  // status and response by process id
 

@@ -20,6 +20,11 @@ class Deadline {
  public:
   static Deadline in_ms(uint64_t ms) { return Deadline(clock_now_ns() + ms * 1000000); }
 
+  // 0 when it has passed.
+  uint64_t left_ns() const {
+    const uint64_t now_ns = clock_now_ns();
+    return now_ns < at_ns_ ? at_ns_ - now_ns : 0;
+  }
   // Milliseconds left, 0 when it has passed.
   int left_ms() const { return ms_between(clock_now_ns(), at_ns_); }
 

@@ -4,6 +4,10 @@
 
 #include <sys/epoll.h>
 
+#include <cerrno>
+#include <ctime>
+
+#include "bus/deadline.h"
 #include "bus/unix_socket.h"
 
 namespace es_platform::bus {
@@ -18,10 +22,14 @@ class EventSet {
   bool add(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_ADD, fd, id, events); }
   bool change(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_MOD, fd, id, events); }
 
-  // The number of events, or -1.
+  // The number of events, or -1. Kernels before 5.11 wait for whole milliseconds.
   template <int kMost>
-  int wait(epoll_event (&events)[kMost], int timeout_ms) const {
-    return epoll_wait(set_.get(), events, kMost, timeout_ms);
+  int wait(epoll_event (&events)[kMost], uint64_t timeout_ns) const {
+    const timespec timeout = {static_cast<time_t>(timeout_ns / 1'000'000'000),
+                              static_cast<long>(timeout_ns % 1'000'000'000)};
+    const int count = epoll_pwait2(set_.get(), events, kMost, &timeout, nullptr);
+    return count >= 0 || errno != ENOSYS ? count
+                                         : epoll_wait(set_.get(), events, kMost, ms_between(0, timeout_ns));
   }
 
  private:

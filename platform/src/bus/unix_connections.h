@@ -75,6 +75,9 @@ class UnixConnections {
     }
   }
 
+  // Messages are pushed close after one another.
+  bool are_crowded() const noexcept { return pace_.is_crowded(); }
+
   // These may close the connection, close() does, and then return false: it is gone.
   bool set_interest(UnixConnection& connection, uint32_t events);
   bool close(UnixConnection& connection);

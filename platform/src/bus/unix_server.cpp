@@ -15,6 +15,7 @@ namespace {
 constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstConnectionId = 2;
 constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back when they rest
 constexpr int kEventsAtOnce = 64;
+constexpr uint64_t kPauseNs = 50'000;
 
 constexpr FrameKinds kRequestKinds = frame_kinds(FrameKind::read, FrameKind::lookup, FrameKind::ping);
 constexpr FrameKinds kEventKinds = frame_kinds(FrameKind::subscribe, FrameKind::unsubscribe, FrameKind::mark,
@@ -72,17 +73,10 @@ void UnixServer::run() {
   epoll_event events[kEventsAtOnce];
   Deadline next_beat = Deadline::in_ms(settings().beat_ms);
   while (!stopping_.load()) {
-    const int count = event_set_.wait(events, next_beat.left_ms());
-    for (int i = 0; i < count && !stopping_.load(); ++i) {
-      try {
-        serve_event(events[i]);
-      } catch (const std::bad_alloc&) {
-        UnixConnection* connection = connections_.find(events[i].data.u64);
-        log_.line("out of memory");
-        if (connection != nullptr) connections_.close(*connection);
-      }
-    }
-    if (next_beat.left_ms() != 0) continue;
+    const int count = event_set_.wait(events, std::min(next_beat.left_ns(), pause_left_ns()));
+    for (int i = 0; i < count && !stopping_.load(); ++i) serve_event(events[i]);
+    if (pause_left_ns() == 0) flush_woken();
+    if (next_beat.left_ns() != 0) continue;
     next_beat = Deadline::in_ms(settings().beat_ms);
     beat_all();
     rest_spare();
@@ -90,19 +84,29 @@ void UnixServer::run() {
 }
 
 void UnixServer::serve_event(const epoll_event& event) {
-  if (event.data.u64 == kWakeId) return flush_woken();
-  if (event.data.u64 == kListenerId) return accept_all();
-  UnixConnection* found = connections_.find(event.data.u64);
-  if (found == nullptr) return;  // closed while an earlier event was served
-  UnixConnection& connection = *found;
-  if ((event.events & EPOLLOUT) != 0) {
+  const uint64_t id = event.data.u64;
+  try {
+    if (id == kWakeId) return woken();
+    if (id == kListenerId) return accept_all();
+    UnixConnection* connection = connections_.find(id);
+    if (connection != nullptr)
+      serve_connection(*connection, event.events);  // else an earlier event has closed it
+  } catch (const std::bad_alloc&) {
+    UnixConnection* connection = connections_.find(id);
+    log_.line("out of memory");
+    if (connection != nullptr) connections_.close(*connection);
+  }
+}
+
+void UnixServer::serve_connection(UnixConnection& connection, uint32_t events) {
+  if ((events & EPOLLOUT) != 0) {
     const bool alive = connection.sink != nullptr ? flush_events(connection)
                                                   : flush_answer(connection) && handle_frames(connection);
     if (!alive) return;
   }
-  if ((event.events & EPOLLIN) != 0) {
+  if ((events & EPOLLIN) != 0) {
     read_from(connection);
-  } else if ((event.events & (EPOLLHUP | EPOLLERR)) != 0) {
+  } else if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
     connections_.close(connection);
   }
 }
@@ -305,12 +309,33 @@ void UnixServer::answered_beat(UnixConnection& connection) {
     log_.line("process %d answers again", static_cast<int>(connection.credentials.pid));
 }
 
+// In a burst those who push write most of it themselves, and are let do so.
+void UnixServer::woken() {
+  wake_list_.quiet();
+  flush_at_ns_ = clock_now_ns() + (connections_.are_crowded() ? kPauseNs : 0);
+}
+
+uint64_t UnixServer::pause_left_ns() const {
+  const uint64_t now_ns = clock_now_ns();
+  return now_ns < flush_at_ns_ ? flush_at_ns_ - now_ns : 0;
+}
+
+// Nothing to be done for want of memory is done after the next pause.
 void UnixServer::flush_woken() {
-  wake_list_.take(&woken_);
-  for (const uint64_t id : woken_) {
-    UnixConnection* connection = connections_.find(id);
-    if (connection != nullptr) flush_events(*connection);
+  const uint64_t now_ns = clock_now_ns();
+  flush_at_ns_ = now_ns + kPauseNs;
+  try {
+    wake_list_.take(&woken_);
+  } catch (const std::bad_alloc&) {
+    return log_.line("out of memory");
   }
+  std::erase_if(woken_, [&](uint64_t id) {
+    UnixConnection* connection = connections_.find(id);
+    if (connection != nullptr && connection->sink->wrote_since(now_ns - kPauseNs)) return false;
+    if (connection != nullptr) flush_events(*connection);
+    return true;
+  });
+  if (woken_.empty()) flush_at_ns_ = UINT64_MAX;
 }
 
 }  // namespace es_platform::bus

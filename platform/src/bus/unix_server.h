@@ -33,7 +33,10 @@ class UnixServer final : public Server {
  private:
   void run();
   void serve_event(const epoll_event& event);
+  void serve_connection(UnixConnection& connection, uint32_t events);
   void accept_all();
+  void woken();
+  uint64_t pause_left_ns() const;
   void flush_woken();
   void beat_all();
   void answered_beat(UnixConnection& connection);
@@ -68,7 +71,8 @@ class UnixServer final : public Server {
   pthread_t thread_{};
 
   std::vector<uint64_t> woken_;
-  std::unique_ptr<char[]> spare_;  // body for the next answer
+  uint64_t flush_at_ns_ = UINT64_MAX;  // when those that were woken for are written out
+  std::unique_ptr<char[]> spare_;      // body for the next answer
   size_t spare_capacity_ = 0;
   bool spare_rests_ = true;  // not used since the last beat
   uint64_t overflows_ = 0;

@@ -17,6 +17,7 @@ constexpr uint64_t kLongPauseNs = 1'000'000;
 constexpr uint32_t kFew = 4;  // that may follow closely and are written one by one all the same
 constexpr uint32_t kCrowd = 16;
 constexpr size_t kLongestAtOnce = 8 << 10;
+constexpr size_t kLargeWrite = 64 << 10;
 
 }  // namespace
 
@@ -41,14 +42,16 @@ void WakeList::wake() noexcept {
   [[maybe_unused]] const ssize_t written = write(event_.get(), &one, sizeof one);
 }
 
-// The two vectors change places, so both come to have the room that was reserved.
-void WakeList::take(std::vector<uint64_t>* out) {
-  out->clear();
-  out->reserve(connections_.capacity());  // which other threads do not change
+void WakeList::quiet() noexcept {
   uint64_t count;
   [[maybe_unused]] const ssize_t drained = read(event_.get(), &count, sizeof count);
+}
+
+void WakeList::take(std::vector<uint64_t>* out) {
+  out->reserve(out->size() + connections_.capacity());  // which other threads do not change
   std::lock_guard lock(mutex_);
-  connections_.swap(*out);
+  out->insert(out->end(), connections_.begin(), connections_.end());
+  connections_.clear();
 }
 
 bool Pace::is_calm() noexcept {
@@ -61,15 +64,21 @@ bool Pace::is_calm() noexcept {
     this->crowd();
   else if (crowd != 0)
     crowd_.store(crowd - 1, std::memory_order_relaxed);
-  return crowd_.load(std::memory_order_relaxed) < kFew;
+  return !is_crowded();
 }
+
+bool Pace::is_crowded() const noexcept { return crowd_.load(std::memory_order_relaxed) >= kFew; }
 
 void Pace::crowd() noexcept {
   const uint32_t crowd = crowd_.load(std::memory_order_relaxed);
   if (crowd < kCrowd) crowd_.store(crowd + 1, std::memory_order_relaxed);
 }
 
-void Pace::wrote() noexcept { last_ns_.store(clock_now_ns(), std::memory_order_relaxed); }
+uint64_t Pace::wrote() noexcept {
+  const uint64_t now = clock_now_ns();
+  last_ns_.store(now, std::memory_order_relaxed);
+  return now;
+}
 
 uint32_t UnixSink::push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) {
   return send(make_frame(FrameKind::push, length, topic, mtype), payload);
@@ -90,14 +99,18 @@ uint32_t UnixSink::send(const FrameHeader& header, const void* payload) {
   if (error_ != 0) return ESRCH;
   if (queued_ != 0) pace_.crowd();
   const bool at_once = queued_ == 0 && pace_.is_calm() && header.length <= kLongestAtOnce;
-  return done_locked(at_once ? write_locked(header, payload) : append_locked(header, payload)) ? 0 : ESRCH;
+  const int error = append_locked(header, payload);
+  if (error != 0 || serviced_) return done_locked(error) ? 0 : ESRCH;
+  if (at_once || pending_.bytes() >= kLargeWrite) return done_locked(write_locked()) ? 0 : ESRCH;
+  return done_locked(0) ? 0 : ESRCH;
 }
 
 // A beat is no message: it says nothing about the pace.
 bool UnixSink::beat() {
   std::lock_guard lock(mutex_);
   if (error_ != 0 || queued_ != 0) return false;
-  return done_locked(write_locked(make_frame(FrameKind::beat, 0), nullptr));
+  const int error = append_locked(make_frame(FrameKind::beat, 0), nullptr);
+  return done_locked(error != 0 ? error : write_locked());
 }
 
 bool UnixSink::done_locked(int error) {
@@ -120,14 +133,13 @@ int UnixSink::append_locked(const FrameHeader& header, const void* payload) try 
   return ENOBUFS;
 }
 
-// What the socket does not take is queued.
-int UnixSink::write_locked(const FrameHeader& header, const void* payload) {
-  if (const int error = append_locked(header, payload)) return error;
+// What the socket does not take stays queued.
+int UnixSink::write_locked() {
   writing_.take(pending_);
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
   queued_ -= written;
-  pace_.wrote();
+  pushed_out_ns_.store(pace_.wrote(), std::memory_order_relaxed);
   return error;
 }
 
@@ -139,6 +151,7 @@ int UnixSink::flush(bool* rest) {
     announced_ = false;
     if (error_ != 0 || queued_ == 0) return error_;
     all = writing_.take(pending_);
+    serviced_ = true;
   }
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
@@ -146,6 +159,7 @@ int UnixSink::flush(bool* rest) {
   pace_.wrote();
   std::lock_guard lock(mutex_);
   queued_ -= written;
+  serviced_ = *rest;
   return error;
 }
 

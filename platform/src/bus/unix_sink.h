@@ -1,6 +1,9 @@
-// The way of messages to one consumer's event connection: a bounded queue that any thread appends to and the
-// service thread writes out, many messages with one call. A message that comes alone has no others to wait for:
-// whoever pushes it writes it, and the consumer is spared the time in which the service thread wakes.
+// The way of messages to one consumer's event connection: a bounded queue that any thread appends to and that is written
+// out many messages with one call. Whoever pushes writes
+//   - a message that comes alone: it has no others to wait for, and the consumer is spared the time in which the service
+//     thread wakes;
+//   - what makes a large write: the service thread would only take the processor from whoever pushes.
+// The service thread writes the rest: what is queued when a burst pauses, and what the socket does not take at once.
 #ifndef ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 #define ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 
@@ -19,11 +22,13 @@ class WakeList {
  public:
   WakeList();
   int fd() const { return event_.get(); }
+  // fd() says nothing until the next wake().
+  void quiet() noexcept;
   // Makes room for that many connections, so that add() cannot fail. May throw std::bad_alloc.
   void reserve(size_t connections);
   void add(uint64_t connection) noexcept;
   void wake() noexcept;
-  // Everything added since the last call.
+  // Moves what has been added to *out. May throw std::bad_alloc.
   void take(std::vector<uint64_t>* out);
 
  private:
@@ -41,8 +46,10 @@ class Pace {
   bool is_calm() noexcept;
   // A message comes and finds others queued.
   void crowd() noexcept;
-  // Something has been written just now.
-  void wrote() noexcept;
+  // Something has been written just now: the time.
+  uint64_t wrote() noexcept;
+  // Messages follow closely.
+  bool is_crowded() const noexcept;
 
  private:
   std::atomic<uint64_t> last_ns_{0};
@@ -63,6 +70,10 @@ class UnixSink final : public EventSink {
 
   // Lets the consumer hear from here. False when something is queued, which does so too, and when nothing can be.
   bool beat();
+  // Whoever pushes large writes has written at or after that time, and probably goes on.
+  bool wrote_since(uint64_t time_ns) const noexcept {
+    return pushed_out_ns_.load(std::memory_order_relaxed) >= time_ns;
+  }
   // Writes what the socket takes; *rest tells whether something is left. 0 or an errno value, here or when a
   // message was handed in; ENOBUFS when the queue has overflowed.
   int flush(bool* rest);
@@ -71,7 +82,7 @@ class UnixSink final : public EventSink {
   uint32_t send(const FrameHeader& header, const void* payload);
   bool done_locked(int error);
   int append_locked(const FrameHeader& header, const void* payload);
-  int write_locked(const FrameHeader& header, const void* payload);
+  int write_locked();
 
   const uint64_t connection_;
   const int fd_;
@@ -83,8 +94,10 @@ class UnixSink final : public EventSink {
   uint64_t queued_ = 0;  // bytes of pending_ and writing_
   int error_ = 0;        // why nothing can be written any more
   bool announced_ = false;
-  // The service thread's while something is queued; else whoever holds the mutex may use it.
+  // What is being written: by whoever holds the mutex, or by the service thread without it while `serviced_`.
   OutQueue writing_;
+  bool serviced_ = false;                   // the service thread writes, or waits until the socket takes more
+  std::atomic<uint64_t> pushed_out_ns_{0};  // when somebody who pushes has last written
 };
 
 }  // namespace es_platform::bus
