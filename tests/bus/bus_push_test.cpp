@@ -281,7 +281,7 @@ TEST_F(BusPush, SeveralPushInBursts) {
     pushers.emplace_back([&, pusher] {
       for (size_t i = 0; i < kMessages; ++i) {
         EXPECT_EQ(producer.push("n", message(pusher, i)), 1U);
-        if (i % 512 == 0) EXPECT_TRUE(eventually([&] { return handled > i; }));
+        EXPECT_TRUE(i % 512 != 0 || eventually([&] { return handled > i; }));
       }
     });
   }

@@ -18,6 +18,7 @@ constexpr uint32_t kFew = 4;  // that may follow closely and are written one by 
 constexpr uint32_t kCrowd = 16;
 constexpr size_t kLongestAtOnce = 8 << 10;
 constexpr size_t kLargeWrite = 64 << 10;
+constexpr uint32_t kManyConsumers = 8;
 
 }  // namespace
 
@@ -67,6 +68,8 @@ bool Pace::is_calm() noexcept {
   return !is_crowded();
 }
 
+bool Pace::has_many() const noexcept { return consumers_.load(std::memory_order_relaxed) > kManyConsumers; }
+
 bool Pace::is_crowded() const noexcept { return crowd_.load(std::memory_order_relaxed) >= kFew; }
 
 void Pace::crowd() noexcept {
@@ -101,7 +104,7 @@ uint32_t UnixSink::send(const FrameHeader& header, const void* payload) {
   const bool at_once = queued_ == 0 && pace_.is_calm() && header.length <= kLongestAtOnce;
   const int error = append_locked(header, payload);
   if (error != 0 || serviced_) return done_locked(error) ? 0 : ESRCH;
-  if (at_once || pending_.bytes() >= kLargeWrite) return done_locked(write_locked()) ? 0 : ESRCH;
+  if (at_once || (pending_.bytes() >= kLargeWrite && !pace_.has_many())) return done_locked(write_locked()) ? 0 : ESRCH;
   return done_locked(0) ? 0 : ESRCH;
 }
 

@@ -2,7 +2,8 @@
 // out many messages with one call. Whoever pushes writes
 //   - a message that comes alone: it has no others to wait for, and the consumer is spared the time in which the service
 //     thread wakes;
-//   - what makes a large write: the service thread would only take the processor from whoever pushes.
+//   - what makes a large write, unless there are many consumers: the service thread would only take the processor from
+//     whoever pushes.
 // The service thread writes the rest: what is queued when a burst pauses, and what the socket does not take at once.
 #ifndef ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 #define ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
@@ -51,8 +52,13 @@ class Pace {
   // Messages follow closely.
   bool is_crowded() const noexcept;
 
+  void come() noexcept { consumers_.fetch_add(1, std::memory_order_relaxed); }
+  void go() noexcept { consumers_.fetch_sub(1, std::memory_order_relaxed); }
+  bool has_many() const noexcept;
+
  private:
   std::atomic<uint64_t> last_ns_{0};
+  std::atomic<uint32_t> consumers_{0};
   std::atomic<uint32_t> crowd_{0};  // up with each message that follows closely, down with each that does not
 };
 
@@ -60,7 +66,10 @@ class UnixSink final : public EventSink {
  public:
   // Writes to `fd`, which outlives it.
   UnixSink(uint64_t connection, int fd, uint64_t limit, WakeList& wake_list, Pace& pace)
-      : connection_(connection), fd_(fd), limit_(limit), wake_list_(wake_list), pace_(pace) {}
+      : connection_(connection), fd_(fd), limit_(limit), wake_list_(wake_list), pace_(pace) {
+    pace_.come();
+  }
+  ~UnixSink() override { pace_.go(); }
 
   uint32_t push(uint64_t topic, uint32_t mtype, const void* payload, uint32_t length) override;
   uint32_t ask(uint64_t topic, uint64_t number, const void* payload, uint32_t length) override;
