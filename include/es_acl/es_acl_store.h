@@ -176,7 +176,8 @@ typedef struct es_acl_batch_table {
   es_acl_batch_fn remove; /* as slot 7 */
 } es_acl_batch_table;
 
-/* Called by a store from its es_acl_api_init_funcs(), with a table that is complete and stays. Null takes the offer back. */
+/* Called by a store from its es_acl_api_init_funcs(), with a table that is complete and stays. Null takes the offer back:
+ * a plug-in that fills its table from another one's and puts itself in front of it does so. */
 ES_ACL_API void es_acl_offer_batches(const es_acl_batch_table* batches);
 
 /* --- ACE records: the rules pool. Any thread. --- */

@@ -35,8 +35,9 @@ es_acl_status Acl::add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_
 }
 
 void Acl::add(es_acl_batch_item* items, uint32_t n) noexcept {
+  es_acl_iter at = nullptr;
   for (es_acl_batch_item* item = items; item != items + n; ++item)
-    item->status = put(*item->ace, item->seq, item->flag, nullptr);
+    item->status = put(*item->ace, item->seq, item->flag, &at);
 }
 
 es_acl_status Acl::put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
@@ -99,8 +100,9 @@ inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
 }
 
 void Acl::remove(const es_acl_batch_item* items, uint32_t n) noexcept {
+  es_acl_iter at = nullptr;
   for (const es_acl_batch_item* item = items; item != items + n; ++item)
-    remove(item->seq, ES_ACL_FORWARD, nullptr);
+    remove(item->seq, ES_ACL_FORWARD, &at);
 }
 
 void Acl::search(es_acl_batch_item* items, uint32_t n) noexcept {

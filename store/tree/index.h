@@ -63,7 +63,7 @@ class SeqIndex {
   // The place of `seq`, from the position if it is near. When the number is not there, only `found` says
   // something.
   Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
-  // The same for a number that has probably been looked ahead for.
+  // The same for a number that has probably been found in a batch.
   Place find_kept(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
   // Finds the places of the items' numbers side by side, and keeps them. A place's leaf is null only where all are.
   void find(const es_acl_batch_item* items, uint32_t n, Place* places) noexcept;

@@ -282,6 +282,16 @@ TEST_F(StoreWithBatches, GetsPiecesOfABatch) {
   EXPECT_EQ(log_of("batch "), Lines{});
 }
 
+// What is not searched for moves nothing that is.
+TEST_F(StoreWithBatches, FindsEachItsOwn) {
+  es_acl_set_modify_mode(ES_ACL_MODIFY_ADD_ONLY);
+  print_lines(0);
+  EXPECT_EQ(apply(kAdd, {{10, 1}, {0, 1}, {20, 9}, {60, 6}, {0, 2}, {40, 5}}), 0U);
+  EXPECT_EQ(log_of("add("),
+            Lines{"add(head:edge, 20=9 copy1 old stored20, 60=6 copy2 new, 40=5 copy3 old stored40)"});
+  EXPECT_EQ(list(head_), (Aces{{10, 1}, {20, 9}, kRemark, {40, 5}, {60, 6}}));
+}
+
 TEST_F(StoreWithBatches, RecordsThatItDoesNotKeepGoBack) {
   print_lines(0);
   EXPECT_EQ(apply(kAdd, {{0, 1}, {20, 9}, {60, 6}, {61, 7}, {77, 8}, {10, 1}, {62, 9}}), 0U);

@@ -22,14 +22,14 @@ class EventSet {
   bool add(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_ADD, fd, id, events); }
   bool change(int fd, uint64_t id, uint32_t events) const { return control(EPOLL_CTL_MOD, fd, id, events); }
 
-  // The number of events, or -1. Kernels before 5.11 wait for whole milliseconds.
+  // The number of events, or -1. Where the kernel cannot (before 5.11) or may not, it waits for whole milliseconds.
   template <int kMost>
   int wait(epoll_event (&events)[kMost], uint64_t timeout_ns) const {
     const timespec timeout = {static_cast<time_t>(timeout_ns / 1'000'000'000),
                               static_cast<long>(timeout_ns % 1'000'000'000)};
     const int count = epoll_pwait2(set_.get(), events, kMost, &timeout, nullptr);
-    return count >= 0 || errno != ENOSYS ? count
-                                         : epoll_wait(set_.get(), events, kMost, ms_between(0, timeout_ns));
+    if (count >= 0 || errno == EINTR) return count;
+    return epoll_wait(set_.get(), events, kMost, ms_between(0, timeout_ns));
   }
 
  private:

@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -58,24 +59,20 @@ void WakeList::take(std::vector<uint64_t>* out) {
 bool Pace::is_calm() noexcept {
   const uint64_t now = clock_now_ns();
   const uint64_t pause = now - last_ns_.exchange(now, std::memory_order_relaxed);
-  const uint32_t crowd = crowd_.load(std::memory_order_relaxed);
+  uint32_t crowd = crowd_.load(std::memory_order_relaxed);
   if (pause >= kLongPauseNs)
-    crowd_.store(0, std::memory_order_relaxed);
+    crowd = 0;
   else if (pause < kPauseNs)
-    this->crowd();
+    crowd = std::min(crowd + 1, kCrowd);
   else if (crowd != 0)
-    crowd_.store(crowd - 1, std::memory_order_relaxed);
-  return !is_crowded();
+    --crowd;
+  crowd_.store(crowd, std::memory_order_relaxed);
+  return crowd < kFew;
 }
 
 bool Pace::has_many() const noexcept { return consumers_.load(std::memory_order_relaxed) > kManyConsumers; }
 
 bool Pace::is_crowded() const noexcept { return crowd_.load(std::memory_order_relaxed) >= kFew; }
-
-void Pace::crowd() noexcept {
-  const uint32_t crowd = crowd_.load(std::memory_order_relaxed);
-  if (crowd < kCrowd) crowd_.store(crowd + 1, std::memory_order_relaxed);
-}
 
 uint64_t Pace::wrote() noexcept {
   const uint64_t now = clock_now_ns();
@@ -100,11 +97,11 @@ uint32_t UnixSink::inquire(uint64_t topic, uint64_t number, const void* payload,
 uint32_t UnixSink::send(const FrameHeader& header, const void* payload) {
   std::lock_guard lock(mutex_);
   if (error_ != 0) return ESRCH;
-  if (queued_ != 0) pace_.crowd();
-  const bool at_once = queued_ == 0 && pace_.is_calm() && header.length <= kLongestAtOnce;
+  const bool at_once = pace_.is_calm() && header.length <= kLongestAtOnce;
   const int error = append_locked(header, payload);
   if (error != 0 || serviced_) return done_locked(error) ? 0 : ESRCH;
-  if (at_once || (pending_.bytes() >= kLargeWrite && !pace_.has_many())) return done_locked(write_locked()) ? 0 : ESRCH;
+  if (at_once || (pending_.bytes() >= kLargeWrite && !pace_.has_many()))
+    return done_locked(write_locked()) ? 0 : ESRCH;
   return done_locked(0) ? 0 : ESRCH;
 }
 
@@ -138,12 +135,19 @@ int UnixSink::append_locked(const FrameHeader& header, const void* payload) try 
 
 // What the socket does not take stays queued.
 int UnixSink::write_locked() {
+  const bool large = pending_.bytes() >= kLargeWrite;
   writing_.take(pending_);
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
   queued_ -= written;
-  pushed_out_ns_.store(pace_.wrote(), std::memory_order_relaxed);
+  const uint64_t now_ns = pace_.wrote();
+  if (large && written != 0) pushed_out_ns_.store(now_ns, std::memory_order_relaxed);
   return error;
+}
+
+void UnixSink::woken() {
+  std::lock_guard lock(mutex_);
+  announced_ = false;
 }
 
 int UnixSink::flush(bool* rest) {
@@ -151,7 +155,6 @@ int UnixSink::flush(bool* rest) {
   bool all = true;
   {
     std::lock_guard lock(mutex_);
-    announced_ = false;
     if (error_ != 0 || queued_ == 0) return error_;
     all = writing_.take(pending_);
     serviced_ = true;
@@ -159,7 +162,6 @@ int UnixSink::flush(bool* rest) {
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
   *rest = !writing_.empty() || !all;
-  pace_.wrote();
   std::lock_guard lock(mutex_);
   queued_ -= written;
   serviced_ = *rest;

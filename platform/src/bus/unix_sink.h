@@ -43,11 +43,9 @@ class WakeList {
 // processor now and then. An estimate; thread-safe.
 class Pace {
  public:
-  // A message comes and finds nothing queued: is it one of a few, or spaced like those before it?
+  // A message comes: is it one of a few, or spaced like those before it?
   bool is_calm() noexcept;
-  // A message comes and finds others queued.
-  void crowd() noexcept;
-  // Something has been written just now: the time.
+  // Whoever pushes has written just now: the time.
   uint64_t wrote() noexcept;
   // Messages follow closely.
   bool is_crowded() const noexcept;
@@ -79,7 +77,9 @@ class UnixSink final : public EventSink {
 
   // Lets the consumer hear from here. False when something is queued, which does so too, and when nothing can be.
   bool beat();
-  // Whoever pushes large writes has written at or after that time, and probably goes on.
+  // It has been taken from the wake list, and may be added again.
+  void woken();
+  // Whoever pushes has made a large write at or after that time, and probably goes on.
   bool wrote_since(uint64_t time_ns) const noexcept {
     return pushed_out_ns_.load(std::memory_order_relaxed) >= time_ns;
   }
@@ -106,7 +106,7 @@ class UnixSink final : public EventSink {
   // What is being written: by whoever holds the mutex, or by the service thread without it while `serviced_`.
   OutQueue writing_;
   bool serviced_ = false;                   // the service thread writes, or waits until the socket takes more
-  std::atomic<uint64_t> pushed_out_ns_{0};  // when somebody who pushes has last written
+  std::atomic<uint64_t> pushed_out_ns_{0};  // the last large write of whoever pushes
 };
 
 }  // namespace es_platform::bus
