@@ -145,7 +145,9 @@ void SeqIndex::reserve(const Path& path) {
   for (; depth != 0 && path.node[depth - 1]->full(); --depth) ++inners;
   reserve_leaf();
   reserve_inner(depth == 0 ? inners + 1 : inners);
-  if (kept_.empty()) kept_.resize(size_t{1} << kKeptBits);
+  const unsigned height = depth == 0 ? height_ + 1 : height_;
+  const size_t rows = height > 1 ? kKeptRowsWhenHigh : kKeptRows;
+  if (kept_.size() < rows) kept_ = std::vector<Kept>(rows);
 }
 
 Leaf* SeqIndex::take_leaf() noexcept {

@@ -102,8 +102,9 @@ class SeqIndex {
     uint32_t pos = 0;
     uint32_t seq = 0;
   };
-  static constexpr unsigned kKeptBits = 8;
-  static uint32_t row_of(uint32_t seq) noexcept { return seq * 2654435769u >> (32 - kKeptBits); }
+  // Of an index of one level of inner nodes, and of a higher one. Powers of two.
+  static constexpr size_t kKeptRows = 256, kKeptRowsWhenHigh = 1024;
+  size_t row_of(uint32_t seq) const noexcept { return (seq * 2654435769u >> 16) & (kept_.size() - 1); }
 
   Place kept(uint32_t seq) const noexcept;
   Leaf* leaf_for(uint32_t seq) const noexcept;
