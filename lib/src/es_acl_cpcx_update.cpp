@@ -6,7 +6,6 @@
 //
 // With "delete and add" an ACE that replaces another is reported as a removal and then as an addition; ACEs that are
 // stored already are marked by sequence number 0 in the records. With "add only" the addition carries the old ACE.
-#include <algorithm>
 #include <cerrno>
 
 #include "es_acl/es_acl.h"
@@ -53,7 +52,6 @@ class Update {
 
  private:
   uint32_t scanned(uint32_t k) const;
-  uint32_t piece(const Pass& pass, uint32_t first) const { return std::min(pass.width(), n_ - first); }
   void look_for(Pass* pass, uint32_t first, uint32_t count);
   void judge(uint32_t i, es_acl_ace* found);
   void scan_for_removals();
@@ -107,11 +105,10 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
 // caches yet, and is fetched side by side.
 void Update::scan_for_removals() {
   Pass pass(acl_, prints_);
-  for (uint32_t first = 0; first < n_; first += pass.width()) {
-    const uint32_t count = piece(pass, first);
+  pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     look_for(&pass, first, count);
     for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), pass[k].ace);
-  }
+  });
 }
 
 uint32_t Update::report_removals() {
@@ -126,12 +123,11 @@ uint32_t Update::report_removals() {
 
 void Update::remove_all() {
   Pass pass(acl_, prints_);
-  for (uint32_t first = 0; first < n_; first += pass.width()) {
-    const uint32_t count = piece(pass, first);
+  pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     for (uint32_t k = 0; k < count; ++k) pass[k].seq = records_[first + k].ace.seq;
     BATCH_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(first), pass[0].seq);
     pass.remove(count);
-  }
+  });
 }
 
 // Puts one record's ACE into the batch of additions, unless it is stored already.
@@ -164,9 +160,11 @@ uint32_t Update::collect_piece(Pass* pass, uint32_t first, uint32_t count) {
 uint32_t Update::collect_additions() {
   batch_.clear();
   Pass pass(acl_, prints_);
-  for (uint32_t first = 0; first < n_; first += pass.width())
-    if (const uint32_t rc = collect_piece(&pass, first, piece(pass, first)); rc != 0) return rc;
-  return 0;
+  uint32_t rc = 0;
+  pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
+    if (rc == 0) rc = collect_piece(&pass, first, count);
+  });
+  return rc;
 }
 
 uint32_t Update::report_additions() {
@@ -179,12 +177,11 @@ uint32_t Update::report_additions() {
 // others are added all the same.
 void Update::add_all() {
   Pass pass(acl_, prints_);
-  for (uint32_t first = 0; first < batch_.size(); first += pass.width()) {
-    const uint32_t count = std::min(pass.width(), batch_.size() - first);
+  pass.in_pieces(batch_.size(), [&](uint32_t first, uint32_t count) {
     for (uint32_t k = 0; k < count; ++k) fill(&pass[k], batch_[first + k]);
     pass.add(count);
     for (uint32_t k = 0; k < count; ++k) settle(first + k, pass[k]);
-  }
+  });
 }
 
 void Update::fill(es_acl_batch_item* item, const ace_edit_info& element) {

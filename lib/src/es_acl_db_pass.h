@@ -5,6 +5,7 @@
 #ifndef ES_ACL_SRC_DB_PASS_H_
 #define ES_ACL_SRC_DB_PASS_H_
 
+#include <algorithm>
 #include <cstdint>
 
 #include "es_acl/es_acl.h"
@@ -17,8 +18,12 @@ class Pass {
  public:
   Pass(es_acl_head* acl, bool one_by_one) : acl_(acl), batches_(one_by_one ? nullptr : es_acl_batches) {}
 
-  // How many ACEs go with one step.
-  uint32_t width() const { return batches_ != nullptr ? ES_ACL_BATCH_MAX : 1; }
+  // Calls do_piece(first, count) for n ACEs in pieces of as many as go with one step.
+  template <typename DoPiece>
+  void in_pieces(uint32_t n, DoPiece do_piece) const {
+    const uint32_t width = batches_ != nullptr ? ES_ACL_BATCH_MAX : 1;
+    for (uint32_t first = 0; first < n; first += width) do_piece(first, std::min(width, n - first));
+  }
   es_acl_batch_item& operator[](uint32_t i) { return items_[i]; }
   es_acl_iter position() const { return iter_; }
 

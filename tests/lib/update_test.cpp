@@ -254,8 +254,9 @@ class StoreWithBatches : public Update {
 };
 
 TEST_F(StoreWithBatches, GetsPiecesOfABatch) {
+  static_assert(ES_ACL_BATCH_MAX == 32);
   Aces many;
-  for (uint32_t seq = 101; seq <= 101 + ES_ACL_BATCH_MAX; ++seq) many.push_back({seq, 1});
+  for (uint32_t seq = 101; seq <= 133; ++seq) many.push_back({seq, 1});
   const std::tuple<uint32_t, uint32_t, Lines> rows[] = {
       {0,
        kAdd,
