@@ -159,7 +159,7 @@ ES_ACL_API es_acl_status es_acl_use_db_dll(const char* name);
 typedef struct es_acl_batch_item {
   uint32_t seq;
   uint32_t flag;        /* of an addition: see slot 5 */
-  es_acl_ace* ace;      /* of a search, out: the stored ACE or null; of an addition: the record offered */
+  es_acl_ace* ace;      /* of a search, out: the stored ACE or null; of an addition: the ACE offered */
   es_acl_status status; /* of an addition, out */
 } es_acl_batch_item;
 
@@ -170,9 +170,7 @@ typedef void (*es_acl_batch_fn)(es_acl_head* acl, es_acl_batch_item* items, uint
 
 typedef struct es_acl_batch_table {
   es_acl_batch_fn search; /* as slot 8 */
-  /* As slot 5, but for the records: one that the store keeps it takes by setting `ace` to null; the others, those that were
-   * added among them, stay the caller's. */
-  es_acl_batch_fn add;
+  es_acl_batch_fn add;    /* as slot 5, but the store copies the ACEs: they stay the caller's */
   es_acl_batch_fn remove; /* as slot 7 */
 } es_acl_batch_table;
 

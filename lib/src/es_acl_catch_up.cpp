@@ -173,9 +173,10 @@ uint32_t read_rules(es_acl_head* head, Difference* difference) {
 uint32_t apply_step(es_acl_head* head, uint32_t command, Records& records, bool* changed, bool* complete) {
   if (records.empty()) return 0;
   es_acl_wire_set_name(records.front().acl_name, head->name);
+  const AclUse use(head->name);
   uint32_t added = 0;
-  const uint32_t rc =
-      update_aces(command, records.data(), static_cast<uint32_t>(records.size()), &head, &added, complete);
+  const uint32_t rc = update_aces(use, command, records.data(), static_cast<uint32_t>(records.size()), &head,
+                                  &added, complete);
   if (rc == 0 && (command == ACL_PCX_REMOVE_ACE || added != 0)) *changed = true;
   return rc;
 }

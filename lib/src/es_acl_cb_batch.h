@@ -1,9 +1,10 @@
-// A batch that callbacks are shown, and the records of the rules pool in it that the store has not taken yet.
+// A batch that callbacks are shown, and the copies in it that the store has not taken yet.
 #ifndef ES_ACL_SRC_CB_BATCH_H_
 #define ES_ACL_SRC_CB_BATCH_H_
 
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "es_acl/es_acl_store.h"
 #include "es_acl/es_acl_types.h"
@@ -11,14 +12,14 @@
 
 namespace es_acl {
 
-// Room for n elements, all zero; exists() tells whether there was memory for it. Copies that are left in it go back to
-// the pool with it.
+// Room for n elements, all zero; exists() tells whether there was memory for it. Additions are copied to records of the
+// rules pool, which go back with the batch; a batch that nobody will be shown can name them where they are.
 class EditBatch {
  public:
-  explicit EditBatch(uint32_t n) : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)) {}
+  explicit EditBatch(uint32_t n, bool copies = true)
+      : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)), copies_(copies) {}
   ~EditBatch() {
-    for (uint32_t i = 0; i < size_; ++i)
-      if (owned_ && elements_[i].ace != nullptr) es_acl_free_rules(elements_[i].ace);
+    for (uint32_t i = 0; i < size_ && owned_; ++i) give_back(i);
   }
   EditBatch(const EditBatch&) = delete;
   EditBatch& operator=(const EditBatch&) = delete;
@@ -31,13 +32,16 @@ class EditBatch {
   // A stored ACE that is about to be removed. It stays the store's.
   void show_stored(uint32_t seq, es_acl_ace* stored) { elements_[size_++] = {seq, stored, nullptr, 0}; }
 
-  // A copy of an ACE that is not stored yet. False when the pool has no record for it.
-  bool add_copy(const es_acl_ace& ace, es_acl_ace* old_ace) {
-    es_acl_ace* const copy = es_acl_alloc_rules();
-    if (copy == nullptr) return false;
-    *copy = ace;
-    owned_ = true;
-    elements_[size_++] = {copy->seq, copy, old_ace, old_ace == nullptr ? 1U : 0U};
+  // An ACE that is not stored yet. False when the pool has no record for its copy.
+  bool add(es_acl_ace* ace, es_acl_ace* old_ace) {
+    if (copies_) {
+      es_acl_ace* const copy = es_acl_alloc_rules();
+      if (copy == nullptr) return false;
+      *copy = *ace;
+      ace = copy;
+      owned_ = true;
+    }
+    elements_[size_++] = {ace->seq, ace, old_ace, old_ace == nullptr ? 1U : 0U};
     return true;
   }
 
@@ -47,15 +51,16 @@ class EditBatch {
     size_ = 0;
   }
 
-  // The record is no longer this batch's.
-  es_acl_ace* release(uint32_t i) {
-    es_acl_ace* const ace = elements_[i].ace;
-    elements_[i].ace = nullptr;
-    return ace;
+  // The copy is the store's.
+  void taken(uint32_t i) { elements_[i].ace = nullptr; }
+  // The copy, if it is one, goes back to the pool before the others do.
+  void give_back(uint32_t i) {
+    if (owned_ && elements_[i].ace != nullptr) es_acl_free_rules(std::exchange(elements_[i].ace, nullptr));
   }
 
  private:
   Buffer<ace_edit_info> elements_;
+  const bool copies_;
   uint32_t size_ = 0;
   bool owned_ = false;  // the batch holds copies: the two kinds never mix
 };

@@ -130,8 +130,8 @@ bool update(uint32_t command, const Message& message, const AclUse& use) {
   es_acl_head* head = nullptr;
   uint32_t changed = 0;
   bool complete = message.length % sizeof *records == 0;
-  const uint32_t rc = update_aces(command, records, message.length / static_cast<uint32_t>(sizeof *records),
-                                  &head, &changed, &complete);
+  const uint32_t n = message.length / static_cast<uint32_t>(sizeof *records);
+  const uint32_t rc = update_aces(use, command, records, n, &head, &changed, &complete);
   if (rc != 0) {
     DBG_ERR("%s: es_acl_cpcx_pcx_update_ace failed for ACL: %s Seq: %u", kHandler, records->acl_name,
             first_seq);

@@ -10,6 +10,7 @@
 #include "es_platform/queue.h"
 
 namespace es_acl {
+class AclUse;
 
 // es_acl_cpcx_read_acl(). *head_released says whether the head is gone: a status of 12 alone does not, for
 // the bus may have returned it. *has_read says whether the producer has been asked: a status of 0 alone does not, for
@@ -44,10 +45,10 @@ inline void publish_address(void* address) {
 }
 inline void* published_address() { return __atomic_load_n(&es_acl_global_handle, __ATOMIC_RELAXED); }
 
-// es_acl_cpcx_handle_pcx_update_ace(). *complete becomes false when the store has not taken everything, which a status of
-// 0 does not tell; where nobody wants to know that, the ACL is caught up with.
-es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n, es_acl_head** head,
-                          uint32_t* changed, bool* complete);
+// es_acl_cpcx_handle_pcx_update_ace(), inside a use of the ACL. *complete becomes false when the store has not taken
+// everything, which a status of 0 does not tell.
+es_acl_status update_aces(const AclUse& use, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
+                          es_acl_head** head, uint32_t* changed, bool* complete);
 
 // Applies a pushed change that was kept aside while this thread filled its ACL.
 void apply_kept_message(void* payload, uint32_t length);

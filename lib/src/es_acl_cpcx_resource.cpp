@@ -52,7 +52,7 @@ es_acl_status not_held(uint32_t cancel) {
 }
 
 // Puts a candidate into the batch, unless it is stored already and needs nothing new.
-uint32_t collect(es_acl_head* acl, const es_acl_ace& candidate, EditBatch& batch) {
+uint32_t collect(es_acl_head* acl, es_acl_ace& candidate, EditBatch& batch) {
   es_acl_ace* const stored = es_acl_search_item(acl, candidate.seq);
   if (stored == nullptr) {
     DBG_DETAIL("%s: Update_ace not found: seq: %d", kVerify, static_cast<int>(candidate.seq));
@@ -63,7 +63,7 @@ uint32_t collect(es_acl_head* acl, const es_acl_ace& candidate, EditBatch& batch
       return 0;
     }
   }
-  if (batch.add_copy(candidate, stored)) return 0;
+  if (batch.add(&candidate, stored)) return 0;
   DBG_ERR("%s: Memory cannot be allocated for ace. acl:%s", kVerify, acl->name);
   return ENOMEM;
 }

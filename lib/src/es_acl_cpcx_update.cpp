@@ -13,6 +13,7 @@
 #include "es_acl/es_acl_cpcx.h"
 #include "es_acl/es_acl_store.h"
 #include "es_acl_cb_batch.h"
+#include "es_acl_cb_private.h"
 #include "es_acl_cpcx_private.h"
 #include "es_acl_db_pass.h"
 #include "es_acl_diag.h"
@@ -43,7 +44,7 @@ class Update {
         command_(command),
         records_(records),
         n_(n),
-        batch_(n) {}
+        batch_(n, es_acl_update_notify.get() != nullptr || prints_ || es_acl_batches == nullptr) {}
 
   // *changed, when non-null, is set to 1 when an addition was reported and made.
   uint32_t run(uint32_t* changed);
@@ -71,7 +72,9 @@ class Update {
   es_acl_pcx_acl_ace* records_;
   uint32_t n_;
   bool complete_ = true;
-  EditBatch batch_;  // of the removals first, then of the additions
+  // Of the removals first, then of the additions. Nobody is shown it while there are no callbacks, and a store that offers
+  // batches copies what it is offered.
+  EditBatch batch_;
 };
 
 // The record that the removal scan comes to as the k-th: a removal's first to last, an addition's last to first.
@@ -132,10 +135,10 @@ void Update::remove_all() {
 
 // Puts one record's ACE into the batch of additions, unless it is stored already.
 uint32_t Update::collect(uint32_t i, es_acl_ace* old) {
-  const es_acl_ace& ace = records_[i].ace;
+  es_acl_ace& ace = records_[i].ace;
   if (old != nullptr && es_acl_compare_ace(old, &ace) != 0) return 0;
   BATCH_DETAIL("%s: %s entry %u", kUpdate, old != nullptr ? "Updating" : "Adding", ace.seq);
-  if (batch_.add_copy(ace, old)) return 0;
+  if (batch_.add(&ace, old)) return 0;
   DBG_ERR("%s: Memory cannot be allocated for ace", kUpdate);
   return ENOMEM;
 }
@@ -193,10 +196,10 @@ void Update::fill(es_acl_batch_item* item, const ace_edit_info& element) {
 
 void Update::settle(uint32_t j, const es_acl_batch_item& item) {
   if (item.status == 0) {
-    if (item.ace == nullptr) batch_.release(j);
+    if (item.ace == nullptr) batch_.taken(j);
     return;
   }
-  es_acl_free_rules(batch_.release(j));
+  batch_.give_back(j);
   complete_ = false;
   BATCH_DETAIL("%s: es_acl_add_acl_item_common fail for acl %s sequence %u", kUpdate, acl_->name, item.seq);
 }
@@ -227,8 +230,8 @@ uint32_t Update::run(uint32_t* changed) {
 
 }  // namespace
 
-es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n, es_acl_head** head,
-                          uint32_t* changed, bool* complete) {
+es_acl_status update_aces(const AclUse& use, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
+                          es_acl_head** head, uint32_t* changed, bool* complete) {
   DBG_INFO("Entering %s", kUpdate);
   if (records == nullptr || n == 0 || head == nullptr) {
     DBG_ERR("%s: Invalid arguments", kUpdate);
@@ -236,7 +239,6 @@ es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_
     return EINVAL;
   }
   records->acl_name[ES_ACL_NAME_MAX] = '\0';
-  const AclUse use(records->acl_name);
   es_acl_head* const acl = es_acl_lookup_internal(records->acl_name);
   if (acl == nullptr || use.leaving()) {
     DBG_ERR("%s: acl lookup failed", kUpdate);
@@ -246,11 +248,7 @@ es_acl_status update_aces(uint32_t command, es_acl_pcx_acl_ace* records, uint32_
   *head = acl;
   Update update(acl, command, records, n);
   const uint32_t rc = update.run(changed);
-  if (update.complete()) return rc;
-  if (complete != nullptr)
-    *complete = false;
-  else if (!use.leaving())
-    sync_missed(acl->name);
+  if (!update.complete()) *complete = false;
   return rc;
 }
 
@@ -260,5 +258,11 @@ using namespace es_acl;
 
 es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
                                                 es_acl_head** head, uint32_t* changed) {
-  return update_aces(command, records, n, head, changed, nullptr);
+  const bool named = records != nullptr && n != 0;
+  if (named) records->acl_name[ES_ACL_NAME_MAX] = '\0';
+  const AclUse use(named ? records->acl_name : nullptr);
+  bool complete = true;
+  const uint32_t rc = update_aces(use, command, records, n, head, changed, &complete);
+  if (!complete && !use.leaving()) sync_missed((*head)->name);
+  return rc;
 }
