@@ -45,6 +45,7 @@ using shared_word = std::atomic_ref<uint64_t>;
 
 constexpr size_t kWords = sizeof(trace_record) / sizeof(uint64_t);
 constexpr uint64_t kOwned = 1;
+constexpr size_t kValueWord = offsetof(trace_record, values) / sizeof(uint64_t);
 // What makes two records of a unique buffer equal begins here.
 constexpr size_t kContentWord = offsetof(trace_record, operation) / sizeof(uint64_t);
 
@@ -59,20 +60,23 @@ uint32_t this_thread() {
 
 constexpr size_t kLongestText = 64;
 
-// Copies at most `longest` characters to zero-filled memory.
-void copy_cut(char* to, const char* from, size_t longest) {
+// Copies at most `longest` characters and fills the field up with zeros.
+template <size_t kSize>
+void copy_cut(char (&to)[kSize], const char* from, size_t longest = kSize - 1) {
   if (from == nullptr) from = "(null)";
-  std::memcpy(to, from, strnlen(from, longest));
+  std::strncpy(to, from, longest);
+  std::memset(to + longest, 0, kSize - longest);
 }
 
 class draft {
  public:
-  draft(const char* operation, const char* event) : record_{} {
+  draft(const char* operation, const char* event) {
     record_.time_ns = clock_now_ns();
     record_.thread = this_thread();
+    record_.hash = 0;
     record_.count = 1;
-    copy_cut(record_.operation, operation, sizeof record_.operation - 1);
-    copy_cut(record_.event, event, sizeof record_.event - 1);
+    copy_cut(record_.operation, operation);
+    copy_cut(record_.event, event);
   }
 
   void set_named(const char* text, uint64_t a, uint64_t b) {
@@ -80,15 +84,18 @@ class draft {
     copy_cut(record_.named.text, text, kLongestText);
     record_.named.values[0] = a;
     record_.named.values[1] = b;
+    used_ = kWords;
   }
 
   void set_values(std::initializer_list<uint64_t> values) {
     record_.payload = static_cast<uint32_t>(values.size());
     std::copy(values.begin(), values.end(), record_.values);
+    used_ = kValueWord + values.size();
   }
 
   void write_to(rlog_ctx* ctx) {
     if (ctx->unique) {
+      fill_up();
       add_unique(ctx);
     } else {
       append(ctx);
@@ -96,13 +103,20 @@ class draft {
   }
 
  private:
+  // A unique buffer compares whole records.
+  void fill_up() {
+    const size_t used = used_ * sizeof(uint64_t);
+    std::memset(reinterpret_cast<char*>(&record_) + used, 0, sizeof record_ - used);
+    used_ = kWords;
+  }
   void append(rlog_ctx* ctx);
   void add_unique(rlog_ctx* ctx);
   bool counted_up_in(trace_record& place) const;
   void store_in(trace_record& place, uint64_t final_ticket);
   void words(uint64_t (&to)[kWords]) const { std::memcpy(to, &record_, sizeof record_); }
 
-  trace_record record_;
+  trace_record record_;  // the first `used_` words of it
+  size_t used_ = 0;
 };
 
 // Owns the record when it is complete and older than `ticket`; -1 is no answer here, the caller drops its
@@ -118,10 +132,13 @@ bool own(trace_record& place, uint64_t ticket) {
 void drop(rlog_ctx* ctx) { shared_word(ctx->body->dropped).fetch_add(1, std::memory_order_relaxed); }
 
 void draft::store_in(trace_record& place, uint64_t final_ticket) {
-  uint64_t from[kWords];
-  words(from);
+  const auto* from = reinterpret_cast<const char*>(&record_);
   auto* to = reinterpret_cast<uint64_t*>(&place);
-  for (size_t i = 1; i < kWords; ++i) shared_word(to[i]).store(from[i], std::memory_order_release);
+  for (size_t i = 1; i < used_; ++i) {
+    uint64_t word;
+    std::memcpy(&word, from + i * sizeof word, sizeof word);
+    shared_word(to[i]).store(word, std::memory_order_release);
+  }
   shared_word(place.ticket).store(final_ticket, std::memory_order_release);
 }
 
