@@ -17,7 +17,7 @@ namespace es_platform::bus {
 namespace {
 
 constexpr int kBacklog = 512;
-constexpr int kSendBuffer = 1 << 20;
+constexpr int kSendBuffer = 256 << 10;
 constexpr mode_t kSocketMode = 0660;
 
 int fill_address(const std::string& path, sockaddr_un* out) {
