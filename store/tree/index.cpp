@@ -61,6 +61,7 @@ void SeqIndex::find(const es_acl_batch_item* items, uint32_t n, Place* places) n
     for (uint32_t i = 0; i != n; ++i) places[i] = find(items[i].seq, ES_ACL_FORWARD, nullptr);
     return;
   }
+  moved_leaf_ = nullptr;
   void* nodes[ES_ACL_BATCH_MAX];
   std::fill_n(nodes, n, root_);
   for (unsigned depth = 0; depth != height_; ++depth) {
@@ -86,10 +87,11 @@ inline SeqIndex::Place SeqIndex::kept(uint32_t seq) const noexcept {
   if (kept_.empty()) return {};
   const Kept& row = kept_[row_of(seq)];
   if (row.seq != seq || row.leaf == nullptr) return {};
-  if (row.leaf->holds(seq, row.pos)) return {row.leaf, row.pos, true};
-  if (row.leaf->parts(seq, row.pos)) return {row.leaf, row.pos, false};
+  uint32_t pos = row.pos + (row.leaf == moved_leaf_ ? moved_ : 0);
+  if (row.leaf->holds(seq, pos)) return {row.leaf, pos, true};
+  if (row.leaf->parts(seq, pos)) return {row.leaf, pos, false};
   if (!row.leaf->spans(seq)) return {};
-  const uint32_t pos = row.leaf->lower_bound(seq);
+  pos = row.leaf->lower_bound(seq);
   return {row.leaf, pos, row.leaf->holds(seq, pos)};
 }
 
@@ -174,6 +176,7 @@ SeqIndex::Place SeqIndex::insert(Place place, uint32_t seq, SlotId slot) noexcep
     }
   }
   place.leaf->insert_at(place.pos, seq, slot);
+  note_move(place.leaf, 1);
   return {place.leaf, place.pos, true};
 }
 
@@ -233,6 +236,7 @@ SeqIndex::Place SeqIndex::erase(Place place, SlotPool& pool) noexcept {
   Leaf* leaf = place.leaf;
   const uint32_t seq = leaf->keys[place.pos];
   leaf->erase_at(place.pos);
+  note_move(leaf, -1);
   // The inner nodes still lead to where the number was.
   if (height_ != 0 && leaf->scarce()) repair(path_to(seq), pool);
   return {leaf, place.pos, false};

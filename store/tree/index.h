@@ -107,6 +107,10 @@ class SeqIndex {
   size_t row_of(uint32_t seq) const noexcept { return (seq * 2654435769u >> 16) & (kept_.size() - 1); }
 
   Place kept(uint32_t seq) const noexcept;
+  void note_move(Leaf* leaf, uint32_t by) noexcept {
+    moved_ = leaf == moved_leaf_ ? moved_ + by : by;
+    moved_leaf_ = leaf;
+  }
   Leaf* leaf_for(uint32_t seq) const noexcept;
   Leaf* leaf_to_change(uint32_t seq, es_acl_iter hint) const noexcept;
   Path path_to(uint32_t seq) const noexcept;
@@ -133,8 +137,11 @@ class SeqIndex {
   unsigned height_ = 0;  // inner levels above the leaves
   Leaf* leftmost_ = nullptr;
   Leaf* last_ = nullptr;
-  Path path_{};                 // of the last prepare()
-  std::vector<Kept> kept_;      // empty until there have been two leaves
+  Path path_{};             // of the last prepare()
+  std::vector<Kept> kept_;  // empty until there have been two leaves
+  // How far what lies behind the last change has moved in its leaf, since other leaves were changed.
+  Leaf* moved_leaf_ = nullptr;
+  uint32_t moved_ = 0;
   SlabArray<Leaf> numbered_;    // every leaf there ever was
   Leaf* spare_leaf_ = nullptr;  // chained by next, empty
   Inner* spare_inner_ = nullptr;

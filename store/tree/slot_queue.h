@@ -26,7 +26,7 @@ class SlotQueue {
  public:
   // How long a retired slot waits; and how long at least when so many wait.
   static constexpr uint32_t kGraceMs = 3000;
-  static constexpr uint32_t kShortGraceMs = 100;
+  static constexpr uint32_t kShortGraceMs = 30;
   static constexpr uint32_t kManyWaiting = 1 << 16;
 
   SlotQueue() = default;
