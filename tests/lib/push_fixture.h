@@ -108,7 +108,7 @@ inline Bytes deliver(uint32_t type, const Bytes& message) {
   free(payload);
   EXPECT_EQ(length, answer == nullptr ? 0U : 176U);
   const auto* const bytes = static_cast<uint8_t*>(answer);
-  const Bytes copy(bytes, bytes + length);
+  Bytes copy(bytes, bytes + length);
   free(answer);
   return copy;
 }
