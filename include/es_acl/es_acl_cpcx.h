@@ -52,7 +52,8 @@ ES_ACL_API void es_acl_cpcx_handler(uint64_t context, uint32_t mtype, void* payl
 
 /* Applies one pushed batch of n records (1 and up) in host byte order, all of the first one's ACL: command
  * ACL_PCX_ADD_ACE or ACL_PCX_REMOVE_ACE. Reports to the update callbacks first, then changes the list, ACE by ACE.
- * Records whose ACE is stored already, byte for byte, get sequence number 0 (with ES_ACL_MODIFY_DELETE_AND_ADD).
+ * Records whose ACE is stored already, byte for byte, get sequence number 0 (with ES_ACL_MODIFY_DELETE_AND_ADD), and
+ * the `private_data` of those that are added may be cleared.
  *
  *   head     receives the ACL as soon as it is found; stays as it was otherwise
  *   changed  set to 1 when an addition was reported and made; may be null

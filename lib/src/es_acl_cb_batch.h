@@ -16,8 +16,7 @@ namespace es_acl {
 // rules pool, which go back with the batch; a batch that nobody will be shown can name them where they are.
 class EditBatch {
  public:
-  explicit EditBatch(uint32_t n, bool copies = true)
-      : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)), copies_(copies) {}
+  explicit EditBatch(uint32_t n) : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)) {}
   ~EditBatch() {
     for (uint32_t i = 0; i < size_ && owned_; ++i) give_back(i);
   }
@@ -45,10 +44,11 @@ class EditBatch {
     return true;
   }
 
-  // Empties a batch of stored ACEs for its next use.
-  void clear() {
+  // Empties a batch of stored ACEs. The additions that come next are named where they are when nobody is shown them.
+  void begin_additions(bool shown) {
     std::memset(elements_.get(), 0, size_ * sizeof(ace_edit_info));
     size_ = 0;
+    copies_ = shown;
   }
 
   // The copy is the store's.
@@ -60,7 +60,7 @@ class EditBatch {
 
  private:
   Buffer<ace_edit_info> elements_;
-  const bool copies_;
+  bool copies_ = true;
   uint32_t size_ = 0;
   bool owned_ = false;  // the batch holds copies: the two kinds never mix
 };

@@ -40,11 +40,12 @@ class Update {
  public:
   Update(es_acl_head* acl, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n)
       : prints_(debug_enabled(ES_ACL_DBG_INFO) != nullptr || debug_enabled(ES_ACL_DBG_DETAIL) != nullptr),
+        batches_(prints_ ? nullptr : es_acl_batches),
         acl_(acl),
         command_(command),
         records_(records),
         n_(n),
-        batch_(n, es_acl_update_notify.get() != nullptr || prints_ || es_acl_batches == nullptr) {}
+        batch_(n) {}
 
   // *changed, when non-null, is set to 1 when an addition was reported and made.
   uint32_t run(uint32_t* changed);
@@ -66,13 +67,14 @@ class Update {
   void settle(uint32_t j, const es_acl_batch_item& item);
   void add_all();
 
-  const bool prints_;  // lines about single ACEs
+  const bool prints_;                        // lines about single ACEs
+  const es_acl_batch_table* const batches_;  // null: one ACE at a time
   es_acl_head* acl_;
   uint32_t command_;
   es_acl_pcx_acl_ace* records_;
   uint32_t n_;
   bool complete_ = true;
-  // Of the removals first, then of the additions. Nobody is shown it while there are no callbacks, and a store that offers
+  // Of the removals first, then of the additions. While there are no callbacks nobody is shown it, and a store that offers
   // batches copies what it is offered.
   EditBatch batch_;
 };
@@ -107,7 +109,7 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
 // Several records are looked for before the first of them is looked at: what the store has found is mostly not in the
 // caches yet, and is fetched side by side.
 void Update::scan_for_removals() {
-  Pass pass(acl_, prints_);
+  Pass pass(acl_, batches_);
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     look_for(&pass, first, count);
     for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), pass[k].ace);
@@ -125,7 +127,7 @@ uint32_t Update::report_removals() {
 }
 
 void Update::remove_all() {
-  Pass pass(acl_, prints_);
+  Pass pass(acl_, batches_);
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     for (uint32_t k = 0; k < count; ++k) pass[k].seq = records_[first + k].ace.seq;
     BATCH_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(first), pass[0].seq);
@@ -161,8 +163,8 @@ uint32_t Update::collect_piece(Pass* pass, uint32_t first, uint32_t count) {
 }
 
 uint32_t Update::collect_additions() {
-  batch_.clear();
-  Pass pass(acl_, prints_);
+  batch_.begin_additions(es_acl_update_notify.get() != nullptr || batches_ == nullptr);
+  Pass pass(acl_, batches_);
   uint32_t rc = 0;
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     if (rc == 0) rc = collect_piece(&pass, first, count);
@@ -179,7 +181,7 @@ uint32_t Update::report_additions() {
 // A record is the store's once added, unless it says otherwise; what the store refuses goes back to the pool, and the
 // others are added all the same.
 void Update::add_all() {
-  Pass pass(acl_, prints_);
+  Pass pass(acl_, batches_);
   pass.in_pieces(batch_.size(), [&](uint32_t first, uint32_t count) {
     for (uint32_t k = 0; k < count; ++k) fill(&pass[k], batch_[first + k]);
     pass.add(count);

@@ -16,7 +16,8 @@ namespace es_acl {
 
 class Pass {
  public:
-  Pass(es_acl_head* acl, bool one_by_one) : acl_(acl), batches_(one_by_one ? nullptr : es_acl_batches) {}
+  // `batches` is what the store offers, or null where something is to be done between the steps.
+  Pass(es_acl_head* acl, const es_acl_batch_table* batches) : acl_(acl), batches_(batches) {}
 
   // Calls do_piece(first, count) for n ACEs in pieces of as many as go with one step.
   template <typename DoPiece>

@@ -21,16 +21,10 @@
 #include <utility>
 #include <vector>
 
+#include "asan.h"
 #include "log.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define POOL_POISONS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define POOL_POISONS 1
-#endif
-#endif
-#ifdef POOL_POISONS
+#if ES_PLATFORM_ASAN
 #include <sanitizer/asan_interface.h>
 #else
 #define ASAN_POISON_MEMORY_REGION(address, size) (static_cast<void>(address), static_cast<void>(size))

@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "bus/unix_socket.h"
 #include "bus_fixture.h"
 
 namespace bus_test {
@@ -230,9 +231,9 @@ TEST_F(BusPush, LoneMessagesDoNotWait) {
 
 // Messages that a socket like the bus's takes while nobody reads.
 size_t socket_room(const std::string& message) {
-  int fds[2], size = 1 << 20;
+  int fds[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &es_platform::bus::kSendBuffer, sizeof(int));
   size_t count = 0;
   while (send(fds[0], message.data(), message.size(), MSG_DONTWAIT) > 0) ++count;
   for (const int fd : fds) close(fd);

@@ -320,4 +320,13 @@ TEST_F(Untold, NothingIsCopiedForNobody) {
   EXPECT_EQ(changed_, 1U);
 }
 
+TEST_F(Untold, WhatTheStoreKeepsIsACopy) {
+  print_lines(1);
+  EXPECT_EQ(apply(kAdd, {{60, 6}}), 0U);
+  print_lines(0);
+  es_acl_offer_batches(nullptr);
+  EXPECT_EQ(apply(kAdd, {{61, 7}}), 0U);
+  EXPECT_EQ(log_of("pool_take"), (Lines{kTake, kTake}));
+}
+
 }  // namespace

@@ -13,11 +13,12 @@
 #include <thread>
 #include <vector>
 
+#include "asan.h"
 #include "es_platform/pool.h"
 #include "es_platform/process.h"
 #include "es_platform/schema.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if ES_PLATFORM_ASAN
 #include <sanitizer/asan_interface.h>
 #endif
 
@@ -29,7 +30,7 @@ owned_pool make(uint32_t size, uint32_t per_chunk) {
   return {pool_create("test", size, per_chunk, 0x101, 0, 0), pool_destroy};
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if ES_PLATFORM_ASAN
 TEST(Pool, AFreeElementIsPoisoned) {
   const owned_pool from = make(80, 10);
   void* element = pool_take(from.get());

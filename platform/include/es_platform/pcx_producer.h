@@ -5,8 +5,8 @@
  * publishes names, answers requests, and pushes writes to the consumers that registered a name.
  *
  * One service thread per producer accepts connections, answers requests (it calls the `read` operation) and writes out
- * what has been pushed; a small message that comes alone, and 64 KiB of a burst, are written by the thread that pushes. No
- * operation here ever waits for one consumer: pushes are queued, at most `queue_limit` bytes a consumer; when a queue overflows that
+ * what has been pushed; a small message that comes alone, and large pieces of a burst, are written by the thread that pushes.
+ * No operation here ever waits for one consumer: pushes are queued, at most `queue_limit` bytes a consumer; when a queue overflows that
  * consumer's event connection is closed, with a log line and a count, and it will connect and register again. What was
  * pushed in between is not repeated. */
 #ifndef ES_PLATFORM_PCX_PRODUCER_H_

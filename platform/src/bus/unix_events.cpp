@@ -8,22 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "asan.h"
 #include "bus/dispatcher.h"
 #include "bus/settings.h"
 #include "bus/unix_requests.h"
 #include "es_platform/pcx.h"
 #include "log.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define BUS_EXACT_PAYLOADS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define BUS_EXACT_PAYLOADS 1
-#endif
-#endif
-#ifndef BUS_EXACT_PAYLOADS
-#define BUS_EXACT_PAYLOADS 0
-#endif
 
 namespace es_platform::bus {
 
@@ -289,7 +279,7 @@ bool UnixEvents::handle_frames(uint64_t now_ns) {
 // size, so that a handler that reads past its message is caught.
 void UnixEvents::deliver(const FrameHeader& header, char* payload) {
   void* message = header.length != 0 ? payload : nullptr;
-#if BUS_EXACT_PAYLOADS
+#if ES_PLATFORM_ASAN
   const std::unique_ptr<void, decltype(&std::free)> exact(std::malloc(header.length), &std::free);
   if (message != nullptr && exact != nullptr) message = std::memcpy(exact.get(), payload, header.length);
 #endif

@@ -17,7 +17,6 @@ namespace es_platform::bus {
 namespace {
 
 constexpr int kBacklog = 512;
-constexpr int kSendBuffer = 256 << 10;
 constexpr mode_t kSocketMode = 0660;
 
 int fill_address(const std::string& path, sockaddr_un* out) {
@@ -47,8 +46,6 @@ void advance(iovec*& parts, int& count, size_t bytes) {
   }
 }
 
-// How much may be under way towards the other end, who has no buffer of its own. The kernel caps it by
-// itself.
 void size_send_buffer(int fd) { setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer); }
 
 bool would_block(int error) { return error == EAGAIN || error == EWOULDBLOCK; }

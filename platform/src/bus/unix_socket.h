@@ -14,6 +14,9 @@
 
 namespace es_platform::bus {
 
+// How much may be under way towards the other end, who has no buffer of its own. The kernel caps it by itself.
+inline constexpr int kSendBuffer = 256 << 10;
+
 // An owned descriptor.
 class Fd {
  public:
