@@ -17,6 +17,7 @@ constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstConnectionId = 2;
 constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back when they rest
 constexpr int kEventsAtOnce = 64;
 constexpr uint64_t kPauseNs = 30'000;
+constexpr uint64_t kBurstPauseNs = 100'000;  // two or three times what a large piece takes to come together
 
 constexpr FrameKinds kRequestKinds = frame_kinds(FrameKind::read, FrameKind::lookup, FrameKind::ping);
 constexpr FrameKinds kEventKinds = frame_kinds(FrameKind::subscribe, FrameKind::unsubscribe, FrameKind::mark,
@@ -330,7 +331,7 @@ void UnixServer::flush_woken() try {
   std::erase_if(woken_, [&](uint64_t id) {
     UnixConnection* connection = connections_.find(id);
     if (connection == nullptr) return true;
-    if (connection->sink->wrote_since(now_ns - kPauseNs)) return false;
+    if (connection->sink->wrote_since(now_ns - kBurstPauseNs)) return false;
     connection->sink->woken();
     flush_events(*connection);
     return true;

@@ -141,7 +141,7 @@ int UnixSink::write_locked() {
   const int error = writing_.flush(fd_, &written);
   queued_ -= written;
   const uint64_t now_ns = pace_.wrote();
-  if (large && written != 0) pushed_out_ns_.store(now_ns, std::memory_order_relaxed);
+  if (large) pushed_out_ns_.store(now_ns, std::memory_order_relaxed);
   return error;
 }
 

@@ -79,7 +79,7 @@ class UnixSink final : public EventSink {
   bool beat();
   // It has been taken from the wake list, and may be added again.
   void woken();
-  // Whoever pushes has made a large write at or after that time, and probably goes on.
+  // Whoever pushes has come to a large write at or after that time, taken by the socket or not, and probably goes on.
   bool wrote_since(uint64_t time_ns) const noexcept {
     return pushed_out_ns_.load(std::memory_order_relaxed) >= time_ns;
   }
