@@ -18,7 +18,7 @@ class EditBatch {
  public:
   explicit EditBatch(uint32_t n) : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)) {}
   ~EditBatch() {
-    for (uint32_t i = 0; i < size_ && owned_; ++i) give_back(i);
+    for (uint32_t i = 0; i < size_; ++i) give_back(i);
   }
   EditBatch(const EditBatch&) = delete;
   EditBatch& operator=(const EditBatch&) = delete;
@@ -31,6 +31,13 @@ class EditBatch {
   // A stored ACE that is about to be removed. It stays the store's.
   void show_stored(uint32_t seq, es_acl_ace* stored) { elements_[size_++] = {seq, stored, nullptr, 0}; }
 
+  // Before the first addition; a batch of stored ACEs is emptied. Additions that nobody is shown are named where they are.
+  void begin_additions(bool shown) {
+    std::memset(elements_.get(), 0, size_ * sizeof(ace_edit_info));
+    size_ = 0;
+    copies_ = shown;
+  }
+
   // An ACE that is not stored yet. False when the pool has no record for its copy.
   bool add(es_acl_ace* ace, es_acl_ace* old_ace) {
     if (copies_) {
@@ -38,31 +45,22 @@ class EditBatch {
       if (copy == nullptr) return false;
       *copy = *ace;
       ace = copy;
-      owned_ = true;
     }
     elements_[size_++] = {ace->seq, ace, old_ace, old_ace == nullptr ? 1U : 0U};
     return true;
-  }
-
-  // Empties a batch of stored ACEs. The additions that come next are named where they are when nobody is shown them.
-  void begin_additions(bool shown) {
-    std::memset(elements_.get(), 0, size_ * sizeof(ace_edit_info));
-    size_ = 0;
-    copies_ = shown;
   }
 
   // The copy is the store's.
   void taken(uint32_t i) { elements_[i].ace = nullptr; }
   // The copy, if it is one, goes back to the pool before the others do.
   void give_back(uint32_t i) {
-    if (owned_ && elements_[i].ace != nullptr) es_acl_free_rules(std::exchange(elements_[i].ace, nullptr));
+    if (copies_ && elements_[i].ace != nullptr) es_acl_free_rules(std::exchange(elements_[i].ace, nullptr));
   }
 
  private:
   Buffer<ace_edit_info> elements_;
-  bool copies_ = true;
   uint32_t size_ = 0;
-  bool owned_ = false;  // the batch holds copies: the two kinds never mix
+  bool copies_ = false;  // the elements are additions, and copies
 };
 
 }  // namespace es_acl

@@ -260,9 +260,7 @@ using namespace es_acl;
 
 es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
                                                 es_acl_head** head, uint32_t* changed) {
-  const bool named = records != nullptr && n != 0;
-  if (named) records->acl_name[ES_ACL_NAME_MAX] = '\0';
-  const AclUse use(named ? records->acl_name : nullptr);
+  const AclUse use(records != nullptr && n != 0 ? records->acl_name : nullptr);
   bool complete = true;
   const uint32_t rc = update_aces(use, command, records, n, head, changed, &complete);
   if (!complete && !use.leaving()) sync_missed((*head)->name);

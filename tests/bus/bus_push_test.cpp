@@ -233,7 +233,8 @@ TEST_F(BusPush, LoneMessagesDoNotWait) {
 size_t socket_room(const std::string& message) {
   int fds[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &es_platform::bus::kSendBuffer, sizeof(int));
+  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &es_platform::bus::kSendBuffer,
+             sizeof es_platform::bus::kSendBuffer);
   size_t count = 0;
   while (send(fds[0], message.data(), message.size(), MSG_DONTWAIT) > 0) ++count;
   for (const int fd : fds) close(fd);

@@ -66,7 +66,9 @@ class Update : public PushTest {
  protected:
   void SetUp() override {
     PushTest::SetUp();
-    if (told_) es_acl_register_update_callback(on_update, &client_);
+    if (told_) {
+      ASSERT_EQ(es_acl_register_update_callback(on_update, &client_), 0U);
+    }
     head_ = hold(kStored);
   }
 

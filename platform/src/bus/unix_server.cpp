@@ -331,7 +331,7 @@ void UnixServer::flush_woken() try {
   std::erase_if(woken_, [&](uint64_t id) {
     UnixConnection* connection = connections_.find(id);
     if (connection == nullptr) return true;
-    if (connection->sink->wrote_since(now_ns - kBurstPauseNs)) return false;
+    if (connection->sink->tried_since(now_ns - kBurstPauseNs)) return false;
     connection->sink->woken();
     flush_events(*connection);
     return true;

@@ -80,7 +80,7 @@ class UnixSink final : public EventSink {
   // It has been taken from the wake list, and may be added again.
   void woken();
   // Whoever pushes has come to a large write at or after that time, taken by the socket or not, and probably goes on.
-  bool wrote_since(uint64_t time_ns) const noexcept {
+  bool tried_since(uint64_t time_ns) const noexcept {
     return pushed_out_ns_.load(std::memory_order_relaxed) >= time_ns;
   }
   // Writes what the socket takes; *rest tells whether something is left. 0 or an errno value, here or when a
