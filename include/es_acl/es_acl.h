@@ -131,9 +131,9 @@ ES_ACL_API void es_acl_release(const es_acl_handle_list* handles);
 
 /* --- Walking. No lock, no call into the store; any thread that holds the handle. ---
  *
- * A walk may run while this process changes the list: each step sees the list as it then is. A node removed meanwhile
- * keeps its links and its ACE for a grace time (docs/store.md); a walk that stands on it longer may find another ACE of
- * the same ACL there, but always valid memory, as long as the handle is held. */
+ * A walk may run while this process changes the list: each step sees the list as it then is. A node removed after a
+ * walk has got to it keeps its links and its ACE for a grace time (docs/store.md); a walk that stands on it longer may
+ * find another ACE of the same ACL there, but always valid memory, as long as the handle is held. */
 
 /* First node, or null for an empty list. */
 ES_ACL_API es_acl_ace_node* es_get_first_ace(es_acl_head* acl);

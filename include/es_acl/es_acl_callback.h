@@ -41,7 +41,8 @@
 /* What an update callback is told about. */
 enum { ACL_ADD_ACE = 0, ACL_REMOVE_ACE = 1 };
 
-/* ACEs are about to be added or removed; the list is still as it was. A non-zero result refuses the batch: the
+/* ACEs are about to be added or removed; the list is still as it was. The batch, and new ACEs in it, are there until the
+ * callback returns; stored ones stay as they are for the grace time that a walk counts on (es_acl.h). A non-zero result refuses the batch: the
  * callbacks behind it are not asked, nothing is stored, and the copy then differs from the producer's list until what was
  * refused has been offered again and taken (es_acl_sync.h).
  *

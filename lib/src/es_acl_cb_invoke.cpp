@@ -8,6 +8,7 @@
 #include "es_acl/es_acl_store.h"
 #include "es_acl_cb_private.h"
 #include "es_acl_diag.h"
+#include "es_db_private.h"
 
 namespace es_acl {
 namespace {
@@ -16,7 +17,7 @@ bool is_failure(uint32_t result) { return result != 0; }
 bool is_yes(uint32_t answer) { return answer == 1; }
 
 // Entry line and argument check of the two operations that show a batch. False: *status is the answer already.
-bool may_show_batch(const char* operation, const es_acl_head* acl, const list_registry* registry,
+bool may_show_batch(const char* operation, es_acl_head* acl, const list_registry* registry,
                     es_acl_status* status) {
   DBG_INFO("Entering : %s", operation);
   *status = 0;
@@ -24,7 +25,10 @@ bool may_show_batch(const char* operation, const es_acl_head* acl, const list_re
     DBG_ERR("%s: Invalid acl", operation);
     *status = EINVAL;
   }
-  if (acl != nullptr && registry != nullptr) return true;
+  if (acl != nullptr && registry != nullptr) {
+    begin_look(acl);
+    return true;
+  }
   trace(operation, acl == nullptr ? "invalid arguments" : "no registry", EINVAL);
   return false;
 }

@@ -8,6 +8,7 @@
 #include "es_acl/es_acl.h"
 #include "es_acl/es_acl_store.h"
 #include "es_acl_diag.h"
+#include "es_db_private.h"
 
 namespace es_acl {
 namespace {
@@ -21,6 +22,15 @@ bool is_end(const es_acl_head* acl, const es_acl_ace_node* node) {
   return load(node->element) == acl->ace_end;
 }
 
+// The node that the link leads to. The store knows of it before the caller does.
+es_acl_ace_node* follow(es_acl_head* acl, es_acl_ace_node* const& link) {
+  for (;;) {
+    const uint32_t look = begin_look(acl);
+    es_acl_ace_node* const node = load(link);
+    if (is_look(acl, look)) return node;
+  }
+}
+
 }  // namespace
 }  // namespace es_acl
 
@@ -31,13 +41,13 @@ es_acl_ace_node* es_get_first_ace(es_acl_head* acl) {
     trace(__func__, "null handle", EINVAL);
     return nullptr;
   }
-  es_acl_ace_node* node = load(acl->ace_first);
+  es_acl_ace_node* node = follow(acl, acl->ace_first);
   return node == nullptr || is_end(acl, node) ? nullptr : node;  // a snapshot has no list
 }
 
 es_acl_ace_node* es_get_next_ace(es_acl_head* acl, es_acl_ace_node* node) {
   if (acl == nullptr || node == nullptr || is_end(acl, node)) return nullptr;
-  return load(node->next);
+  return follow(acl, node->next);
 }
 
 es_acl_ace* es_get_ace_data(es_acl_head* acl, es_acl_ace_node* node) {

@@ -28,7 +28,9 @@ Acl::Acl(std::string_view title) noexcept : es_acl_head{} {
 
 Acl::~Acl() { pthread_mutex_destroy(&lock); }
 
+// Who goes ACE by ACE may look at what a search gave until long after the next change; who goes by batches, until then.
 es_acl_status Acl::add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
+  note_look();
   const es_acl_status status = put(*offered, seq, flag, iter);
   if (status == 0) es_acl_free_rules(offered);
   return status;
@@ -72,21 +74,34 @@ void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq
   store(slot, offered, seq);
   link(slots_.node(slot), gone->aux, gone->next);
   place.leaf->values[place.pos] = slot;
-  slots_.retire(old);
+  retire(old, place);
 }
 
 void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
+  note_look();
+  take_out(seq, direction, iter);
+}
+
+void Acl::take_out(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
   SeqIndex::Place place = index_.find_kept(seq, direction, iter != nullptr ? *iter : nullptr);
   if (place.found) {
     const SlotId slot = place.leaf->values[place.pos];
     es_acl_ace_node* gone = slots_.node(slot);
     gone->next->aux = gone->aux;
     publish(&gone->aux->next, gone->next);
+    retire(slot, place);
     place = index_.erase(place, slots_);
-    slots_.retire(slot);
     set_count(ace_count - 1);
   }
   if (iter != nullptr) *iter = SeqIndex::word(place);
+}
+
+// A slot that stood at the place. A reader who stands on it goes on to the one behind it.
+void Acl::retire(SlotId slot, SeqIndex::Place place) noexcept {
+  if (slots_.is_known(slot)) {
+    if (const SlotId behind = SeqIndex::slot_behind(place); behind != kNoSlot) slots_.make_known(behind);
+  }
+  slots_.retire(slot);
 }
 
 // Asks for what a change of the place will touch: the nodes around it, and the ACE there.
@@ -102,7 +117,7 @@ inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
 void Acl::remove(const es_acl_batch_item* items, uint32_t n) noexcept {
   es_acl_iter at = nullptr;
   for (const es_acl_batch_item* item = items; item != items + n; ++item)
-    remove(item->seq, ES_ACL_FORWARD, &at);
+    take_out(item->seq, ES_ACL_FORWARD, &at);
 }
 
 void Acl::search(es_acl_batch_item* items, uint32_t n) noexcept {
@@ -115,6 +130,7 @@ void Acl::search(es_acl_batch_item* items, uint32_t n) noexcept {
 }
 
 es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
+  note_look();
   const SeqIndex::Place place = index_.find_kept(seq, direction, iter != nullptr ? *iter : nullptr);
   if (iter != nullptr) *iter = SeqIndex::word(place);
   return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;

@@ -49,6 +49,8 @@ class Acl : public es_acl_head {
 
   es_acl_ace_node* sentinel() noexcept { return reinterpret_cast<es_acl_ace_node*>(&ace_first); }
 
+  // The caller may keep what it sees.
+  void note_look() noexcept { slots_.note_look(); }
   // Calls `visit` with each ACE in order until it returns false.
   template <typename Visit>
   void each(Visit visit) {
@@ -71,9 +73,11 @@ class Acl : public es_acl_head {
   // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
   [[gnu::always_inline]] void prefetch_around(SeqIndex::Place place) const noexcept;
   es_acl_ace_node* node_before(SeqIndex::Place place) noexcept;
+  void take_out(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
+  void retire(SlotId slot, SeqIndex::Place place) noexcept;
   void set_count(uint32_t count) noexcept;
 
-  SlotPool slots_;
+  SlotPool slots_{&looks};
   SeqIndex index_;
   char title_[ES_ACL_NAME_FIELD_SIZE];
 };

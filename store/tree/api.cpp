@@ -119,6 +119,7 @@ es_acl_status resequence(es_acl_head* acl, uint32_t start_seq, uint32_t step, ui
 }
 
 void traverse_list(es_acl_head* acl, es_acl_visitor visitor, va_list* args) {
+  Acl::of(acl)->note_look();
   Acl::of(acl)->each([&](const es_acl_ace* ace) {
     va_list copy;
     va_copy(copy, *args);

@@ -76,6 +76,12 @@ class SeqIndex {
   // returned is good for a position word only.
   Place erase(Place place, SlotPool& pool) noexcept;
 
+  // The slot behind the one at a found place; kNoSlot behind the last.
+  static SlotId slot_behind(const Place& place) noexcept {
+    if (place.pos + 1 != place.leaf->count) return place.leaf->values[place.pos + 1];
+    return place.leaf->next != nullptr ? place.leaf->next->values[0] : kNoSlot;
+  }
+
   Leaf* first_leaf() const noexcept { return leftmost_; }
   // Too large to be in the caches of whoever changes it.
   bool is_high() const noexcept { return height_ > 1; }

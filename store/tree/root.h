@@ -10,7 +10,7 @@ typedef struct es_acl_tree_root {
   uint32_t size;      /* of this record, in bytes: a later version only appends */
   uint32_t version;   /* 1 */
   uint32_t acl_count; /* ACLs in the store */
-  uint32_t grace_ms;  /* how long a removed node and its ACE stay as they are, at least */
+  uint32_t grace_ms;  /* how long a removed node that somebody may know, and its ACE, stay as they are */
 } es_acl_tree_root;
 
 #endif  // ES_ACL_STORE_TREE_ROOT_H_

@@ -1,5 +1,5 @@
 // The slots of one ACL that are not in the list any more: those that may be taken again, and behind them those that
-// have to wait, because a reader without the lock may still look at them.
+// have to wait, because a reader without the lock may still look at them. Which these are the pool knows (slots.h).
 //
 // Slots wait in the order in which they were retired, kBlock to a block, and a block carries one time, that of its last
 // slot. So the clock is looked at once for a block, and what waits is little more than what was retired within the

@@ -11,12 +11,19 @@
 //   - A node's element pointer and an element's ACE pointer are written once, when the slot is carved from
 //   its slab.
 //   - A retired slot keeps its next link and its ACE until a grace time has passed (slot_queue.h); only then may it be
-//   taken again.
+//   taken again. What no reader can have got to may be taken at once, while it is in the caches.
+//
+// Who can have got to what. A reader says so before it follows a link (es_acl_head.looks); and whoever goes ACE by ACE may
+// hold what a search gave (note_look()). Looks cut time into eras: retired slots are gathered, and when they are sorted
+// the era ends if there has been a look in it. So a reader can have got to what was taken before the present era. From a
+// slot that is still in the list it gets on by another look alone. From a retired one it gets to where its next link
+// leads, which therefore is made known when a known slot is retired. Everything else is unknown to all.
 //
 // Not thread-safe: the ACL's lock guards it.
 #ifndef ES_ACL_STORE_TREE_SLOTS_H_
 #define ES_ACL_STORE_TREE_SLOTS_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -35,12 +42,14 @@ struct SlotRun {
 
 class SlotPool {
  public:
+  // `looks` is the head's.
+  explicit SlotPool(uint32_t* looks) noexcept : looks_(*looks) {}
+
   // Slots carved at a time. A leaf takes its slots from runs of its own, so that neighbours in the list are
   // mostly neighbours in memory, even when an ACL is filled in random order; longer runs waste more at the
   // leaf's end.
   static constexpr uint32_t kRunLength = 8;
 
-  SlotPool() = default;
   ~SlotPool();
   SlotPool(const SlotPool&) = delete;
   SlotPool& operator=(const SlotPool&) = delete;
@@ -56,14 +65,22 @@ class SlotPool {
   }
   [[gnu::always_inline]] void prefetch_ace(SlotId id) const noexcept {
     prefetch(ace(id), sizeof(es_acl_ace));
+    __builtin_prefetch(&era_of(id), 1);
   }
 
   // A slot for the leaf whose run this is. Throws std::bad_alloc; nothing has changed then.
   SlotId take(SlotRun& run);
   // The run of a leaf that goes: other leaves may use its slots.
   void put_back(SlotRun& run) noexcept;
-  // A slot that readers may still see.
-  void retire(SlotId id) noexcept { queue_.put_retired(id); }
+  // Whether a reader may have got to the slot, as far as is known.
+  bool is_known(SlotId id) const noexcept { return era_of(id) != era_; }
+  void make_known(SlotId id) noexcept { era_of(id) = kBefore; }
+  void note_look() noexcept { looked_ = true; }
+  // A slot that has left the list. When it is known, the one behind it has been made known.
+  void retire(SlotId id) noexcept {
+    retired_[num_retired_++] = id;
+    if (num_retired_ == kRetired) sort_retired();
+  }
 
   // Memory of all slabs; for tests and figures.
   size_t bytes() const noexcept { return bytes_; }
@@ -76,13 +93,16 @@ class SlotPool {
   struct Slab {
     es_acl_ace_node* nodes;
     Element* elements;
+    uint8_t* eras;  // in which the slots were taken
     size_t bytes;
   };
 
   static constexpr unsigned kPlaceBits = 15;
   static constexpr SlotId kPlaceMask = (1u << kPlaceBits) - 1;
-  static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element);
+  static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element) + sizeof(uint8_t);
   static constexpr uint32_t kAhead = 8;  // how many takes before its own a free slot is asked for
+  static constexpr uint32_t kRetired = 16;
+  static constexpr uint8_t kBefore = 0;  // an era that has ended
   static_assert(kHugePage / kSlotBytes <= kPlaceMask, "a place in a slab has kPlaceBits bits");
 
   // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
@@ -92,7 +112,15 @@ class SlotPool {
     __builtin_prefetch(bytes + size - 1, 1);
   }
   Element* element(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].elements + (id & kPlaceMask); }
+  static size_t slots_in(size_t slab_bytes) noexcept {
+    return slab_bytes / kSlotBytes / kRunLength * kRunLength;
+  }
+  uint8_t& era_of(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].eras[id & kPlaceMask]; }
+  SlotId take_any(SlotRun& run);
   SlotId take_free() noexcept;
+  bool has_been_looked_at() noexcept;
+  void begin_era() noexcept;
+  void sort_retired() noexcept;
   void carve(SlotRun& run);
   void add_slab();
 
@@ -102,6 +130,12 @@ class SlotPool {
   size_t slab_slots_ = 0;  // in the last slab
   size_t slab_used_ = 0;   // carved from it
   SlotQueue queue_;
+
+  const std::atomic_ref<uint32_t> looks_;
+  bool looked_ = false;
+  uint8_t era_ = kBefore + 1;
+  SlotId retired_[kRetired];  // of which it is not decided yet whether they have to wait
+  uint32_t num_retired_ = 0;
 };
 
 }  // namespace es_tree

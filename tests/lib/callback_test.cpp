@@ -44,6 +44,7 @@ struct KindOfCallback {
   Lines before_call = {"trace w"};
   std::string failure = "E: %s: callback func failed <0x5>";
   uint32_t without_registry = 0;
+  bool shows_stored = false;
 };
 void PrintTo(const KindOfCallback& kind, std::ostream* out) { *out << kind.name; }
 
@@ -54,12 +55,14 @@ const KindOfCallback kKinds[] = {
      .invoke = [](es_acl_head* acl) { return es_acl_invoke_update_callback(acl, 7, 2, batch); },
      .call = "on_update(head:edge, 7, 2, batch, CONTEXT)",
      .before_call = {"D: %s Invoking callback function for the acl edge batch 2 action ACL_ADD_ACE",
-                     "trace w"}},
+                     "trace w"},
+     .shows_stored = true},
     {.name = "res_check",
      .add = [](bool f, void* c) { return es_acl_register_res_check_callback(f ? on_check : nullptr, c); },
      .remove = [](void* c) { es_acl_unregister_res_check_callback(on_check, c); },
      .invoke = [](es_acl_head* acl) { return es_acl_invoke_res_check_callback(acl, 2, batch, -1); },
-     .call = "on_check(head:edge, 2, batch, -1, CONTEXT)"},
+     .call = "on_check(head:edge, 2, batch, -1, CONTEXT)",
+     .shows_stored = true},
     {.name = "resequence",
      .add = [](bool f, void* c) { return es_acl_register_resequence_callback(f ? on_reseq : nullptr, c); },
      .remove = [](void* c) { es_acl_unregister_resequence_callback(on_reseq, c); },
@@ -193,6 +196,16 @@ TEST_P(Callbacks, ACallbackUnregistersItself) {
   kind.invoke(acl_);
   kind.invoke(acl_);
   EXPECT_EQ(log_of("on_").size(), 1U);
+}
+
+// What is stored is shown without a lock: the store is told before.
+TEST_P(Callbacks, AreALookAtWhatIsStored) {
+  const KindOfCallback& kind = GetParam();
+  kind.invoke(acl_);
+  EXPECT_EQ(acl_->looks, 0U) << "nobody looks";
+  kind.add(true, nullptr);
+  kind.invoke(acl_);
+  EXPECT_EQ(acl_->looks % 2 != 0, kind.shows_stored);
 }
 
 INSTANTIATE_CASES(Callbacks, kKinds);

@@ -177,4 +177,20 @@ TEST_F(LookupTest, Walk) {
   EXPECT_EQ(log(), Lines{"trace w"});
 }
 
+// The store takes note by making the number even.
+TEST_F(LookupTest, EachStepOfAWalkIsALook) {
+  es_acl_head* const acl = make_acl("edge", {10, 20, 30});
+  EXPECT_EQ(es_acl_search_item(acl, 10)->seq, 10U);
+  EXPECT_EQ(acl->looks, 0U);
+  es_acl_ace_node* node = es_get_first_ace(acl);
+  EXPECT_EQ(acl->looks, 1U);
+  node = es_get_next_ace(acl, node);
+  EXPECT_EQ(acl->looks, 1U);
+  acl->looks = 2;
+  EXPECT_EQ(es_get_ace_data(acl, node)->seq, 20U);
+  EXPECT_EQ(acl->looks, 2U);
+  es_get_next_ace(acl, node);
+  EXPECT_EQ(acl->looks, 3U);
+}
+
 }  // namespace

@@ -41,7 +41,22 @@ es_acl_status despite_failures(Operation operation, Unchanged unchanged) {
   }
 }
 
-// The walk accessors, as the library has them.
+// A step of a walk, as the library's accessors make it: the store is told of it.
+inline Node* follow(es_acl_head* acl, Node* const& link) {
+  for (;;) {
+    uint32_t look = __atomic_load_n(&acl->looks, __ATOMIC_ACQUIRE);
+    if (look % 2 == 0) {
+      if (!__atomic_compare_exchange_n(&acl->looks, &look, look + 1, false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_ACQUIRE))
+        continue;
+      ++look;
+    }
+    Node* const node = __atomic_load_n(&link, __ATOMIC_ACQUIRE);
+    if (__atomic_load_n(&acl->looks, __ATOMIC_RELAXED) == look) return node;
+  }
+}
+
+// The list as it is, for the test's own eyes.
 inline Node* next_of(const Node* node) { return __atomic_load_n(&node->next, __ATOMIC_ACQUIRE); }
 inline Node* first_of(const es_acl_head* acl) { return __atomic_load_n(&acl->ace_first, __ATOMIC_ACQUIRE); }
 inline bool is_end(const es_acl_head* acl, const Node* node) { return node->element == acl->ace_end; }
