@@ -22,13 +22,21 @@ bool is_end(const es_acl_head* acl, const es_acl_ace_node* node) {
   return load(node->element) == acl->ace_end;
 }
 
-// The node that the link leads to. The store knows of it before the caller does.
-es_acl_ace_node* follow(es_acl_head* acl, es_acl_ace_node* const& link) {
-  for (;;) {
-    const uint32_t look = begin_look(acl);
-    es_acl_ace_node* const node = load(link);
-    if (is_look(acl, look)) return node;
-  }
+[[gnu::cold, gnu::noinline]] es_acl_ace_node* follow_anew(es_acl_head* acl, es_acl_ace_node* const& link);
+
+// The node that the link leads to. The store has been told of the look before, and has not taken note of it until after.
+inline es_acl_ace_node* follow(es_acl_head* acl, es_acl_ace_node* const& link) {
+  const std::atomic_ref<uint32_t> looks(acl->looks);
+  const uint32_t look = looks.load(std::memory_order_acquire);
+  es_acl_ace_node* const node = load(link);
+  if (look % 2 != 0 && looks.load(std::memory_order_relaxed) == look) [[likely]]
+    return node;
+  return follow_anew(acl, link);
+}
+
+es_acl_ace_node* follow_anew(es_acl_head* acl, es_acl_ace_node* const& link) {
+  begin_look(acl);
+  return follow(acl, link);
 }
 
 }  // namespace

@@ -76,17 +76,12 @@ inline uint32_t ace_count(es_acl_head* acl) {
   return std::atomic_ref<uint32_t>(acl->ace_count).load(std::memory_order_relaxed);
 }
 
-// Tells the store that somebody is going to know what the list holds; the odd number by which it has been told.
-inline uint32_t begin_look(es_acl_head* acl) {
+// Tells the store that somebody is going to look at the list without the lock.
+inline void begin_look(es_acl_head* acl) {
   const std::atomic_ref<uint32_t> looks(acl->looks);
   uint32_t look = looks.load(std::memory_order_acquire);
   while (look % 2 == 0 && !looks.compare_exchange_weak(look, look + 1, std::memory_order_acq_rel)) {
   }
-  return look | 1;
-}
-// Whether the store still knows of it.
-inline bool is_look(es_acl_head* acl, uint32_t look) {
-  return std::atomic_ref<uint32_t>(acl->looks).load(std::memory_order_relaxed) == look;
 }
 
 }  // namespace es_acl
