@@ -26,8 +26,8 @@
  * es_acl.h). How long, es_acl_head.looks helps to tell. */
 struct es_acl_ace_node {
   es_acl_ace_node* next;
-  es_acl_ace_node* aux; /* the store's own link */
-  void* element;        /* what the node holds; es_acl_head.ace_end in the sentinel */
+  uintptr_t aux; /* the store's own: a link back, for instance */
+  void* element; /* what the node holds; es_acl_head.ace_end in the sentinel */
 };
 
 /* The word of an element that points to its ACE record, counted from 0: the 21st. */
@@ -47,7 +47,7 @@ struct es_acl_head {
   es_acl_entry_queue cb_list; /* deferred notification entries; under `lock` */
   void* store_aux[2];
   es_acl_ace_node* ace_first;    /* store: the sentinel's next link, the first node */
-  es_acl_ace_node* ace_list_aux; /* store: the sentinel's other link */
+  es_acl_ace_node* ace_list_aux; /* store: the sentinel's own word */
   void* ace_end;                 /* store: the sentinel's element word, which ends a walk */
   void* reg_handle;              /* name-service and bus registration, null while there is none */
   pthread_mutex_t lock;          /* store: initialised by get_header */
@@ -176,7 +176,8 @@ typedef struct es_acl_batch_item {
 typedef void (*es_acl_batch_fn)(es_acl_head* acl, es_acl_batch_item* items, uint32_t n);
 
 typedef struct es_acl_batch_table {
-  es_acl_batch_fn search; /* as slot 8; what is found is used no more once the ACL's list has been changed by batches */
+  es_acl_batch_fn
+      search; /* as slot 8; what is found is used no more once the ACL's list has been changed by batches */
   es_acl_batch_fn add;    /* as slot 5, but the store copies the ACEs: they stay the caller's */
   es_acl_batch_fn remove; /* as slot 7 */
 } es_acl_batch_table;

@@ -3,15 +3,15 @@
 // The list is what readers without the lock follow, so every change of it is one release store of a next link
 // into the place where they come by:
 //
-//   insert   the new node gets its links and its ACE first, then its predecessor's next link is set to it
+//   insert   the new node gets its link and its ACE first, then its predecessor's next link is set to it
 //   remove   the predecessor's next link passes over the node; the node keeps its own, so that a reader
 //   standing on
 //            it finds the way back into the list
 //   replace  both at once: the new node's next link is the old node's, the predecessor's is set to the new
 //   node
 //
-// A reader therefore sees a list that is or was there, in ascending order, and ends at the sentinel. The aux
-// links run backward; only the writer uses them.
+// A reader therefore sees a list that is or was there, in ascending order, and ends at the sentinel. The way back to the
+// predecessor is the index's.
 //
 // Thread-safety: whoever calls holds the ACL's lock, but for the constructor and the destructor.
 #ifndef ES_ACL_STORE_TREE_ACL_H_
@@ -69,7 +69,7 @@ class Acl : public es_acl_head {
   void insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq, es_acl_iter* iter);
   void replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq);
   void store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept;
-  void link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* after) noexcept;
+  static void link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* after) noexcept;
   // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
   [[gnu::always_inline]] void prefetch_around(SeqIndex::Place place) const noexcept;
   es_acl_ace_node* node_before(SeqIndex::Place place) noexcept;
