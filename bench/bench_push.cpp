@@ -4,7 +4,7 @@
 // Rates: a stream of changes at random places of a list (new ACEs, changed ACEs, the removal of the new ones), in
 // messages of 1, 50 and 400, is applied by the library, with and without an update callback; into a std::map under a
 // mutex, over the same bus; and received and converted from a bare socket that carries the same bytes and keeps nothing.
-// The bus and the bare socket send what is there with as few writes as they can.
+// The bus and the bare socket send what is there with as few writes as they can. Nobody walks the list meanwhile.
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <semaphore.h>
