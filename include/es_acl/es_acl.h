@@ -137,7 +137,8 @@ ES_ACL_API void es_acl_release(const es_acl_handle_list* handles);
 
 /* First node, or null for an empty list. */
 ES_ACL_API es_acl_ace_node* es_get_first_ace(es_acl_head* acl);
-/* The node after `node`; after the last, a node that es_get_ace_data() and this operation answer with null. */
+/* The node after `node`, which is one of this ACL's; after the last, a node that es_get_ace_data() and this operation
+ * answer with null. */
 ES_ACL_API es_acl_ace_node* es_get_next_ace(es_acl_head* acl, es_acl_ace_node* node);
 /* The node's ACE, or null past the end. */
 ES_ACL_API es_acl_ace* es_get_ace_data(es_acl_head* acl, es_acl_ace_node* node);

@@ -41,10 +41,10 @@
 /* What an update callback is told about. */
 enum { ACL_ADD_ACE = 0, ACL_REMOVE_ACE = 1 };
 
-/* ACEs are about to be added or removed; the list is still as it was. The batch, and new ACEs in it, are there until the
- * callback returns; stored ones stay as they are for the grace time that a walk counts on (es_acl.h). A non-zero result refuses the batch: the
+/* ACEs are about to be added or removed; the list is still as it was. A non-zero result refuses the batch: the
  * callbacks behind it are not asked, nothing is stored, and the copy then differs from the producer's list until what was
- * refused has been offered again and taken (es_acl_sync.h).
+ * refused has been offered again and taken (es_acl_sync.h). The batch and the new ACEs in it are there until the callback
+ * returns; stored ACEs stay as they are for a grace time after they have been removed, as for a walk (es_acl.h).
  *
  *   action   ACL_ADD_ACE or ACL_REMOVE_ACE
  *   batch    n elements. A removal: `seq` and `ace`, the stored ACE; remarks are removed without being shown. An
@@ -63,7 +63,8 @@ typedef uint32_t (*es_acl_reseq_cb)(es_acl_head* acl, uint32_t start_seq, uint32
 
 /* Are there resources for these ACEs, that differ from the copy? 0: yes; another status refuses, and reaches the
  * producer. With cancel non-zero the question is withdrawn, and what was set aside for it can be freed.
- * The batch has `seq`, `ace`, `old_ace` (the ACE stored under that number, or null) and `is_new`. */
+ * The batch has `seq`, `ace`, `old_ace` (the ACE stored under that number, or null) and `is_new`, and is there as long as
+ * an update's. */
 typedef uint32_t (*es_acl_res_check_cb)(es_acl_head* acl, uint32_t n, const ace_edit_info* batch,
                                         int32_t cancel, void* context);
 

@@ -59,7 +59,7 @@ ES_ACL_API void es_acl_cpcx_handler(uint64_t context, uint32_t mtype, void* payl
  *   changed  set to 1 when an addition was reported and made; may be null
  *
  * 0, also when the store refused some of the ACEs; 22: the ACL is not held; 12; or the status with which an update
- * callback refused, and then nothing is stored. As for threads, see es_acl_cpcx_handler(). */
+ * callback refused, and then nothing is stored. As for threads, see es_acl_cpcx_handler(): one batch at a time. */
 ES_ACL_API es_acl_status es_acl_cpcx_handle_pcx_update_ace(uint32_t command, es_acl_pcx_acl_ace* records,
                                                            uint32_t n, es_acl_head** head, uint32_t* changed);
 

@@ -23,7 +23,7 @@
 
 /* A node of an ACL's list. The walk accessors read these three words without the ACL's lock: a store
  * publishes `next` with release semantics and keeps a removed node readable (see es_get_first_ace() in
- * es_acl.h). How long, es_acl_head.looks helps to tell. */
+ * es_acl.h). For how long, es_acl_head.looks helps to tell. */
 struct es_acl_ace_node {
   es_acl_ace_node* next;
   uintptr_t aux; /* the store's own: a link back, for instance */
@@ -63,11 +63,13 @@ struct es_acl_head {
   int32_t refcount; /* holders of the handle; the store sets 1 */
   uint8_t created_by_get;
   uint8_t padding[3];
-  /* Whether anybody looks at the list without the lock. The library makes it odd, where it is even, before it follows a
-   * link of the list for a client or shows callbacks what is stored; and follows the link again where the number has
-   * changed meanwhile. A store may make it even again, under `lock`. It reads and changes it by atomic
-   * read-modify-writes. Found even, it says: nobody has followed a link since the store made it so, and whoever does from
-   * now on does not get to what has been unlinked by now. */
+  /* Whether anybody looks at the list without the lock. Who follows a link of it so (es_get_first_ace() and
+   * es_get_next_ace() do) makes the number odd before, if it is even, and follows the link again if the number has
+   * changed after. The library makes it odd, too, before callbacks are shown what is stored. A store may make it even
+   * again, under `lock`. All changes are atomic read-modify-writes, the number only grows, and a store reads it by a
+   * read-modify-write as well. Found even, it says: nobody has followed a link since the store made it so, and whoever
+   * does from now on does not get to what has been unlinked by now. It does not speak of those who had got to a node
+   * before, nor of what the slots have given to their callers. */
   uint32_t looks;
   uint32_t padding_2;
   void* store_tail[4];
@@ -176,8 +178,7 @@ typedef struct es_acl_batch_item {
 typedef void (*es_acl_batch_fn)(es_acl_head* acl, es_acl_batch_item* items, uint32_t n);
 
 typedef struct es_acl_batch_table {
-  es_acl_batch_fn
-      search; /* as slot 8; what is found is used no more once the ACL's list has been changed by batches */
+  es_acl_batch_fn search; /* as slot 8, but what is found is good until the next batch is added or removed */
   es_acl_batch_fn add;    /* as slot 5, but the store copies the ACEs: they stay the caller's */
   es_acl_batch_fn remove; /* as slot 7 */
 } es_acl_batch_table;

@@ -41,6 +41,7 @@ class Update {
   Update(es_acl_head* acl, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n)
       : prints_(debug_enabled(ES_ACL_DBG_INFO) != nullptr || debug_enabled(ES_ACL_DBG_DETAIL) != nullptr),
         batches_(prints_ ? nullptr : es_acl_batches),
+        shown_(es_acl_update_notify.get() != nullptr),
         acl_(acl),
         command_(command),
         records_(records),
@@ -69,6 +70,7 @@ class Update {
 
   const bool prints_;                        // lines about single ACEs
   const es_acl_batch_table* const batches_;  // null: one ACE at a time
+  const bool shown_;                         // to callbacks
   es_acl_head* acl_;
   uint32_t command_;
   es_acl_pcx_acl_ace* records_;
@@ -109,7 +111,7 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
 // Several records are looked for before the first of them is looked at: what the store has found is mostly not in the
 // caches yet, and is fetched side by side.
 void Update::scan_for_removals() {
-  Pass pass(acl_, batches_);
+  Pass pass(acl_, batches_, shown_);
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     look_for(&pass, first, count);
     for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), pass[k].ace);
@@ -163,8 +165,8 @@ uint32_t Update::collect_piece(Pass* pass, uint32_t first, uint32_t count) {
 }
 
 uint32_t Update::collect_additions() {
-  batch_.begin_additions(es_acl_update_notify.get() != nullptr || batches_ == nullptr);
-  Pass pass(acl_, batches_);
+  batch_.begin_additions(shown_ || batches_ == nullptr);
+  Pass pass(acl_, batches_, shown_);
   uint32_t rc = 0;
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     if (rc == 0) rc = collect_piece(&pass, first, count);

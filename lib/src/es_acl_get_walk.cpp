@@ -2,7 +2,7 @@
 //
 // The store publishes links with release stores and keeps what it removes readable (es_acl_store.h), so the
 // reads here are acquire loads of a node's link and element and of the element's ACE word. The end marker never
-// changes.
+// changes. What is written is the head's number of looks.
 #include <cerrno>
 
 #include "es_acl/es_acl.h"

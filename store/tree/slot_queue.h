@@ -37,7 +37,7 @@ class SlotQueue {
   // Room for all the slots that there are. Throws std::bad_alloc; nothing has changed then.
   void reserve(size_t slots);
 
-  // A slot that nobody has ever seen is free at once.
+  // A slot that no reader can know is free at once.
   void put_free(SlotId id) noexcept { slot(--free_) = id; }
   void put_retired(SlotId id) noexcept {
     slot(end_++) = id;

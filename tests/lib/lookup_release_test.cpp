@@ -161,7 +161,7 @@ TEST_F(LookupTest, Walk) {
   EXPECT_EQ(walk(acl), (Numbers{10, 20, 30}));
   es_acl_ace_node* const node = es_get_first_ace(acl);
   auto* const sentinel = reinterpret_cast<es_acl_ace_node*>(&acl->ace_first);
-  es_acl_ace_node bare = {nullptr, nullptr, nullptr};
+  es_acl_ace_node bare = {nullptr, 0, nullptr};
   EXPECT_EQ(es_get_next_ace(acl, es_get_next_ace(acl, es_get_next_ace(acl, node))), sentinel);
   EXPECT_EQ(es_get_next_ace(acl, sentinel), nullptr);
   EXPECT_EQ(es_get_next_ace(acl, nullptr), nullptr);

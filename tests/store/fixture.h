@@ -41,16 +41,18 @@ es_acl_status despite_failures(Operation operation, Unchanged unchanged) {
   }
 }
 
-// A step of a walk, as the library's accessors make it: the store is told of it.
+// A step of a walk, as the library's accessors make it: it is repeated when the store has taken
+// note of the look meanwhile.
+inline uint32_t look_at(es_acl_head* acl) {
+  uint32_t look = __atomic_load_n(&acl->looks, __ATOMIC_ACQUIRE);
+  while (look % 2 == 0 && !__atomic_compare_exchange_n(&acl->looks, &look, look + 1, false, __ATOMIC_ACQ_REL,
+                                                       __ATOMIC_ACQUIRE)) {
+  }
+  return look | 1;
+}
 inline Node* follow(es_acl_head* acl, Node* const& link) {
   for (;;) {
-    uint32_t look = __atomic_load_n(&acl->looks, __ATOMIC_ACQUIRE);
-    if (look % 2 == 0) {
-      if (!__atomic_compare_exchange_n(&acl->looks, &look, look + 1, false, __ATOMIC_ACQ_REL,
-                                       __ATOMIC_ACQUIRE))
-        continue;
-      ++look;
-    }
+    const uint32_t look = look_at(acl);
     Node* const node = __atomic_load_n(&link, __ATOMIC_ACQUIRE);
     if (__atomic_load_n(&acl->looks, __ATOMIC_RELAXED) == look) return node;
   }
