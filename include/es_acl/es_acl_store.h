@@ -164,11 +164,13 @@ ES_ACL_API es_acl_status es_acl_use_db_dll(const char* name);
 /* How many ACEs one such call is for at most. */
 #define ES_ACL_BATCH_MAX 32
 
-/* One of them: its number, and what else the call takes or fills in. */
+/* One of them: its number, and what else the call takes or fills in. `mark` is a hint of the store's, for the same number
+ * as long as the ACL is held: a search gives it, and an addition or removal gets what the latest search gave, or null. */
 typedef struct es_acl_batch_item {
   uint32_t seq;
   uint32_t flag;        /* of an addition: see slot 5 */
   es_acl_ace* ace;      /* of a search, out: the stored ACE or null; of an addition: the ACE offered */
+  void* mark;           /* of a search, out */
   es_acl_status status; /* of an addition, out */
 } es_acl_batch_item;
 

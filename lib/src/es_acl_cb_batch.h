@@ -12,11 +12,13 @@
 
 namespace es_acl {
 
-// Room for n elements, all zero; exists() tells whether there was memory for it. Additions are copied to records of the
-// rules pool, which go back with the batch; a batch that nobody will be shown can name them where they are.
+// Room for n elements, all zero, and as many marks of the store's; exists() tells whether there was memory for it. Additions
+// are copied to records of the rules pool, which go back with the batch; a batch that nobody will be shown can name them
+// where they are.
 class EditBatch {
  public:
-  explicit EditBatch(uint32_t n) : elements_(zeroed<ace_edit_info>(n != 0 ? n : 1)) {}
+  explicit EditBatch(uint32_t n)
+      : room_(n), elements_(zeroed<ace_edit_info>(room_ + room_ / kMarksInElement + 1)) {}
   ~EditBatch() {
     for (uint32_t i = 0; i < size_; ++i) give_back(i);
   }
@@ -27,6 +29,7 @@ class EditBatch {
   uint32_t size() const { return size_; }
   ace_edit_info* data() { return elements_.get(); }
   ace_edit_info& operator[](uint32_t i) { return elements_[i]; }
+  void*& mark(uint32_t i) { return reinterpret_cast<void**>(elements_.get() + room_)[i]; }
 
   // A stored ACE that is about to be removed. It stays the store's.
   void show_stored(uint32_t seq, es_acl_ace* stored) { elements_[size_++] = {seq, stored, nullptr, 0}; }
@@ -38,14 +41,15 @@ class EditBatch {
     copies_ = shown;
   }
 
-  // An ACE that is not stored yet. False when the pool has no record for its copy.
-  bool add(es_acl_ace* ace, es_acl_ace* old_ace) {
+  // An ACE that is not stored yet, and its mark. False when the pool has no record for its copy.
+  bool add(es_acl_ace* ace, es_acl_ace* old_ace, void* mark_of_ace = nullptr) {
     if (copies_) {
       es_acl_ace* const copy = es_acl_alloc_rules();
       if (copy == nullptr) return false;
       *copy = *ace;
       ace = copy;
     }
+    mark(size_) = mark_of_ace;
     elements_[size_++] = {ace->seq, ace, old_ace, old_ace == nullptr ? 1U : 0U};
     return true;
   }
@@ -58,7 +62,10 @@ class EditBatch {
   }
 
  private:
-  Buffer<ace_edit_info> elements_;
+  static constexpr size_t kMarksInElement = sizeof(ace_edit_info) / sizeof(void*);
+
+  const size_t room_;
+  Buffer<ace_edit_info> elements_;  // and the marks behind them
   uint32_t size_ = 0;
   bool copies_ = false;  // the elements are additions, and copies
 };

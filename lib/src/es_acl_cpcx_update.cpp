@@ -60,7 +60,7 @@ class Update {
   void scan_for_removals();
   uint32_t report_removals();
   void remove_all();
-  uint32_t collect(uint32_t i, es_acl_ace* old);
+  uint32_t collect(uint32_t i, es_acl_ace* old, void* mark);
   uint32_t collect_piece(Pass* pass, uint32_t first, uint32_t count);
   uint32_t collect_additions();
   uint32_t report_additions();
@@ -114,7 +114,11 @@ void Update::scan_for_removals() {
   Pass pass(acl_, batches_, shown_);
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     look_for(&pass, first, count);
-    for (uint32_t k = 0; k < count; ++k) judge(scanned(first + k), pass[k].ace);
+    for (uint32_t k = 0; k < count; ++k) {
+      const uint32_t i = scanned(first + k);
+      batch_.mark(i) = pass[k].mark;
+      judge(i, pass[k].ace);
+    }
   });
 }
 
@@ -131,18 +135,21 @@ uint32_t Update::report_removals() {
 void Update::remove_all() {
   Pass pass(acl_, batches_);
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
-    for (uint32_t k = 0; k < count; ++k) pass[k].seq = records_[first + k].ace.seq;
+    for (uint32_t k = 0; k < count; ++k) {
+      pass[k].seq = records_[first + k].ace.seq;
+      pass[k].mark = batch_.mark(first + k);
+    }
     BATCH_DETAIL("%s: Removing entry %d: sequence: %u", kUpdate, static_cast<int>(first), pass[0].seq);
     pass.remove(count);
   });
 }
 
 // Puts one record's ACE into the batch of additions, unless it is stored already.
-uint32_t Update::collect(uint32_t i, es_acl_ace* old) {
+uint32_t Update::collect(uint32_t i, es_acl_ace* old, void* mark) {
   es_acl_ace& ace = records_[i].ace;
   if (old != nullptr && es_acl_compare_ace(old, &ace) != 0) return 0;
   BATCH_DETAIL("%s: %s entry %u", kUpdate, old != nullptr ? "Updating" : "Adding", ace.seq);
-  if (batch_.add(&ace, old)) return 0;
+  if (batch_.add(&ace, old, mark)) return 0;
   DBG_ERR("%s: Memory cannot be allocated for ace", kUpdate);
   return ENOMEM;
 }
@@ -159,7 +166,10 @@ uint32_t Update::collect_piece(Pass* pass, uint32_t first, uint32_t count) {
       BATCH_DETAIL("%s: skipping item %d duplicate", kUpdate, static_cast<int>(i));
       continue;
     }
-    if (const uint32_t rc = collect(i, searches ? (*pass)[asked++].ace : nullptr); rc != 0) return rc;
+    const es_acl_batch_item* const found = searches ? &(*pass)[asked++] : nullptr;
+    const uint32_t rc =
+        found != nullptr ? collect(i, found->ace, found->mark) : collect(i, nullptr, batch_.mark(i));
+    if (rc != 0) return rc;
   }
   return 0;
 }
@@ -185,7 +195,10 @@ uint32_t Update::report_additions() {
 void Update::add_all() {
   Pass pass(acl_, batches_);
   pass.in_pieces(batch_.size(), [&](uint32_t first, uint32_t count) {
-    for (uint32_t k = 0; k < count; ++k) fill(&pass[k], batch_[first + k]);
+    for (uint32_t k = 0; k < count; ++k) {
+      fill(&pass[k], batch_[first + k]);
+      pass[k].mark = batch_.mark(first + k);
+    }
     pass.add(count);
     for (uint32_t k = 0; k < count; ++k) settle(first + k, pass[k]);
   });

@@ -35,12 +35,12 @@ class Pass {
   void search_back(uint32_t n) {
     if (batches_ != nullptr) return call(batches_->search, n, shown_);
     for (es_acl_batch_item* item = items_; item != items_ + n; ++item)
-      item->ace = es_acl_search_item_biter(acl_, item->seq, &iter_);
+      *item = {item->seq, 0, es_acl_search_item_biter(acl_, item->seq, &iter_), nullptr, 0};
   }
   void search_forward(uint32_t n) {
     if (batches_ != nullptr) return call(batches_->search, n, shown_);
     for (es_acl_batch_item* item = items_; item != items_ + n; ++item)
-      item->ace = es_acl_search_item_fiter(acl_, item->seq, &iter_);
+      *item = {item->seq, 0, es_acl_search_item_fiter(acl_, item->seq, &iter_), nullptr, 0};
   }
   void add(uint32_t n) {
     if (batches_ != nullptr) return call(batches_->add, n);

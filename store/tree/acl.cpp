@@ -28,43 +28,44 @@ Acl::Acl(std::string_view title) noexcept : es_acl_head{} {
 
 Acl::~Acl() { pthread_mutex_destroy(&lock); }
 
-// Who goes ACE by ACE may look at what a search gave until long after the next change; who goes by batches, until then.
-es_acl_status Acl::add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
-  note_look();
-  const es_acl_status status = put(*offered, seq, flag, iter);
-  if (status == 0) es_acl_free_rules(offered);
-  return status;
-}
-
-void Acl::add(es_acl_batch_item* items, uint32_t n) noexcept {
-  es_acl_iter at = nullptr;
-  for (es_acl_batch_item* item = items; item != items + n; ++item)
-    item->status = put(*item->ace, item->seq, item->flag, &at);
-}
-
-es_acl_status Acl::put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
+template <typename Prepare>
+es_acl_status Acl::put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter,
+                       Prepare prepare) noexcept {
   try {
-    const SeqIndex::Place place = index_.prepare(seq, iter != nullptr ? *iter : nullptr);
-    if (!place.found) {
-      insert(place, offered, seq, iter);
-    } else {
-      if (flag != ES_ACL_ADD_KEEP) replace(place, offered, seq);
-      if (iter != nullptr) *iter = SeqIndex::word(place);
-    }
+    SeqIndex::Place place = prepare();
+    if (!place.found)
+      place = insert(place, offered, seq);
+    else if (flag != ES_ACL_ADD_KEEP)
+      replace(place, offered, seq);
+    if (iter != nullptr) *iter = SeqIndex::word(place);
   } catch (const std::bad_alloc&) {
     return ENOMEM;
   }
   return 0;
 }
 
-void Acl::insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq, es_acl_iter* iter) {
+// Who goes ACE by ACE may look at what a search gave until long after the next change; who goes by batches, until then.
+es_acl_status Acl::add(es_acl_ace* offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept {
+  note_look();
+  const es_acl_iter hint = iter != nullptr ? *iter : nullptr;
+  const es_acl_status status = put(*offered, seq, flag, iter, [&] { return index_.prepare(seq, hint); });
+  if (status == 0) es_acl_free_rules(offered);
+  return status;
+}
+
+void Acl::add(es_acl_batch_item* items, uint32_t n) noexcept {
+  for (es_acl_batch_item* item = items; item != items + n; ++item)
+    item->status = put(*item->ace, item->seq, item->flag, nullptr,
+                       [&] { return index_.prepare_marked(item->seq, item->mark); });
+}
+
+SeqIndex::Place Acl::insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq) {
   const SlotId slot = slots_.take(place.leaf->run);
   es_acl_ace_node* before = node_before(place);
   store(slot, offered, seq);
   link(slots_.node(slot), before, before->next);
-  place = index_.insert(place, seq, slot);
-  if (iter != nullptr) *iter = SeqIndex::word(place);
   set_count(ace_count + 1);
+  return index_.insert(place, seq, slot);
 }
 
 void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq) {
@@ -79,19 +80,23 @@ void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq
 
 void Acl::remove(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
   note_look();
-  take_out(seq, direction, iter);
+  const SeqIndex::Place place = take_out(index_.find(seq, direction, iter != nullptr ? *iter : nullptr));
+  if (iter != nullptr) *iter = SeqIndex::word(place);
 }
 
-void Acl::take_out(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
-  SeqIndex::Place place = index_.find_kept(seq, direction, iter != nullptr ? *iter : nullptr);
-  if (place.found) {
-    const SlotId slot = place.leaf->values[place.pos];
-    publish(&node_before(place)->next, slots_.node(slot)->next);
-    retire(slot, place);
-    place = index_.erase(place, slots_);
-    set_count(ace_count - 1);
-  }
-  if (iter != nullptr) *iter = SeqIndex::word(place);
+void Acl::remove(const es_acl_batch_item* items, uint32_t n) noexcept {
+  for (const es_acl_batch_item* item = items; item != items + n; ++item)
+    take_out(index_.find_marked(item->seq, item->mark));
+}
+
+// What stands at the place, if it was found. The place returned is good for a position word only.
+SeqIndex::Place Acl::take_out(SeqIndex::Place place) noexcept {
+  if (!place.found) return place;
+  const SlotId slot = place.leaf->values[place.pos];
+  publish(&node_before(place)->next, slots_.node(slot)->next);
+  retire(slot, place);
+  set_count(ace_count - 1);
+  return index_.erase(place, slots_);
 }
 
 // A slot that stood at the place. A reader who stands on it goes on to the one behind it.
@@ -110,24 +115,21 @@ inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
   if (place.found) slots_.prefetch_ace(place.leaf->values[place.pos]);
 }
 
-void Acl::remove(const es_acl_batch_item* items, uint32_t n) noexcept {
-  es_acl_iter at = nullptr;
-  for (const es_acl_batch_item* item = items; item != items + n; ++item)
-    take_out(item->seq, ES_ACL_FORWARD, &at);
-}
-
 void Acl::search(es_acl_batch_item* items, uint32_t n) noexcept {
   SeqIndex::Place places[ES_ACL_BATCH_MAX];
   index_.find(items, n, places);
-  for (uint32_t i = 0; i != n; ++i)
-    items[i].ace = places[i].found ? slots_.ace(places[i].leaf->values[places[i].pos]) : nullptr;
+  for (uint32_t i = 0; i != n; ++i) {
+    const SeqIndex::Place& place = places[i];
+    items[i].ace = place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
+    items[i].mark = SeqIndex::mark(place);
+  }
   if (index_.is_high())
     for (uint32_t i = 0; i != n; ++i) prefetch_around(places[i]);
 }
 
 es_acl_ace* Acl::search(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept {
   note_look();
-  const SeqIndex::Place place = index_.find_kept(seq, direction, iter != nullptr ? *iter : nullptr);
+  const SeqIndex::Place place = index_.find(seq, direction, iter != nullptr ? *iter : nullptr);
   if (iter != nullptr) *iter = SeqIndex::word(place);
   return place.found ? slots_.ace(place.leaf->values[place.pos]) : nullptr;
 }

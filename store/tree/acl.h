@@ -65,15 +65,17 @@ class Acl : public es_acl_head {
   static es_acl_ace* ace_of(es_acl_ace_node* node) noexcept {
     return static_cast<es_acl_ace**>(node->element)[ES_ACL_ELEMENT_ACE_WORD];
   }
-  es_acl_status put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter) noexcept;
-  void insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq, es_acl_iter* iter);
+  template <typename Prepare>
+  es_acl_status put(const es_acl_ace& offered, uint32_t seq, uint32_t flag, es_acl_iter* iter,
+                    Prepare prepare) noexcept;
+  SeqIndex::Place insert(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq);
   void replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq);
   void store(SlotId slot, const es_acl_ace& offered, uint32_t seq) noexcept;
   static void link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* after) noexcept;
   // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
   [[gnu::always_inline]] void prefetch_around(SeqIndex::Place place) const noexcept;
   es_acl_ace_node* node_before(SeqIndex::Place place) noexcept;
-  void take_out(uint32_t seq, uint32_t direction, es_acl_iter* iter) noexcept;
+  SeqIndex::Place take_out(SeqIndex::Place place) noexcept;
   void retire(SlotId slot, SeqIndex::Place place) noexcept;
   void set_count(uint32_t count) noexcept;
 

@@ -57,8 +57,8 @@ SeqIndex::Place SeqIndex::find(uint32_t seq, uint32_t direction, es_acl_iter hin
 
 // In a low index there is nothing to wait for.
 void SeqIndex::find(const es_acl_batch_item* items, uint32_t n, Place* places) noexcept {
-  if (kept_.empty()) {
-    for (uint32_t i = 0; i != n; ++i) places[i] = find(items[i].seq, ES_ACL_FORWARD, nullptr);
+  if (root_ == nullptr) {
+    std::fill_n(places, n, Place{});
     return;
   }
   moved_leaf_ = nullptr;
@@ -77,27 +77,33 @@ void SeqIndex::find(const es_acl_batch_item* items, uint32_t n, Place* places) n
     const uint32_t pos = leaf->lower_bound(seq);
     if (is_high()) leaf->prefetch_values(pos);
     places[i] = {leaf, pos, leaf->holds(seq, pos)};
-    kept_[row_of(seq)] = {leaf, pos, seq};
   }
 }
 
-// The leaf is null when it is not known, or the number may have left it. Others that came or went may have moved the
-// number within its leaf.
-inline SeqIndex::Place SeqIndex::kept(uint32_t seq) const noexcept {
-  if (kept_.empty()) return {};
-  const Kept& row = kept_[row_of(seq)];
-  if (row.seq != seq || row.leaf == nullptr) return {};
-  uint32_t pos = row.pos + (row.leaf == moved_leaf_ ? moved_ : 0);
-  if (row.leaf->holds(seq, pos)) return {row.leaf, pos, true};
-  if (row.leaf->parts(seq, pos)) return {row.leaf, pos, false};
-  if (!row.leaf->spans(seq)) return {};
-  pos = row.leaf->lower_bound(seq);
-  return {row.leaf, pos, row.leaf->holds(seq, pos)};
+// The leaf is null when the number may have left it. Others that came or went may have moved the number within its leaf.
+inline SeqIndex::Place SeqIndex::marked(uint32_t seq, es_acl_iter mark) const noexcept {
+  if (mark == nullptr) return {};
+  const auto bits = reinterpret_cast<uintptr_t>(mark);
+  auto* const leaf = reinterpret_cast<Leaf*>(bits / kFanout * kFanout);
+  uint32_t pos = bits % kFanout + (leaf == moved_leaf_ ? moved_ : 0);
+  if (leaf->holds(seq, pos)) return {leaf, pos, true};
+  if (leaf->parts(seq, pos)) return {leaf, pos, false};
+  if (!leaf->spans(seq)) return {};
+  pos = leaf->lower_bound(seq);
+  return {leaf, pos, leaf->holds(seq, pos)};
 }
 
-SeqIndex::Place SeqIndex::find_kept(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept {
-  const Place place = kept(seq);
-  return place.leaf != nullptr ? place : find(seq, direction, hint);
+SeqIndex::Place SeqIndex::find_marked(uint32_t seq, es_acl_iter mark) const noexcept {
+  const Place place = marked(seq, mark);
+  return place.leaf != nullptr ? place : find(seq, ES_ACL_FORWARD, nullptr);
+}
+
+inline SeqIndex::Place SeqIndex::with_room(Place place, uint32_t seq) {
+  if (!place.found && place.leaf->full()) {
+    path_ = path_to(seq);
+    reserve(path_);
+  }
+  return place;
 }
 
 SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
@@ -105,17 +111,14 @@ SeqIndex::Place SeqIndex::prepare(uint32_t seq, es_acl_iter hint) {
     reserve_leaf();
     root_ = leftmost_ = last_ = take_leaf();
   }
-  Place place = kept(seq);
-  if (place.leaf == nullptr) {
-    place.leaf = leaf_to_change(seq, hint);
-    place.pos = place.leaf->lower_bound(seq);
-    place.found = place.leaf->holds(seq, place.pos);
-  }
-  if (!place.found && place.leaf->full()) {
-    path_ = path_to(seq);
-    reserve(path_);
-  }
-  return place;
+  Leaf* const leaf = leaf_to_change(seq, hint);
+  const uint32_t pos = leaf->lower_bound(seq);
+  return with_room({leaf, pos, leaf->holds(seq, pos)}, seq);
+}
+
+SeqIndex::Place SeqIndex::prepare_marked(uint32_t seq, es_acl_iter mark) {
+  const Place place = marked(seq, mark);
+  return place.leaf != nullptr ? with_room(place, seq) : prepare(seq, nullptr);
 }
 
 // What comes behind all others is the usual case where an ACL is filled.
@@ -147,9 +150,6 @@ void SeqIndex::reserve(const Path& path) {
   for (; depth != 0 && path.node[depth - 1]->full(); --depth) ++inners;
   reserve_leaf();
   reserve_inner(depth == 0 ? inners + 1 : inners);
-  const unsigned height = depth == 0 ? height_ + 1 : height_;
-  const size_t rows = height > 1 ? kKeptRowsWhenHigh : kKeptRows;
-  if (kept_.size() < rows) kept_ = std::vector<Kept>(rows);
 }
 
 Leaf* SeqIndex::take_leaf() noexcept {

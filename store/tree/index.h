@@ -14,8 +14,8 @@
 // has the sought number between its first and last key. So a stale word costs a descent from the root, never more.
 //
 // Batches. A pushed batch is searched for and then changed. In a large ACL each search waits for memory; but the places of
-// several numbers are found side by side, level by level, so that the waits are one. The places are kept in a small table
-// by number, where the changes find them. A place is looked at before it is believed, as a position word is.
+// several numbers are found side by side, level by level, so that the waits are one. The changes get them back as marks. A
+// mark is looked at before it is believed, as a position word is, but must be one that this index has given.
 //
 // Not thread-safe: the ACL's lock guards it.
 #ifndef ES_ACL_STORE_TREE_INDEX_H_
@@ -63,13 +63,18 @@ class SeqIndex {
   // The place of `seq`, from the position if it is near. When the number is not there, only `found` says
   // something.
   Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
-  // The same for a number that has probably been found in a batch.
-  Place find_kept(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
-  // Finds the places of the items' numbers side by side, and keeps them. A place's leaf is null only where all are.
+  // Finds the places of the items' numbers side by side. A place's leaf is null only where all are.
   void find(const es_acl_batch_item* items, uint32_t n, Place* places) noexcept;
+  // A word for the place of a number, for one change or search of that number later. Null is for no place.
+  static es_acl_iter mark(const Place& place) noexcept {
+    static_assert(alignof(Leaf) == kFanout);
+    return place.pos == kFanout ? nullptr : reinterpret_cast<char*>(place.leaf) + place.pos;
+  }
+  Place find_marked(uint32_t seq, es_acl_iter mark) const noexcept;
   // The place where `seq` is or belongs, with memory set aside for insert(). Throws std::bad_alloc; nothing
   // has changed then.
   Place prepare(uint32_t seq, es_acl_iter hint);
+  Place prepare_marked(uint32_t seq, es_acl_iter mark);
   // Puts the slot at the place that prepare() gave just before, and returns where it is now.
   Place insert(Place place, uint32_t seq, SlotId slot) noexcept;
   // Takes the number at a found place out. `pool` gets the rest of the run of a leaf that goes. The place
@@ -103,16 +108,8 @@ class SeqIndex {
     std::array<uint32_t, kMaxHeight> at;
   };
 
-  struct Kept {
-    Leaf* leaf = nullptr;
-    uint32_t pos = 0;
-    uint32_t seq = 0;
-  };
-  // Of an index of one level of inner nodes, and of a higher one. Powers of two.
-  static constexpr size_t kKeptRows = 256, kKeptRowsWhenHigh = 1024;
-  size_t row_of(uint32_t seq) const noexcept { return (seq * 2654435769u >> 16) & (kept_.size() - 1); }
-
-  Place kept(uint32_t seq) const noexcept;
+  Place marked(uint32_t seq, es_acl_iter mark) const noexcept;
+  Place with_room(Place place, uint32_t seq);
   void note_move(Leaf* leaf, uint32_t by) noexcept {
     moved_ = leaf == moved_leaf_ ? moved_ + by : by;
     moved_leaf_ = leaf;
@@ -143,9 +140,8 @@ class SeqIndex {
   unsigned height_ = 0;  // inner levels above the leaves
   Leaf* leftmost_ = nullptr;
   Leaf* last_ = nullptr;
-  Path path_{};             // of the last prepare()
-  std::vector<Kept> kept_;  // empty until there have been two leaves
-  // How far what lies behind the last change has moved in its leaf, since other leaves were changed.
+  Path path_{};  // of the last prepare()
+  // How far what lies behind the last change has moved in its leaf, since another leaf was changed or a batch searched for.
   Leaf* moved_leaf_ = nullptr;
   uint32_t moved_ = 0;
   SlabArray<Leaf> numbered_;    // every leaf there ever was

@@ -57,7 +57,7 @@ class Writer {
     es_acl_batch_item items[ES_ACL_BATCH_MAX];
     for (uint32_t i = 0; i < way_.batch; ++i) {
       aces[i].capture = ++tag_;
-      items[i] = {1 + i % way_.numbers, ES_ACL_ADD_REPLACE, &aces[i], 0};
+      items[i] = {1 + i % way_.numbers, ES_ACL_ADD_REPLACE, &aces[i], nullptr, 0};
     }
     pthread_mutex_lock(&acl_->lock);
     operation(acl_, items, way_.batch);

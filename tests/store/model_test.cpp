@@ -53,13 +53,16 @@ class Model : public AclTest, public testing::WithParamInterface<int> {
   // The number with others, some of them twice.
   Items some(uint32_t seq) {
     Items items(1 + random() % (random() % 4 == 0 ? ES_ACL_BATCH_MAX : 5));
-    for (es_acl_batch_item& item : items)
-      item = {&item == items.data() ? seq : number(), static_cast<uint32_t>(random() % 2), nullptr, 99};
+    for (es_acl_batch_item& item : items) {
+      item = {&item == items.data() ? seq : number(), static_cast<uint32_t>(random() % 2), nullptr, nullptr,
+              99};
+      if (const auto mark = marks.find(item.seq); mark != marks.end()) item.mark = mark->second;
+    }
     return items;
   }
   static uint32_t size(const Items& items) { return static_cast<uint32_t>(items.size()); }
 
-  // What is found is kept for what changes it, which may happen soon, later or never.
+  // The marks are kept for what changes the numbers, which may happen soon, later or never.
   void search_some(uint32_t seq) {
     Items items = some(seq);
     batches->search(acl, items.data(), size(items));
@@ -67,6 +70,7 @@ class Model : public AclTest, public testing::WithParamInterface<int> {
       const auto entry = model.find(item.seq);
       ASSERT_EQ(item.ace != nullptr, entry != model.end()) << item.seq;
       ASSERT_TRUE(item.ace == nullptr || item.ace->capture == entry->second) << item.seq;
+      marks[item.seq] = item.mark;
     }
   }
 
@@ -151,6 +155,7 @@ class Model : public AclTest, public testing::WithParamInterface<int> {
 
   Shape shape{};
   std::mt19937 random{static_cast<uint32_t>(GetParam())};
+  std::map<uint32_t, void*> marks;     // what searches gave last
   std::map<uint32_t, uint32_t> model;  // tags by number
   std::array<es_acl_iter, 4> positions{};
 };

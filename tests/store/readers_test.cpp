@@ -23,7 +23,7 @@ class Readers : public AclTest {
     es_acl_ace ace{};
     ace.capture = ++tag;
     search(seq);
-    es_acl_batch_item item{seq, ES_ACL_ADD_REPLACE, &ace, 0};
+    es_acl_batch_item item{seq, ES_ACL_ADD_REPLACE, &ace, nullptr, 0};
     operation(acl, &item, 1);
   }
   void change_some(uint32_t times) {
@@ -41,7 +41,7 @@ class Readers : public AclTest {
       if (each != seq) change(each, batches->add);
   }
   es_acl_ace* search(uint32_t seq) {
-    es_acl_batch_item item{seq, 0, nullptr, 0};
+    es_acl_batch_item item{seq, 0, nullptr, nullptr, 0};
     batches->search(acl, &item, 1);
     return item.ace;
   }

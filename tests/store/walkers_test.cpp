@@ -62,7 +62,7 @@ class Walkers : public AclTest {
     es_acl_ace ace{};
     ace.capture = random();
     ace.reserved16 = check_of(ace.capture);
-    es_acl_batch_item item = {seq, ES_ACL_ADD_REPLACE, &ace, 0};
+    es_acl_batch_item item = {seq, ES_ACL_ADD_REPLACE, &ace, nullptr, 0};
     pthread_mutex_lock(&acl->lock);
     operation(acl, &item, 1);
     pthread_mutex_unlock(&acl->lock);
