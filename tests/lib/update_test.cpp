@@ -233,13 +233,18 @@ class StoreWithBatches : public Update {
   static void search(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
     const Backstage backstage;
     show_call("search", acl, items, n);
-    for (uint32_t i = 0; i < n; ++i) items[i].ace = es_acl_apis->search_entry(acl, items[i].seq);
+    for (uint32_t i = 0; i < n; ++i) {
+      items[i].ace = es_acl_apis->search_entry(acl, items[i].seq);
+      items[i].mark = mark_of(items[i].seq);
+    }
   }
+  static void* mark_of(uint32_t seq) { return reinterpret_cast<void*>(uintptr_t{seq} * 1000); }
   // Refuses 77.
   static void add(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
     const Backstage backstage;
     show_call("add", acl, items, n);
     for (es_acl_batch_item* item = items; item != items + n; ++item) {
+      EXPECT_EQ(item->mark, mark_of(item->seq));
       item->status = item->seq == 77 ? 28 : 0;
       if (item->status != 0) continue;
       auto* const kept = new (malloc(80)) es_acl_ace(*item->ace);
@@ -250,8 +255,10 @@ class StoreWithBatches : public Update {
   static void remove(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
     const Backstage backstage;
     show_call("remove", acl, items, n);
-    for (uint32_t i = 0; i < n; ++i)
+    for (uint32_t i = 0; i < n; ++i) {
+      EXPECT_EQ(items[i].mark, mark_of(items[i].seq));
       es_acl_apis->delete_entry_iter(acl, items[i].seq, ES_ACL_FORWARD, nullptr);
+    }
   }
 };
 
