@@ -242,6 +242,13 @@ TEST_F(Sync, WhatCannotBeAppliedIsMadeUpFor) {
   put_32(version, 8, 0x6e6f6e65);
   push(version);
   EXPECT_EQ(told(), Lines{}) << "of an ACL that is not held";
+
+  es_acl_pcx_acl_ace handed_in = {};
+  es_acl_wire_set_name(handed_in.acl_name, "edge");
+  es_acl_head* found = nullptr;
+  store().add_acl_item_iter.next(12);
+  EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, &handed_in, 1, &found, nullptr), 0U);
+  EXPECT_EQ(info().state, uint32_t{ES_ACL_CATCHING_UP});
 }
 
 TEST_F(Sync, WithoutAProducerItIsFilledWhenThereIsOne) {
