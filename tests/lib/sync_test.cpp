@@ -245,6 +245,7 @@ TEST_F(Sync, WhatCannotBeAppliedIsMadeUpFor) {
 
   es_acl_pcx_acl_ace handed_in = {};
   es_acl_wire_set_name(handed_in.acl_name, "edge");
+  handed_in.ace.seq = 20;
   es_acl_head* found = nullptr;
   store().add_acl_item_iter.next(12);
   EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, &handed_in, 1, &found, nullptr), 0U);
