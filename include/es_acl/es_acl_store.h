@@ -26,8 +26,8 @@
  * es_acl.h). For how long, es_acl_head.looks helps to tell. */
 struct es_acl_ace_node {
   es_acl_ace_node* next;
-  uintptr_t aux; /* the store's own: a link back, for instance */
-  void* element; /* what the node holds; es_acl_head.ace_end in the sentinel */
+  es_acl_ace_node* aux; /* the other link, the store's */
+  void* element;        /* what the node holds; es_acl_head.ace_end in the sentinel */
 };
 
 /* The word of an element that points to its ACE record, counted from 0: the 21st. */
@@ -47,7 +47,7 @@ struct es_acl_head {
   es_acl_entry_queue cb_list; /* deferred notification entries; under `lock` */
   void* store_aux[2];
   es_acl_ace_node* ace_first;    /* store: the sentinel's next link, the first node */
-  es_acl_ace_node* ace_list_aux; /* store: the sentinel's own word */
+  es_acl_ace_node* ace_list_aux; /* store: the sentinel's other link */
   void* ace_end;                 /* store: the sentinel's element word, which ends a walk */
   void* reg_handle;              /* name-service and bus registration, null while there is none */
   pthread_mutex_t lock;          /* store: initialised by get_header */
@@ -164,8 +164,10 @@ ES_ACL_API es_acl_status es_acl_use_db_dll(const char* name);
 /* How many ACEs one such call is for at most. */
 #define ES_ACL_BATCH_MAX 32
 
-/* One of them: its number, and what else the call takes or fills in. `mark` is a hint of the store's, for the same number
- * as long as the ACL is held: a search gives it, and an addition or removal gets what the latest search gave, or null. */
+/* One of them: its number, and what else the call takes or fills in. `mark` is a hint of the store's: a search gives each
+ * item one, or null; an addition or removal of the same number of the same ACL brings back what one of the searches for
+ * it gave, not always the latest, or null. Whatever happened to the list in between may have made it stale; it may never
+ * come back. */
 typedef struct es_acl_batch_item {
   uint32_t seq;
   uint32_t flag;        /* of an addition: see slot 5 */
@@ -179,6 +181,7 @@ typedef struct es_acl_batch_item {
  * lines about single ACEs are printed; a store that offers nothing loses nothing but time. */
 typedef void (*es_acl_batch_fn)(es_acl_head* acl, es_acl_batch_item* items, uint32_t n);
 
+/* What a search finds while `looks` is odd may be shown to callbacks: it stays for as long as a removed node. */
 typedef struct es_acl_batch_table {
   es_acl_batch_fn search; /* as slot 8, but what is found is good until the next batch is added or removed */
   es_acl_batch_fn add;    /* as slot 5, but the store copies the ACEs: they stay the caller's */

@@ -21,7 +21,7 @@ Acl::Acl(std::string_view title) noexcept : es_acl_head{} {
   title_[title.size()] = '\0';
   name = title_;
   refcount = 1;
-  ace_first = sentinel();
+  ace_first = ace_list_aux = sentinel();
   ace_end = sentinel();
   pthread_mutex_init(&lock, nullptr);
 }
@@ -73,7 +73,7 @@ void Acl::replace(SeqIndex::Place place, const es_acl_ace& offered, uint32_t seq
   const SlotId old = place.leaf->values[place.pos];
   es_acl_ace_node* gone = slots_.node(old);
   store(slot, offered, seq);
-  link(slots_.node(slot), node_before(place), gone->next);
+  link(slots_.node(slot), gone->aux, gone->next);
   place.leaf->values[place.pos] = slot;
   retire(old, place);
 }
@@ -93,7 +93,9 @@ void Acl::remove(const es_acl_batch_item* items, uint32_t n) noexcept {
 SeqIndex::Place Acl::take_out(SeqIndex::Place place) noexcept {
   if (!place.found) return place;
   const SlotId slot = place.leaf->values[place.pos];
-  publish(&node_before(place)->next, slots_.node(slot)->next);
+  const es_acl_ace_node* gone = slots_.node(slot);
+  gone->next->aux = gone->aux;
+  publish(&gone->aux->next, gone->next);
   retire(slot, place);
   set_count(ace_count - 1);
   return index_.erase(place, slots_);
@@ -112,7 +114,9 @@ inline void Acl::prefetch_around(SeqIndex::Place place) const noexcept {
   const uint32_t last = place.leaf->count - 1;
   slots_.prefetch_node(place.leaf->values[place.pos - (place.pos != 0)]);
   slots_.prefetch_node(place.leaf->values[std::min(place.pos, last)]);
-  if (place.found) slots_.prefetch_ace(place.leaf->values[place.pos]);
+  if (!place.found) return;
+  slots_.prefetch_node(place.leaf->values[std::min(place.pos + 1, last)]);
+  slots_.prefetch_ace(place.leaf->values[place.pos]);
 }
 
 void Acl::search(es_acl_batch_item* items, uint32_t n) noexcept {
@@ -145,6 +149,8 @@ void Acl::link(es_acl_ace_node* node, es_acl_ace_node* before, es_acl_ace_node* 
   // A reader who overstayed the grace time may still look at the slot: atomic, though nothing is published by
   // it.
   __atomic_store_n(&node->next, after, __ATOMIC_RELAXED);
+  node->aux = before;
+  after->aux = node;
   publish(&before->next, node);
 }
 

@@ -3,15 +3,13 @@
 // The list is what readers without the lock follow, so every change of it is one release store of a next link
 // into the place where they come by:
 //
-//   insert   the new node gets its link and its ACE first, then its predecessor's next link is set to it
-//   remove   the predecessor's next link passes over the node; the node keeps its own, so that a reader
-//   standing on
-//            it finds the way back into the list
-//   replace  both at once: the new node's next link is the old node's, the predecessor's is set to the new
-//   node
+//   insert   the new node gets its links and its ACE first, then its predecessor's next link is set to it
+//   remove   the predecessor's next link passes over the node; the node keeps its own, so that a reader standing on it
+//            finds the way back into the list
+//   replace  both at once: the new node's next link is the old node's, the predecessor's is set to the new node
 //
-// A reader therefore sees a list that is or was there, in ascending order, and ends at the sentinel. The way back to the
-// predecessor is the index's.
+// A reader therefore sees a list that is or was there, in ascending order, and ends at the sentinel. The aux links run
+// backward; only the writer uses them.
 //
 // Thread-safety: whoever calls holds the ACL's lock, but for the constructor and the destructor.
 #ifndef ES_ACL_STORE_TREE_ACL_H_

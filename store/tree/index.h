@@ -65,7 +65,8 @@ class SeqIndex {
   Place find(uint32_t seq, uint32_t direction, es_acl_iter hint) const noexcept;
   // Finds the places of the items' numbers side by side. A place's leaf is null only where all are.
   void find(const es_acl_batch_item* items, uint32_t n, Place* places) noexcept;
-  // A word for the place of a number, for one change or search of that number later. Null is for no place.
+  // A word for the place of a number, for one change or search of that number later. Null is for no place, and for the one
+  // behind a full leaf.
   static es_acl_iter mark(const Place& place) noexcept {
     static_assert(alignof(Leaf) == kFanout);
     return place.pos == kFanout ? nullptr : reinterpret_cast<char*>(place.leaf) + place.pos;
@@ -75,7 +76,7 @@ class SeqIndex {
   // has changed then.
   Place prepare(uint32_t seq, es_acl_iter hint);
   Place prepare_marked(uint32_t seq, es_acl_iter mark);
-  // Puts the slot at the place that prepare() gave just before, and returns where it is now.
+  // Puts the slot at the place that either of the two gave just before, and returns where it is now.
   Place insert(Place place, uint32_t seq, SlotId slot) noexcept;
   // Takes the number at a found place out. `pool` gets the rest of the run of a leaf that goes. The place
   // returned is good for a position word only.
@@ -140,7 +141,7 @@ class SeqIndex {
   unsigned height_ = 0;  // inner levels above the leaves
   Leaf* leftmost_ = nullptr;
   Leaf* last_ = nullptr;
-  Path path_{};  // of the last prepare()
+  Path path_{};  // of the last number that room was made for
   // How far what lies behind the last change has moved in its leaf, since another leaf was changed or a batch searched for.
   Leaf* moved_leaf_ = nullptr;
   uint32_t moved_ = 0;

@@ -1,5 +1,6 @@
 #include "slots.h"
 
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -21,7 +22,7 @@ SlotPool::~SlotPool() {
 
 SlotId SlotPool::take(SlotRun& run) {
   const SlotId id = take_any(run);
-  node(id)->aux = era_;
+  era_of(id) = era_;
   return id;
 }
 
@@ -49,8 +50,14 @@ bool SlotPool::has_been_looked_at() noexcept {
   return std::exchange(looked_, false) || by_readers;
 }
 
+void SlotPool::begin_era() noexcept {
+  if (++era_ != kBefore) return;
+  for (const Slab& slab : slabs_) std::memset(slab.eras, kBefore, slots_in(slab.bytes));
+  ++era_;
+}
+
 void SlotPool::sort_retired() noexcept {
-  if (has_been_looked_at()) ++era_;
+  if (has_been_looked_at()) begin_era();
   for (const SlotId id : retired_) is_known(id) ? queue_.put_retired(id) : queue_.put_free(id);
   num_retired_ = 0;
 }
@@ -74,13 +81,13 @@ void SlotPool::carve(SlotRun& run) {
 void SlotPool::add_slab() {
   if (slabs_.size() > (kNoSlot >> kPlaceBits) - 1) throw std::bad_alloc();
   slabs_.reserve(slabs_.size() < slabs_.capacity() ? slabs_.capacity() : slabs_.size() * 2 + 4);
-  const size_t bytes = next_slab_bytes(bytes_, 2 * kRunLength * kSlotBytes);
-  const size_t slots = bytes / kSlotBytes / kRunLength * kRunLength;
+  const size_t bytes = next_slab_bytes(bytes_, (2 * kRunLength * kSlotBytes + 63) / 64 * 64);
+  const size_t slots = slots_in(bytes);
   queue_.reserve(slots_ + slots);
   auto* nodes = static_cast<es_acl_ace_node*>(allocate_slab(bytes));
   if (nodes == nullptr) throw std::bad_alloc();
   auto* elements = reinterpret_cast<Element*>(nodes + slots);
-  slabs_.push_back({nodes, elements, bytes});
+  slabs_.push_back({nodes, elements, reinterpret_cast<uint8_t*>(elements + slots), bytes});
   bytes_ += bytes;
   slots_ += slots;
   slab_slots_ = slots;

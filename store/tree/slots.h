@@ -17,8 +17,7 @@
 // hold what a search gave (note_look()). Looks cut time into eras: retired slots are gathered, and when they are sorted
 // the era ends if there has been a look in it. So a reader can have got to what was taken before the present era. From a
 // slot that is still in the list it gets on by another look alone. From a retired one it gets to where its next link
-// leads, which therefore is made known when a known slot is retired. Everything else is unknown to all. A node's own word
-// holds the era in which its slot was taken.
+// leads, which therefore is made known when a known slot is retired. Everything else is unknown to all.
 //
 // Not thread-safe: the ACL's lock guards it.
 #ifndef ES_ACL_STORE_TREE_SLOTS_H_
@@ -66,6 +65,7 @@ class SlotPool {
   }
   [[gnu::always_inline]] void prefetch_ace(SlotId id) const noexcept {
     prefetch(ace(id), sizeof(es_acl_ace));
+    __builtin_prefetch(&era_of(id), 1);
   }
 
   // A slot for the leaf whose run this is. Throws std::bad_alloc; nothing has changed then.
@@ -73,8 +73,8 @@ class SlotPool {
   // The run of a leaf that goes: other leaves may use its slots.
   void put_back(SlotRun& run) noexcept;
   // Whether a reader may have got to the slot, as far as is known.
-  bool is_known(SlotId id) const noexcept { return node(id)->aux != era_; }
-  void make_known(SlotId id) noexcept { node(id)->aux = kBefore; }
+  bool is_known(SlotId id) const noexcept { return era_of(id) != era_; }
+  void make_known(SlotId id) noexcept { era_of(id) = kBefore; }
   void note_look() noexcept { looked_ = true; }
   // A slot that has left the list. When it is known, the one behind it has been made known.
   void retire(SlotId id) noexcept {
@@ -93,15 +93,16 @@ class SlotPool {
   struct Slab {
     es_acl_ace_node* nodes;
     Element* elements;
+    uint8_t* eras;  // in which the slots were taken
     size_t bytes;
   };
 
   static constexpr unsigned kPlaceBits = 15;
   static constexpr SlotId kPlaceMask = (1u << kPlaceBits) - 1;
-  static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element);
+  static constexpr size_t kSlotBytes = sizeof(es_acl_ace_node) + sizeof(Element) + sizeof(uint8_t);
   static constexpr uint32_t kAhead = 8;  // how many takes before its own a free slot is asked for
   static constexpr uint32_t kRetired = 16;
-  static constexpr uintptr_t kBefore = 0;  // an era that has ended
+  static constexpr uint8_t kBefore = 0;  // an era that has ended
   static_assert(kHugePage / kSlotBytes <= kPlaceMask, "a place in a slab has kPlaceBits bits");
 
   // Inline by order: a call of a function that does nothing but prefetch is one that compilers leave out.
@@ -111,9 +112,14 @@ class SlotPool {
     __builtin_prefetch(bytes + size - 1, 1);
   }
   Element* element(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].elements + (id & kPlaceMask); }
+  static size_t slots_in(size_t slab_bytes) noexcept {
+    return slab_bytes / kSlotBytes / kRunLength * kRunLength;
+  }
+  uint8_t& era_of(SlotId id) const noexcept { return slabs_[id >> kPlaceBits].eras[id & kPlaceMask]; }
   SlotId take_any(SlotRun& run);
   SlotId take_free() noexcept;
   bool has_been_looked_at() noexcept;
+  void begin_era() noexcept;
   void sort_retired() noexcept;
   void carve(SlotRun& run);
   void add_slab();
@@ -127,7 +133,7 @@ class SlotPool {
 
   const std::atomic_ref<uint32_t> looks_;
   bool looked_ = false;
-  uintptr_t era_ = kBefore + 1;
+  uint8_t era_ = kBefore + 1;
   SlotId retired_[kRetired];  // of which it is not decided yet whether they have to wait
   uint32_t num_retired_ = 0;
 };

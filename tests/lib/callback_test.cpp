@@ -204,8 +204,10 @@ TEST_P(Callbacks, AreALookAtWhatIsStored) {
   kind.invoke(acl_);
   EXPECT_EQ(acl_->looks, 0U) << "nobody looks";
   kind.add(true, nullptr);
-  kind.invoke(acl_);
-  EXPECT_EQ(acl_->looks % 2 != 0, kind.shows_stored);
+  for (int i = 0; i < 2; ++i) {
+    kind.invoke(acl_);
+    EXPECT_EQ(acl_->looks % 2 != 0, kind.shows_stored);
+  }
 }
 
 INSTANTIATE_CASES(Callbacks, kKinds);

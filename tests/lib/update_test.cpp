@@ -215,6 +215,7 @@ class StoreWithBatches : public Update {
  protected:
   void SetUp() override {
     Update::SetUp();
+    tells_ = told_;
     static const es_acl_batch_table table = {search, add, remove};
     es_acl_offer_batches(&table);
   }
@@ -233,11 +234,16 @@ class StoreWithBatches : public Update {
   static void search(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
     const Backstage backstage;
     show_call("search", acl, items, n);
+    if (tells_) {
+      EXPECT_EQ(acl->looks % 2, 1U) << "what is found is shown";
+      ++acl->looks;
+    }
     for (uint32_t i = 0; i < n; ++i) {
       items[i].ace = es_acl_apis->search_entry(acl, items[i].seq);
       items[i].mark = mark_of(items[i].seq);
     }
   }
+  static inline bool tells_;
   static void* mark_of(uint32_t seq) { return reinterpret_cast<void*>(uintptr_t{seq} * 1000); }
   // Refuses 77.
   static void add(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {

@@ -83,10 +83,15 @@ class AclTest : public testing::Test {
   void fill(uint32_t count) {
     for (uint32_t i = 1; i <= count; ++i) ASSERT_EQ(add(i * 10, i), 0u);
   }
-  // The numbers in the order of a walk; checks the head's count.
+  // The numbers in the order of a walk; checks the head's count and the backward links on the way.
   Seqs walk() const {
     Seqs seqs;
-    for (Node* node = first_of(acl); !is_end(acl, node); node = next_of(node)) seqs.push_back(seq_of(node));
+    const auto* before = reinterpret_cast<const Node*>(&acl->ace_first);
+    for (Node* node = first_of(acl); !is_end(acl, node); before = node, node = next_of(node)) {
+      EXPECT_EQ(node->aux, before);
+      seqs.push_back(seq_of(node));
+    }
+    EXPECT_EQ(acl->ace_list_aux, before);
     EXPECT_EQ(acl->ace_count, seqs.size());
     return seqs;
   }

@@ -124,6 +124,23 @@ TEST_F(Readers, HaveNotGotToWhatWasNotLookedAt) {
   EXPECT_LT(slab_bytes(), before + 1000 * 128) << "what was there waits, what that led to, and little more";
 }
 
+// Eras are counted in a byte.
+TEST_F(Readers, AreNotForgottenAfterAnyNumberOfLooks) {
+  for (uint32_t looks = 250; looks != 260; ++looks) {
+    SCOPED_TRACE(looks);
+    add_all();
+    const Node* const first = follow(acl, acl->ace_first);
+    const uint32_t is = ace_of(first)->capture;
+    for (uint32_t i = 0; i != looks; ++i) {
+      follow(acl, acl->ace_first);
+      for (uint32_t each = 0; each != 16; ++each) change(100, batches->add);
+    }
+    change(1, batches->remove);
+    replace_all_but(1);
+    ASSERT_EQ(ace_of(first)->capture, is);
+  }
+}
+
 uint32_t visit(es_acl_head*, const es_acl_ace* ace, va_list* args) {
   if (ace->seq == 100) *va_arg(*args, const es_acl_ace**) = ace;
   return 0;
