@@ -13,8 +13,7 @@
 namespace es_acl {
 
 // Room for n elements, all zero, and as many marks of the store's; exists() tells whether there was memory for it. Additions
-// are copied to records of the rules pool, which go back with the batch; a batch that nobody will be shown can name them
-// where they are.
+// are copied to records of the rules pool, which go back with the batch.
 class EditBatch {
  public:
   explicit EditBatch(uint32_t n)
@@ -34,23 +33,20 @@ class EditBatch {
   // A stored ACE that is about to be removed. It stays the store's.
   void show_stored(uint32_t seq, es_acl_ace* stored) { elements_[size_++] = {seq, stored, nullptr, 0}; }
 
-  // Before the first addition; a batch of stored ACEs is emptied. Additions that nobody is shown are named where they are.
-  void begin_additions(bool shown) {
+  // Before the first addition; a batch of stored ACEs is emptied.
+  void begin_additions() {
     std::memset(elements_.get(), 0, size_ * sizeof(ace_edit_info));
     size_ = 0;
-    copies_ = shown;
+    copies_ = true;
   }
 
   // An ACE that is not stored yet, and its mark. False when the pool has no record for its copy.
-  bool add(es_acl_ace* ace, es_acl_ace* old_ace, void* mark_of_ace = nullptr) {
-    if (copies_) {
-      es_acl_ace* const copy = es_acl_alloc_rules();
-      if (copy == nullptr) return false;
-      *copy = *ace;
-      ace = copy;
-    }
+  bool add(const es_acl_ace* ace, es_acl_ace* old_ace, void* mark_of_ace = nullptr) {
+    es_acl_ace* const copy = es_acl_alloc_rules();
+    if (copy == nullptr) return false;
+    *copy = *ace;
     mark(size_) = mark_of_ace;
-    elements_[size_++] = {ace->seq, ace, old_ace, old_ace == nullptr ? 1U : 0U};
+    elements_[size_++] = {ace->seq, copy, old_ace, old_ace == nullptr ? 1U : 0U};
     return true;
   }
 

@@ -13,6 +13,8 @@
 namespace es_acl {
 namespace {
 
+constexpr char kNoRegistry[] = "no registry";
+
 bool is_failure(uint32_t result) { return result != 0; }
 bool is_yes(uint32_t answer) { return answer == 1; }
 
@@ -29,7 +31,7 @@ bool may_show_batch(const char* operation, es_acl_head* acl, const list_registry
     begin_look(acl);
     return true;
   }
-  trace(operation, acl == nullptr ? "invalid arguments" : "no registry", EINVAL);
+  trace(operation, acl == nullptr ? "invalid arguments" : kNoRegistry, EINVAL);
   return false;
 }
 
@@ -41,6 +43,9 @@ es_acl_status batch_result(const char* operation, uint32_t result) {
 }
 
 }  // namespace
+
+void trace_untold() { trace("es_acl_invoke_update_callback", kNoRegistry, EINVAL); }
+
 }  // namespace es_acl
 
 using namespace es_acl;
@@ -102,7 +107,7 @@ uint32_t es_acl_invoke_check_usage_callback() {
   DBG_INFO("Entering : %s", operation);
   list_registry* const registry = es_acl_check_usage_notify.get();
   if (registry == nullptr) {
-    trace(operation, "no registry", 0);
+    trace(operation, kNoRegistry, 0);
     return 0;
   }
   const uint32_t answer =

@@ -53,6 +53,9 @@ extern constinit CallbackRegistry es_acl_reseq_notify;
 extern constinit CallbackRegistry es_acl_res_check_notify;
 extern constinit CallbackRegistry es_acl_check_usage_notify;
 
+// The trace record of es_acl_invoke_update_callback() when there is no registry.
+void trace_untold();
+
 // Prepares the ACL's timer leaf, and the process's timer tree when it is the first. Under the ACL's lock. 0, or why it
 // could not be done.
 es_acl_status es_acl_setup_callback_timer(es_acl_head* acl);

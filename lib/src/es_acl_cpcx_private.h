@@ -50,11 +50,20 @@ inline void* published_address() { return __atomic_load_n(&es_acl_global_handle,
 es_acl_status update_aces(const AclUse& use, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n,
                           es_acl_head** head, uint32_t* changed, bool* complete);
 
+// One pushed batch of n records in host byte order, and the ACL that is to be changed by it.
+struct PushedBatch {
+  es_acl_head* acl;
+  uint32_t command;
+  es_acl_pcx_acl_ace* records;
+  uint32_t n;
+};
+
 // Applies a pushed change that was kept aside while this thread filled its ACL.
 void apply_kept_message(void* payload, uint32_t length);
 
-// Name of the dispatcher in debug lines and trace records.
+// Names in debug lines and trace records: the dispatcher's, and that of what applies batches.
 inline constexpr char kHandler[] = "es_acl_cpcx_handler";
+inline constexpr char kUpdate[] = "es_acl_cpcx_handle_pcx_update_ace";
 
 // A message as the bus delivers it, of which nothing may be read behind its end.
 struct Message {

@@ -86,7 +86,7 @@ uint32_t check(es_acl_head* acl, HeldQuery* held, uint32_t cancel, bool* drop_it
     DBG_ERR("%s: memory alloc for ace_edit_info failed", kVerify);
     return ENOMEM;
   }
-  batch.begin_additions(true);
+  batch.begin_additions();
   for (uint32_t i = 0; i < held->request.num_aces; ++i) {
     if (const uint32_t rc = collect(acl, held->candidates()[i].ace, batch); rc != 0) {
       *drop_it = false;

@@ -4,6 +4,8 @@
 // threads can see the list part-way changed; where the store offers one call for several of them, that call does. Nothing
 // is stored before all callbacks have agreed; a batch that is refused leaves the list as it was.
 //
+// A batch that nobody is told of is applied with less (es_acl_cpcx_untold.h).
+//
 // With "delete and add" an ACE that replaces another is reported as a removal and then as an addition; ACEs that are
 // stored already are marked by sequence number 0 in the records. With "add only" the addition carries the old ACE.
 #include <cerrno>
@@ -15,6 +17,7 @@
 #include "es_acl_cb_batch.h"
 #include "es_acl_cb_private.h"
 #include "es_acl_cpcx_private.h"
+#include "es_acl_cpcx_untold.h"
 #include "es_acl_db_pass.h"
 #include "es_acl_diag.h"
 #include "es_acl_gate.h"
@@ -25,7 +28,10 @@
 namespace es_acl {
 namespace {
 
-constexpr char kUpdate[] = "es_acl_cpcx_handle_pcx_update_ace";
+// Whether there are lines about single ACEs.
+bool prints_lines() {
+  return debug_enabled(ES_ACL_DBG_INFO) != nullptr || debug_enabled(ES_ACL_DBG_DETAIL) != nullptr;
+}
 
 // A batch's lines are printed or not as things stand when it comes: what is asked for each of its ACEs has to be cheap.
 #define BATCH_DETAIL(...)      \
@@ -38,15 +44,18 @@ bool add_only() { return es_acl_modify_mode.load(std::memory_order_relaxed) == E
 
 class Update {
  public:
-  Update(es_acl_head* acl, uint32_t command, es_acl_pcx_acl_ace* records, uint32_t n)
-      : prints_(debug_enabled(ES_ACL_DBG_INFO) != nullptr || debug_enabled(ES_ACL_DBG_DETAIL) != nullptr),
-        batches_(prints_ ? nullptr : es_acl_batches),
-        shown_(es_acl_update_notify.get() != nullptr),
-        acl_(acl),
-        command_(command),
-        records_(records),
-        n_(n),
-        batch_(n) {}
+  // `store` is null where the store is asked for one ACE at a time.
+  Update(const PushedBatch& pushed, const es_acl_batch_table* store)
+      : prints_(prints_lines()),
+        batches_(store),
+        acl_(pushed.acl),
+        command_(pushed.command),
+        records_(pushed.records),
+        n_(pushed.n),
+        batch_(pushed.n) {}
+
+  // Whether there was memory for it.
+  bool exists() const { return batch_.exists(); }
 
   // *changed, when non-null, is set to 1 when an addition was reported and made.
   uint32_t run(uint32_t* changed);
@@ -68,17 +77,14 @@ class Update {
   void settle(uint32_t j, const es_acl_batch_item& item);
   void add_all();
 
-  const bool prints_;                        // lines about single ACEs
-  const es_acl_batch_table* const batches_;  // null: one ACE at a time
-  const bool shown_;                         // to callbacks
+  const bool prints_;
+  const es_acl_batch_table* const batches_;
   es_acl_head* acl_;
   uint32_t command_;
   es_acl_pcx_acl_ace* records_;
   uint32_t n_;
   bool complete_ = true;
-  // Of the removals first, then of the additions. While there are no callbacks nobody is shown it, and a store that offers
-  // batches copies what it is offered.
-  EditBatch batch_;
+  EditBatch batch_;  // of the removals first, then of the additions
 };
 
 // The record that the removal scan comes to as the k-th: a removal's first to last, an addition's last to first.
@@ -111,7 +117,7 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
 // Several records are looked for before the first of them is looked at: what the store has found is mostly not in the
 // caches yet, and is fetched side by side.
 void Update::scan_for_removals() {
-  Pass pass(acl_, batches_, shown_);
+  Pass pass(acl_, batches_);
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     look_for(&pass, first, count);
     for (uint32_t k = 0; k < count; ++k) {
@@ -175,8 +181,8 @@ uint32_t Update::collect_piece(Pass* pass, uint32_t first, uint32_t count) {
 }
 
 uint32_t Update::collect_additions() {
-  batch_.begin_additions(shown_ || batches_ == nullptr);
-  Pass pass(acl_, batches_, shown_);
+  batch_.begin_additions();
+  Pass pass(acl_, batches_);
   uint32_t rc = 0;
   pass.in_pieces(n_, [&](uint32_t first, uint32_t count) {
     if (rc == 0) rc = collect_piece(&pass, first, count);
@@ -222,14 +228,6 @@ void Update::settle(uint32_t j, const es_acl_batch_item& item) {
 }
 
 uint32_t Update::run(uint32_t* changed) {
-  if (!batch_.exists()) {
-    trace(kUpdate, "no memory for a batch", n_);
-    DBG_ERR("%s: memory alloc for ace_edit_info failed: ACL name:%s", kUpdate, records_->acl_name);
-    return ENOMEM;
-  }
-  BATCH_DETAIL("%s Received a batch of %u of ACL %s for %s", kUpdate, n_, records_->acl_name,
-               command_ == ACL_PCX_REMOVE_ACE ? "ACL_PCX_REMOVE_ACE" : "ACL_PCX_ADD_ACE");
-  trace_name(kUpdate, "batch", records_->acl_name, n_, command_);
   uint32_t rc = command_ == ACL_PCX_REMOVE_ACE || !add_only() ? report_removals() : 0;
   if (rc != 0) return rc;
   if (command_ == ACL_PCX_REMOVE_ACE) {
@@ -243,6 +241,29 @@ uint32_t Update::run(uint32_t* changed) {
   if (changed != nullptr) *changed = 1;
   add_all();
   return 0;
+}
+
+template <typename Kind>
+uint32_t run(Kind update, const PushedBatch& pushed, uint32_t* changed, bool* complete) {
+  const char* const name = pushed.records->acl_name;
+  if (!update.exists()) {
+    trace(kUpdate, "no memory for a batch", pushed.n);
+    DBG_ERR("%s: memory alloc for ace_edit_info failed: ACL name:%s", kUpdate, name);
+    return ENOMEM;
+  }
+  DBG_DETAIL("%s Received a batch of %u of ACL %s for %s", kUpdate, pushed.n, name,
+             pushed.command == ACL_PCX_REMOVE_ACE ? "ACL_PCX_REMOVE_ACE" : "ACL_PCX_ADD_ACE");
+  trace_name(kUpdate, "batch", name, pushed.n, pushed.command);
+  const uint32_t rc = update.run(changed);
+  if (!update.complete()) *complete = false;
+  return rc;
+}
+
+uint32_t apply(const PushedBatch& pushed, uint32_t* changed, bool* complete) {
+  const es_acl_batch_table* const store = prints_lines() ? nullptr : es_acl_batches;
+  if (store != nullptr && es_acl_update_notify.get() == nullptr)
+    return run(UntoldUpdate(pushed, *store), pushed, changed, complete);
+  return run(Update(pushed, store), pushed, changed, complete);
 }
 
 }  // namespace
@@ -263,10 +284,7 @@ es_acl_status update_aces(const AclUse& use, uint32_t command, es_acl_pcx_acl_ac
     return EINVAL;
   }
   *head = acl;
-  Update update(acl, command, records, n);
-  const uint32_t rc = update.run(changed);
-  if (!update.complete()) *complete = false;
-  return rc;
+  return apply({acl, command, records, n}, changed, complete);
 }
 
 }  // namespace es_acl

@@ -150,7 +150,7 @@ uint32_t es_acl_compare_ace(const es_acl_ace* ace, const es_acl_ace* rules) {
     DBG_ERR("%s: Invalid arguments. ACE or rules doesn't exist", __func__);
     return 0;
   }
-  if (std::memcmp(ace, rules, sizeof *ace) == 0) return 1;
+  if (equal(*ace, *rules)) return 1;
   DBG_INFO("%s: rule structure doesn't match.", __func__);
   return 0;
 }

@@ -16,10 +16,8 @@ namespace es_acl {
 
 class Pass {
  public:
-  // `batches` is what the store offers, or null where something is to be done between the steps. What is found may be
-  // shown to callbacks.
-  Pass(es_acl_head* acl, const es_acl_batch_table* batches, bool shown = false)
-      : acl_(acl), batches_(batches), shown_(shown) {}
+  // `batches` is what the store offers, or null where something is to be done between the steps.
+  Pass(es_acl_head* acl, const es_acl_batch_table* batches) : acl_(acl), batches_(batches) {}
 
   // Calls do_piece(first, count) for n ACEs in pieces of as many as go with one step.
   template <typename DoPiece>
@@ -31,14 +29,14 @@ class Pass {
   es_acl_iter position() const { return iter_; }
 
   // The steps, for the first n items, filled in as es_acl_batch_item says. A record that is added is left in its item
-  // when it is still the caller's.
+  // when it is still the caller's. What is found may be shown to callbacks.
   void search_back(uint32_t n) {
-    if (batches_ != nullptr) return call(batches_->search, n, shown_);
+    if (batches_ != nullptr) return call(batches_->search, n, true);
     for (es_acl_batch_item* item = items_; item != items_ + n; ++item)
       *item = {item->seq, 0, es_acl_search_item_biter(acl_, item->seq, &iter_), nullptr, 0};
   }
   void search_forward(uint32_t n) {
-    if (batches_ != nullptr) return call(batches_->search, n, shown_);
+    if (batches_ != nullptr) return call(batches_->search, n, true);
     for (es_acl_batch_item* item = items_; item != items_ + n; ++item)
       *item = {item->seq, 0, es_acl_search_item_fiter(acl_, item->seq, &iter_), nullptr, 0};
   }
@@ -65,7 +63,6 @@ class Pass {
 
   es_acl_head* const acl_;
   const es_acl_batch_table* const batches_;
-  const bool shown_;
   es_acl_iter iter_ = nullptr;
   es_acl_batch_item items_[ES_ACL_BATCH_MAX];
 };

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 
 #include "es_acl/es_acl_store.h"
 #include "es_platform/diag.h"
@@ -74,6 +75,11 @@ inline int32_t references(es_acl_head* acl) {
 }
 inline uint32_t ace_count(es_acl_head* acl) {
   return std::atomic_ref<uint32_t>(acl->ace_count).load(std::memory_order_relaxed);
+}
+
+// Byte for byte.
+inline bool equal(const es_acl_ace& one, const es_acl_ace& other) {
+  return std::memcmp(&one, &other, sizeof one) == 0;
 }
 
 // Tells the store that somebody is going to look at the list without the lock.

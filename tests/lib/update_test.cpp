@@ -216,10 +216,14 @@ class StoreWithBatches : public Update {
   void SetUp() override {
     Update::SetUp();
     tells_ = told_;
+    meanwhile_ = [] {};
     static const es_acl_batch_table table = {search, add, remove};
     es_acl_offer_batches(&table);
   }
   ~StoreWithBatches() override { es_acl_offer_batches(nullptr); }
+
+  // What another thread does while the store is searched the next time.
+  static inline std::function<void()> meanwhile_;
 
   static void print_lines(uint32_t enabled) {
     for (debug_category& category : platform().categories) category.enabled = enabled;
@@ -234,6 +238,7 @@ class StoreWithBatches : public Update {
   static void search(es_acl_head* acl, es_acl_batch_item* items, uint32_t n) {
     const Backstage backstage;
     show_call("search", acl, items, n);
+    std::exchange(meanwhile_, [] {})();
     if (tells_) {
       EXPECT_EQ(acl->looks % 2, 1U) << "what is found is shown";
       ++acl->looks;
@@ -322,7 +327,54 @@ TEST_F(StoreWithBatches, RecordsThatItDoesNotKeepGoBack) {
 class Untold : public StoreWithBatches {
  protected:
   Untold() { told_ = false; }
+
+  // What one batch leaves behind in an ACL of its own. With lines it is applied as those are that somebody is told of.
+  Lines left_by(uint32_t command, const Aces& pushed, uint32_t with_lines) {
+    hold({{0, 5}, {10, 1}, {20, 2}, kRemark, {40, 4}}, "own");
+    print_lines(with_lines);
+    const uint32_t status = apply(command, pushed, "own");
+    Lines left = {show(status) + " " + show(changed_)};
+    for (const std::string& line : take_log(kTrace)) left.push_back(line);
+    for (const Ace& ace : list(found_)) left.push_back(show(ace.seq) + "=" + show(ace.content));
+    for (const es_acl_pcx_acl_ace& record : records_) left.push_back("record " + show(record.ace.seq));
+    release({found_});
+    return left;
+  }
 };
+
+TEST_F(Untold, LeavesWhatBeingToldLeaves) {
+  Aces many;
+  for (uint32_t i = 0; i < 70; ++i)
+    many.push_back({i % 45, static_cast<uint8_t>(i % 3), i % 7 == 0 ? 1U : 0U});
+  const Aces rows[] = {kMixed,    kToRemove, kTwice, {{0, 5}}, {{0, 6}, {20, 9}}, {{30, 8, 1}, {10, 1, 1}},
+                       {{10, 1}}, many};
+  for (const uint32_t mode : {0U, 1U}) {
+    es_acl_set_modify_mode(mode);
+    for (const uint32_t command : {kAdd, kRemove})
+      for (const Aces& row : rows)
+        EXPECT_EQ(left_by(command, row, 0), left_by(command, row, 1))
+            << "mode " << mode << ", command " << command << ", row " << &row - rows;
+  }
+}
+
+TEST_F(Untold, WhoComesMeanwhileHearsOfTheNext) {
+  print_lines(0);
+  meanwhile_ = [this] { es_acl_register_update_callback(on_update, &client_); };
+  EXPECT_EQ(apply(kAdd, {{20, 9}, {60, 6}}), 0U);
+  EXPECT_EQ(lines(log_of("remove("), log_of("add(")), Lines{});
+  EXPECT_EQ(apply(kRemove, {{60}}), 0U);
+  EXPECT_EQ(log_of("remove(").size(), 1U);
+}
+
+TEST_F(Untold, WithoutMemoryNothingChanges) {
+  apply(kAdd, {{20, 9}, {50}});
+  records_[0].ace.log_option = 7;
+  print_lines(0);
+  fail_allocation(1);
+  EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 2, &found_, &changed_), 12U);
+  EXPECT_TRUE(end_allocation_failure());
+  EXPECT_EQ(list(head_), (Aces{{10, 1}, {20, 9}, kRemark, {40, 4}, {50}}));
+}
 
 TEST_F(Untold, NothingIsCopiedForNobody) {
   print_lines(0);

@@ -113,10 +113,12 @@ bool UnixSink::beat() {
   return done_locked(error != 0 ? error : write_locked());
 }
 
+// A service thread that waits for the socket comes back by itself, and is not woken for what it then takes.
 bool UnixSink::done_locked(int error) {
   error_ = error;
   if (error_ != 0) pending_.clear();
-  if ((queued_ != 0 || error_ != 0) && !announced_) {
+  const bool is_due = error_ != 0 || (queued_ != 0 && !serviced_);
+  if (is_due && !announced_) {
     wake_list_.add(connection_);
     announced_ = true;
   }
@@ -165,6 +167,7 @@ int UnixSink::flush(bool* rest) {
   std::lock_guard lock(mutex_);
   queued_ -= written;
   serviced_ = *rest;
+  done_locked(error_);
   return error;
 }
 
