@@ -28,7 +28,6 @@
 namespace es_acl {
 namespace {
 
-// Whether there are lines about single ACEs.
 bool prints_lines() {
   return debug_enabled(ES_ACL_DBG_INFO) != nullptr || debug_enabled(ES_ACL_DBG_DETAIL) != nullptr;
 }
@@ -44,10 +43,9 @@ bool add_only() { return es_acl_modify_mode.load(std::memory_order_relaxed) == E
 
 class Update {
  public:
-  // `store` is null where the store is asked for one ACE at a time.
-  Update(const PushedBatch& pushed, const es_acl_batch_table* store)
+  explicit Update(const PushedBatch& pushed)
       : prints_(prints_lines()),
-        batches_(store),
+        batches_(prints_ ? nullptr : es_acl_batches),
         acl_(pushed.acl),
         command_(pushed.command),
         records_(pushed.records),
@@ -77,8 +75,8 @@ class Update {
   void settle(uint32_t j, const es_acl_batch_item& item);
   void add_all();
 
-  const bool prints_;
-  const es_acl_batch_table* const batches_;
+  const bool prints_;                        // lines about single ACEs
+  const es_acl_batch_table* const batches_;  // null: one ACE at a time
   es_acl_head* acl_;
   uint32_t command_;
   es_acl_pcx_acl_ace* records_;
@@ -260,10 +258,10 @@ uint32_t run(Kind update, const PushedBatch& pushed, uint32_t* changed, bool* co
 }
 
 uint32_t apply(const PushedBatch& pushed, uint32_t* changed, bool* complete) {
-  const es_acl_batch_table* const store = prints_lines() ? nullptr : es_acl_batches;
-  if (store != nullptr && es_acl_update_notify.get() == nullptr)
+  const es_acl_batch_table* const store = es_acl_batches;
+  if (store != nullptr && !prints_lines() && es_acl_update_notify.get() == nullptr)
     return run(UntoldUpdate(pushed, *store), pushed, changed, complete);
-  return run(Update(pushed, store), pushed, changed, complete);
+  return run(Update(pushed), pushed, changed, complete);
 }
 
 }  // namespace
