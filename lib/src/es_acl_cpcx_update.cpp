@@ -103,7 +103,7 @@ void Update::judge(uint32_t i, es_acl_ace* found) {
   es_acl_ace& ace = records_[i].ace;
   BATCH_DETAIL("%s: i %u acl %s ace %u found", kUpdate, i, acl_->name, ace.seq);
   if (found->kind == ES_ACL_KIND_REMARK) return;
-  if (command_ == ACL_PCX_ADD_ACE && es_acl_compare_ace(found, &ace) != 0) {
+  if (command_ != ACL_PCX_REMOVE_ACE && es_acl_compare_ace(found, &ace) != 0) {
     BATCH_DETAIL("%s: i %u compare ace succeeded, seq %u", kUpdate, i, ace.seq);
     ace.seq = 0;
     return;

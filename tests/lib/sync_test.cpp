@@ -39,7 +39,9 @@ class Sync : public PushTest {
     PushTest::SetUp();
     platform().pcx_get_optimum_msg_size.always(320);
     ASSERT_EQ(es_acl_register_sync_callback(on_state, nullptr), 0U);
-    ASSERT_EQ(es_acl_register_update_callback(on_update, &client_), 0U);
+    if (told_) {
+      ASSERT_EQ(es_acl_register_update_callback(on_update, &client_), 0U);
+    }
     serve({{10, 1}});
     head_ = get({"edge"}).heads[0];
     ASSERT_NE(head_, nullptr);
@@ -73,6 +75,7 @@ class Sync : public PushTest {
   es_acl_sync_info info() const { return info(head_); }
   static std::string retry(int ms) { return "pcx_renew_later(reg:edge, " + std::to_string(ms) + ")"; }
 
+  bool told_ = true;
   es_acl_head* head_ = nullptr;
   Client client_;
 };
@@ -250,6 +253,36 @@ TEST_F(Sync, WhatCannotBeAppliedIsMadeUpFor) {
   store().add_acl_item_iter.next(12);
   EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, &handed_in, 1, &found, nullptr), 0U);
   EXPECT_EQ(info().state, uint32_t{ES_ACL_CATCHING_UP});
+}
+
+// Who has no callbacks, in a store that is given batches and refuses one ACE of them.
+class UntoldSync : public Sync {
+ protected:
+  UntoldSync() { told_ = false; }
+  ~UntoldSync() override { es_acl_offer_batches(nullptr); }
+
+  static void search(es_acl_head*, es_acl_batch_item* items, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) items[i].ace = nullptr, items[i].mark = nullptr;
+  }
+  static void add(es_acl_head*, es_acl_batch_item* items, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) items[i].status = items[i].seq == refused_ ? 12 : 0;
+  }
+  static inline uint32_t refused_;
+};
+
+TEST_F(UntoldSync, WhatTheStoreRefusesIsMadeUpFor) {
+  static const es_acl_batch_table table = {search, add, add};
+  es_acl_offer_batches(&table);
+  for (debug_category& category : platform().categories) category.enabled = 0;
+  Aces many;
+  for (uint32_t seq = 20; seq < 60; ++seq) many.push_back({seq});
+  for (const uint32_t refused : {0U, 20U, 51U, 52U, 59U}) {
+    refused_ = refused;
+    push(batch(kAdd, many));
+    EXPECT_EQ(info().state, uint32_t{refused == 0 ? ES_ACL_IN_STEP : ES_ACL_CATCHING_UP}) << refused;
+    serve({{10, 1}});
+    tell(kRenewed, 1);
+  }
 }
 
 TEST_F(Sync, WithoutAProducerItIsFilledWhenThereIsOne) {

@@ -228,6 +228,10 @@ class StoreWithBatches : public Update {
   static void print_lines(uint32_t enabled) {
     for (debug_category& category : platform().categories) category.enabled = enabled;
   }
+  static void print_only(uint32_t category) {
+    print_lines(0);
+    platform().categories[category].enabled = 1;
+  }
 
  private:
   static void show_call(const std::string& what, es_acl_head* acl, const es_acl_batch_item* items,
@@ -297,10 +301,12 @@ TEST_F(StoreWithBatches, GetsPiecesOfABatch) {
     EXPECT_EQ(log_of("batch "), calls);
   }
   EXPECT_EQ(list(head_), kStored);
-  print_lines(1);
-  clear_log();
-  EXPECT_EQ(apply(kAdd, {{50}}) + apply(kRemove, {{50}}), 0U);
-  EXPECT_EQ(log_of("batch "), Lines{});
+  for (const uint32_t category : {1U, 2U}) {
+    print_only(category);
+    clear_log();
+    EXPECT_EQ(apply(kAdd, {{50}}) + apply(kRemove, {{50}}), 0U);
+    EXPECT_EQ(log_of("batch "), Lines{}) << category;
+  }
 }
 
 // What is not searched for moves nothing that is.
@@ -329,8 +335,8 @@ class Untold : public StoreWithBatches {
   Untold() { told_ = false; }
 
   // What one batch leaves behind in an ACL of its own. With lines it is applied as those are that somebody is told of.
-  Lines left_by(uint32_t command, const Aces& pushed, uint32_t with_lines) {
-    hold({{0, 5}, {10, 1}, {20, 2}, kRemark, {40, 4}}, "own");
+  Lines left_by(uint32_t command, const Aces& stored, const Aces& pushed, uint32_t with_lines) {
+    hold(stored, "own");
     print_lines(with_lines);
     const uint32_t status = apply(command, pushed, "own");
     Lines left = {show(status) + " " + show(changed_)};
@@ -348,12 +354,13 @@ TEST_F(Untold, LeavesWhatBeingToldLeaves) {
     many.push_back({i % 45, static_cast<uint8_t>(i % 3), i % 7 == 0 ? 1U : 0U});
   const Aces rows[] = {kMixed,    kToRemove, kTwice, {{0, 5}}, {{0, 6}, {20, 9}}, {{30, 8, 1}, {10, 1, 1}},
                        {{10, 1}}, many};
-  for (const uint32_t mode : {0U, 1U}) {
+  for (const uint32_t mode : {0U, 1U, 7U}) {
     es_acl_set_modify_mode(mode);
-    for (const uint32_t command : {kAdd, kRemove})
-      for (const Aces& row : rows)
-        EXPECT_EQ(left_by(command, row, 0), left_by(command, row, 1))
-            << "mode " << mode << ", command " << command << ", row " << &row - rows;
+    for (const Aces& stored : {kStored, Aces{{0, 5}, {10, 1}, {20, 2}, kRemark}})
+      for (const uint32_t command : {0U, 1U, 7U})
+        for (const Aces& row : rows)
+          EXPECT_EQ(left_by(command, stored, row, 0), left_by(command, stored, row, 1))
+              << "mode " << mode << ", command " << command << ", row " << &row - rows;
   }
 }
 
@@ -364,6 +371,14 @@ TEST_F(Untold, WhoComesMeanwhileHearsOfTheNext) {
   EXPECT_EQ(lines(log_of("remove("), log_of("add(")), Lines{});
   EXPECT_EQ(apply(kRemove, {{60}}), 0U);
   EXPECT_EQ(log_of("remove(").size(), 1U);
+}
+
+TEST_F(Untold, PointerBytesAreCleared) {
+  print_lines(0);
+  apply(kAdd, {{50}});
+  records_[0].ace.private_data = this;
+  EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 1, &found_, nullptr), 0U);
+  EXPECT_EQ(log_of("batch add").size(), 2U);
 }
 
 TEST_F(Untold, WithoutMemoryNothingChanges) {
