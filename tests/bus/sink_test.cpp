@@ -1,4 +1,4 @@
-// When the service thread is told of a consumer that something is queued for: never twice for the same, and never not at all.
+// When the service thread is told of a consumer that something is queued for: not twice for the same, and always once.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
