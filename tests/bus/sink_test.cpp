@@ -20,7 +20,7 @@ std::function<void()> meanwhile = [] {};  // what another thread does while the 
 
 // The linker routes the calls here.
 extern "C" ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
-extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
+extern "C" [[gnu::visibility("default")]] ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
   std::exchange(meanwhile, [] {})();
   return __real_sendmsg(fd, message, flags);
 }
