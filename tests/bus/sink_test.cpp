@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bus/unix_sink.h"
+#include "es_platform/clock.h"
 
 namespace {
 
@@ -66,6 +67,10 @@ class Sink : public testing::Test {
   void fill_socket() {
     while (announced() == 0 || !serve()) push_burst();
   }
+  void take_some(size_t bytes) {
+    std::string taken(bytes, '\0');
+    EXPECT_EQ(recv(ends_[1], taken.data(), bytes, MSG_WAITALL), static_cast<ssize_t>(bytes));
+  }
 
   int ends_[2];
   const std::string message_ = std::string(100, 'm');
@@ -97,6 +102,20 @@ TEST_F(Sink, WhoWaitsForTheSocketIsToldOfAnOverflowAndOfNothingElse) {
   }
   EXPECT_EQ(announced(), 1U);
   serve(ENOBUFS);
+}
+
+TEST_F(Sink, WhileTheSocketTakesLargePiecesTheServiceThreadComesBackByItself) {
+  fill_socket();
+  for (int i = 0; i < 100; ++i) push_burst();
+  take_some(100000);
+  const uint64_t before = clock_now_ns();
+  EXPECT_TRUE(serve());
+  EXPECT_GT(sink_->due_ns(), before);
+  while (clock_now_ns() < sink_->due_ns()) {
+  }
+  take_some(1000);
+  EXPECT_TRUE(serve());
+  EXPECT_LT(sink_->due_ns(), clock_now_ns());
 }
 
 TEST_F(Sink, WhatTheSocketTakesInTheEndIsAll) {

@@ -17,7 +17,6 @@ constexpr uint64_t kWakeId = 0, kListenerId = 1, kFirstConnectionId = 2;
 constexpr size_t kSpareKept = 4 << 20;  // larger answer buffers are given back when they rest
 constexpr int kEventsAtOnce = 64;
 constexpr uint64_t kPauseNs = 30'000;
-constexpr uint64_t kBurstPauseNs = 100'000;  // two or three times what a large piece takes to come together
 
 constexpr FrameKinds kRequestKinds = frame_kinds(FrameKind::read, FrameKind::lookup, FrameKind::ping);
 constexpr FrameKinds kEventKinds = frame_kinds(FrameKind::subscribe, FrameKind::unsubscribe, FrameKind::mark,
@@ -103,9 +102,10 @@ void UnixServer::serve_event(const epoll_event& event) {
 
 void UnixServer::serve_connection(UnixConnection& connection, uint32_t events) {
   if ((events & EPOLLOUT) != 0) {
-    const bool alive = connection.sink != nullptr ? flush_events(connection)
-                                                  : flush_answer(connection) && handle_frames(connection);
-    if (!alive) return;
+    if (connection.sink != nullptr)
+      write_soon(connection);
+    else if (!flush_answer(connection) || !handle_frames(connection))
+      return;
   }
   if ((events & EPOLLIN) != 0) {
     read_from(connection);
@@ -284,7 +284,13 @@ bool UnixServer::flush_answer(UnixConnection& connection) {
 
 // --- Events ---
 
-bool UnixServer::flush_events(UnixConnection& connection) {
+void UnixServer::write_soon(const UnixConnection& connection) {
+  woken_.push_back(connection.id);
+  flush_at_ns_ = 0;
+}
+
+// Whether it is to be done again when it is due; else the socket says when, or nothing is left, or it has been closed.
+bool UnixServer::flush_events(UnixConnection& connection, uint64_t now_ns) {
   bool rest = false;
   const int error = connection.sink->flush(&rest);
   if (error == ENOBUFS) {
@@ -294,7 +300,8 @@ bool UnixServer::flush_events(UnixConnection& connection) {
         static_cast<unsigned long long>(++overflows_));
   }
   if (error != 0) return connections_.close(connection);
-  return connections_.set_interest(connection, rest ? EPOLLIN | EPOLLOUT : EPOLLIN);
+  const bool again = rest && connection.sink->due_ns() > now_ns;
+  return connections_.set_interest(connection, rest && !again ? EPOLLIN | EPOLLOUT : EPOLLIN) && again;
 }
 
 // A consumer that does not answer may be in a callback, which may take its time: that is said, and nothing done.
@@ -315,7 +322,7 @@ void UnixServer::answered_beat(UnixConnection& connection) {
 // In a burst those who push write most of it themselves, and are let do so.
 void UnixServer::woken() {
   wake_list_.quiet();
-  flush_at_ns_ = clock_now_ns() + (connections_.are_crowded() ? kPauseNs : 0);
+  flush_at_ns_ = std::min(flush_at_ns_, clock_now_ns() + (connections_.are_crowded() ? kPauseNs : 0));
 }
 
 uint64_t UnixServer::pause_left_ns() const {
@@ -328,15 +335,18 @@ void UnixServer::flush_woken() try {
   const uint64_t now_ns = clock_now_ns();
   flush_at_ns_ = now_ns + kPauseNs;
   wake_list_.take(&woken_);
+  flush_at_ns_ = UINT64_MAX;
   std::erase_if(woken_, [&](uint64_t id) {
     UnixConnection* connection = connections_.find(id);
     if (connection == nullptr) return true;
-    if (connection->sink->tried_since(now_ns - kBurstPauseNs)) return false;
-    connection->sink->woken();
-    flush_events(*connection);
-    return true;
+    UnixSink& sink = *connection->sink;
+    if (sink.due_ns() <= now_ns) {
+      sink.woken();
+      if (!flush_events(*connection, now_ns)) return true;
+    }
+    flush_at_ns_ = std::min(flush_at_ns_, sink.due_ns());
+    return false;
   });
-  if (woken_.empty()) flush_at_ns_ = UINT64_MAX;
 } catch (const std::bad_alloc&) {
   log_.line("out of memory");
 }

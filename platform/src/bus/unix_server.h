@@ -38,6 +38,8 @@ class UnixServer final : public Server {
   void woken();
   uint64_t pause_left_ns() const;
   void flush_woken();
+  void write_soon(const UnixConnection& connection);
+  bool flush_events(UnixConnection& connection, uint64_t now_ns);
   void beat_all();
   void answered_beat(UnixConnection& connection);
 
@@ -48,7 +50,6 @@ class UnixServer final : public Server {
   bool greet(UnixConnection& connection, const Hello& hello);
   bool answer(UnixConnection& connection, const FrameHeader& header, char* payload);
   bool flush_answer(UnixConnection& connection);
-  bool flush_events(UnixConnection& connection);
   bool close_malformed(UnixConnection& connection, const char* why);
 
   void handle_change(UnixPeer& peer, const FrameHeader& header, const char* payload);

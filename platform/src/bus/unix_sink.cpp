@@ -20,6 +20,9 @@ constexpr uint32_t kCrowd = 16;
 constexpr size_t kLongestAtOnce = 8 << 10;
 constexpr size_t kLargeWrite = 88 << 10;  // consumers spend a fifth more time on receiving pieces of 64 KB
 constexpr uint32_t kManyConsumers = 8;
+constexpr uint64_t kBurstPauseNs = 100'000;  // two or three times what a large piece takes to come together
+constexpr size_t kFlow = 32 << 10;
+constexpr uint64_t kFlowPauseNs = 60'000;  // in which the quickest consumers do not empty a socket
 
 }  // namespace
 
@@ -143,7 +146,7 @@ int UnixSink::write_locked() {
   const int error = writing_.flush(fd_, &written);
   queued_ -= written;
   const uint64_t now_ns = pace_.wrote();
-  if (large) pushed_out_ns_.store(now_ns, std::memory_order_relaxed);
+  if (large) due_ns_.store(now_ns + kBurstPauseNs, std::memory_order_relaxed);
   return error;
 }
 
@@ -164,6 +167,7 @@ int UnixSink::flush(bool* rest) {
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
   *rest = !writing_.empty() || !all;
+  if (*rest && written >= kFlow) due_ns_.store(clock_now_ns() + kFlowPauseNs, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
   queued_ -= written;
   serviced_ = *rest;

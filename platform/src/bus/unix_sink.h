@@ -4,7 +4,8 @@
 //     thread wakes;
 //   - what makes a large write, unless there are many consumers: the service thread would only take the processor from
 //     whoever pushes.
-// The service thread writes the rest: what is queued when a burst pauses, and what the socket does not take at once.
+// The service thread writes the rest: what is queued when a burst pauses, and what the socket does not take at once. While
+// a socket takes large pieces it comes back by the clock: to be woken costs the consumer that makes room more.
 #ifndef ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 #define ES_PLATFORM_SRC_BUS_UNIX_SINK_H_
 
@@ -79,12 +80,11 @@ class UnixSink final : public EventSink {
   bool beat();
   // It has been taken from the wake list, and may be added again.
   void woken();
-  // Whoever pushes has come to a large write at or after that time, taken by the socket or not, and probably goes on.
-  bool tried_since(uint64_t time_ns) const noexcept {
-    return pushed_out_ns_.load(std::memory_order_relaxed) >= time_ns;
-  }
-  // Writes what the socket takes; *rest tells whether something is left. 0 or an errno value, here or when a
-  // message was handed in; ENOBUFS when the queue has overflowed.
+  // When it is to write: later, where whoever pushes comes to large writes, and where the socket takes large pieces.
+  uint64_t due_ns() const noexcept { return due_ns_.load(std::memory_order_relaxed); }
+  // Writes what the socket takes; *rest tells whether something is left: then it is due again, later or when the
+  // socket says that it takes more. 0 or an errno value, here or when a message was handed in; ENOBUFS when the queue
+  // has overflowed.
   int flush(bool* rest);
 
  private:
@@ -105,8 +105,8 @@ class UnixSink final : public EventSink {
   bool announced_ = false;
   // What is being written: by whoever holds the mutex, or by the service thread without it while `serviced_`.
   OutQueue writing_;
-  bool serviced_ = false;                   // the service thread writes, or waits until the socket takes more
-  std::atomic<uint64_t> pushed_out_ns_{0};  // the last large write of whoever pushes
+  bool serviced_ = false;  // the service thread writes, or will when the socket takes more
+  std::atomic<uint64_t> due_ns_{0};
 };
 
 }  // namespace es_platform::bus
