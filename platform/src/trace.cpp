@@ -142,10 +142,17 @@ void draft::store_in(trace_record& place, uint64_t final_ticket) {
   shared_word(place.ticket).store(final_ticket, std::memory_order_release);
 }
 
+// A buffer is so large that who writes mostly finds the next record out of the near caches.
+inline void prefetch(const trace_record& record) {
+  const auto* bytes = reinterpret_cast<const char*>(&record);
+  for (size_t at = 0; at < sizeof record; at += 64) __builtin_prefetch(bytes + at, 1);
+}
+
 // Tickets are even and begin at 2.
 void draft::append(rlog_ctx* ctx) {
   const uint64_t turn = shared_word(ctx->body->next).fetch_add(1, std::memory_order_relaxed);
   trace_record& place = ctx->records[turn & (ctx->capacity - 1)];
+  prefetch(ctx->records[(turn + 1) & (ctx->capacity - 1)]);
   const uint64_t ticket = 2 * (turn + 1);
   if (own(place, ticket)) {
     store_in(place, ticket);

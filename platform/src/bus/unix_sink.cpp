@@ -22,7 +22,8 @@ constexpr size_t kLargeWrite = 88 << 10;  // consumers spend a fifth more time o
 constexpr uint32_t kManyConsumers = 8;
 constexpr uint64_t kBurstPauseNs = 100'000;  // two or three times what a large piece takes to come together
 constexpr size_t kFlow = 32 << 10;
-constexpr uint64_t kFlowPauseNs = 60'000;  // in which the quickest consumers do not empty a socket
+constexpr uint64_t kFlowPauseNs = 100'000;  // in which hardly a consumer empties a socket
+constexpr uint64_t kFlowEndNs = 500'000;    // a few of the pieces in which consumers receive
 
 }  // namespace
 
@@ -167,7 +168,10 @@ int UnixSink::flush(bool* rest) {
   size_t written = 0;
   const int error = writing_.flush(fd_, &written);
   *rest = !writing_.empty() || !all;
-  if (*rest && written >= kFlow) due_ns_.store(clock_now_ns() + kFlowPauseNs, std::memory_order_relaxed);
+  const uint64_t now_ns = clock_now_ns();
+  if (written >= kFlow) flowed_ns_ = now_ns;
+  if (*rest && now_ns - flowed_ns_ < kFlowEndNs)
+    due_ns_.store(now_ns + kFlowPauseNs, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
   queued_ -= written;
   serviced_ = *rest;

@@ -80,7 +80,7 @@ class UnixSink final : public EventSink {
   bool beat();
   // It has been taken from the wake list, and may be added again.
   void woken();
-  // When it is to write: later, where whoever pushes comes to large writes, and where the socket takes large pieces.
+  // When it is to write: later, where whoever pushes comes to large writes, and while the socket takes large pieces.
   uint64_t due_ns() const noexcept { return due_ns_.load(std::memory_order_relaxed); }
   // Writes what the socket takes; *rest tells whether something is left: then it is due again, later or when the
   // socket says that it takes more. 0 or an errno value, here or when a message was handed in; ENOBUFS when the queue
@@ -107,6 +107,7 @@ class UnixSink final : public EventSink {
   OutQueue writing_;
   bool serviced_ = false;  // the service thread writes, or will when the socket takes more
   std::atomic<uint64_t> due_ns_{0};
+  uint64_t flowed_ns_ = 0;  // when the socket took a large piece of the service thread's
 };
 
 }  // namespace es_platform::bus
