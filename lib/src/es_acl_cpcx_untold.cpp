@@ -26,7 +26,8 @@ UntoldUpdate::UntoldUpdate(const PushedBatch& pushed, const es_acl_batch_table& 
     : pushed_(pushed),
       store_(store),
       add_only_(es_acl_modify_mode.load(std::memory_order_relaxed) == ES_ACL_MODIFY_ADD_ONLY),
-      items_(uninitialised<es_acl_batch_item>(pushed.n)) {}
+      many_(pushed.n > kFew ? uninitialised<es_acl_batch_item>(pushed.n) : nullptr),
+      items_(pushed.n > kFew ? many_.get() : few_) {}
 
 uint32_t UntoldUpdate::run(uint32_t* changed) {
   if (pushed_.command == ACL_PCX_REMOVE_ACE) {
@@ -93,7 +94,7 @@ void UntoldUpdate::keep(uint32_t first, uint32_t at, uint32_t count) {
     const uint32_t flag = add_only_ && found[k].ace == nullptr ? ES_ACL_ADD_KEEP : ES_ACL_ADD_REPLACE;
     *kept++ = {ace.seq, flag, &ace, found[k].mark, 0};
   }
-  additions_ = static_cast<uint32_t>(kept - items_.get());
+  additions_ = static_cast<uint32_t>(kept - items_);
 }
 
 void UntoldUpdate::collect_additions() {

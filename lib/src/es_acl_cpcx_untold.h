@@ -18,6 +18,8 @@ namespace es_acl {
 class UntoldUpdate {
  public:
   UntoldUpdate(const PushedBatch& pushed, const es_acl_batch_table& store);
+  UntoldUpdate(const UntoldUpdate&) = delete;
+  UntoldUpdate& operator=(const UntoldUpdate&) = delete;
 
   // Whether there was memory for it.
   bool exists() const { return items_ != nullptr; }
@@ -36,11 +38,15 @@ class UntoldUpdate {
   void collect_additions();
   void add_all();
 
+  static constexpr uint32_t kFew = 2 * ES_ACL_BATCH_MAX;
+
   const PushedBatch pushed_;
   const es_acl_batch_table& store_;
   const bool add_only_;
+  const Buffer<es_acl_batch_item> many_;
+  es_acl_batch_item few_[kFew];
   // One for each record; from the collecting of additions on, one for each of these.
-  Buffer<es_acl_batch_item> items_;
+  es_acl_batch_item* const items_;
   uint32_t additions_ = 0;
   uint32_t removals_ = 0;  // that callbacks would have been told of
   bool complete_ = true;

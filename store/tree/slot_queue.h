@@ -37,8 +37,11 @@ class SlotQueue {
   // Room for all the slots that there are. Throws std::bad_alloc; nothing has changed then.
   void reserve(size_t slots);
 
-  // A slot that no reader can know is free at once.
-  void put_free(SlotId id) noexcept { slot(--free_) = id; }
+  // A slot that no reader can know is free at once, and will be taken before those that have waited.
+  void put_free(SlotId id) noexcept {
+    slot(--free_) = id;
+    ++recent_;
+  }
   void put_retired(SlotId id) noexcept {
     slot(end_++) = id;
     if (end_ % kBlock == 0) close_block();
@@ -49,8 +52,13 @@ class SlotQueue {
     if (free_ == waiting_) age();
     return free_ != waiting_;
   }
+  // Whether the next one has not waited, so that it probably is in the caches.
+  bool is_recent() const noexcept { return recent_ != 0; }
   // Only when there is one.
-  SlotId take() noexcept { return slot(free_++); }
+  SlotId take() noexcept {
+    recent_ -= recent_ != 0;
+    return slot(free_++);
+  }
   // The free slot that will be taken after `n` others; kNoSlot when there is none.
   SlotId ahead(uint32_t n) const noexcept { return waiting_ - free_ > n ? slot(free_ + n) : kNoSlot; }
 
@@ -73,6 +81,7 @@ class SlotQueue {
   uint32_t free_ = 0;
   uint32_t waiting_ = 0;
   uint32_t end_ = 0;
+  uint32_t recent_ = 0;  // so many of the free ones have not waited
 };
 
 }  // namespace es_tree

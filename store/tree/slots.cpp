@@ -36,7 +36,7 @@ SlotId SlotPool::take_any(SlotRun& run) {
 }
 
 SlotId SlotPool::take_free() noexcept {
-  if (const SlotId later = queue_.ahead(kAhead); later != kNoSlot) {
+  if (const SlotId later = queue_.is_recent() ? kNoSlot : queue_.ahead(kAhead); later != kNoSlot) {
     prefetch(node(later), sizeof(es_acl_ace_node));
     prefetch(element(later), sizeof(Element));
   }

@@ -180,9 +180,10 @@ TEST_F(Untold, PointerBytesAreCleared) {
 TEST_F(Untold, WithoutMemoryNothingChanges) {
   apply(kAdd, {{20, 9}, {50}});
   records_[0].ace.log_option = 7;
+  records_.resize(65, records_[0]);
   print_lines(0);
   fail_allocation(1);
-  EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 2, &found_, &changed_), 12U);
+  EXPECT_EQ(es_acl_cpcx_handle_pcx_update_ace(kAdd, records_.data(), 65, &found_, &changed_), 12U);
   EXPECT_TRUE(end_allocation_failure());
   EXPECT_EQ(list(head_), (Aces{{10, 1}, {20, 9}, kRemark, {40, 4}, {50}}));
 }
