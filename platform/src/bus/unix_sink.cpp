@@ -21,9 +21,9 @@ constexpr size_t kLongestAtOnce = 8 << 10;
 constexpr size_t kLargeWrite = 88 << 10;  // consumers spend a fifth more time on receiving pieces of 64 KB
 constexpr uint32_t kManyConsumers = 8;
 constexpr uint64_t kBurstPauseNs = 100'000;  // two or three times what a large piece takes to come together
-constexpr size_t kFlow = 32 << 10;
-constexpr uint64_t kFlowPauseNs = 100'000;  // in which hardly a consumer empties a socket
-constexpr uint64_t kFlowEndNs = 500'000;    // a few of the pieces in which consumers receive
+constexpr size_t kFlow = 32 << 10;           // what a socket takes at once that is emptied quickly
+constexpr uint64_t kFlowPauseNs = 100'000;   // in which hardly a consumer empties a socket
+constexpr uint64_t kFlowEndNs = 500'000;     // a few of the pieces in which consumers receive
 
 }  // namespace
 
